@@ -1,0 +1,46 @@
+# Build options and the compile flags every target shares.
+option(KX_BUILD_TESTS "Build the unit tests and the fuzz corpus replayers" ON)
+option(KX_BUILD_BENCH "Build the benchmarks" OFF)
+option(KX_FUZZ "Build the fuzz targets for libFuzzer (needs clang)" OFF)
+set(KX_SANITIZE "" CACHE STRING "Sanitizers to build with, e.g. 'address,undefined' or 'thread'")
+set(KX_CLIENT_ROOT "" CACHE PATH
+    "Take the management agent's client library from this installed tree instead of building it")
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo)
+endif()
+
+# No -DNDEBUG in any build type: the system counts on an assertion stopping the
+# process when a null shared pointer is dereferenced, in production too.
+set(CMAKE_CXX_FLAGS_RELEASE "-O2")
+set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g")
+set(KX_DEBUG_FLAGS "-O0 -g" CACHE STRING "Compile flags of the Debug build type")
+set(CMAKE_CXX_FLAGS_DEBUG "${KX_DEBUG_FLAGS}")
+
+find_program(KX_CCACHE ccache)
+if(KX_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${KX_CCACHE})
+endif()
+
+add_library(kx_flags INTERFACE)
+target_compile_options(kx_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND KX_SANITIZE)
+  # g++ 12 reports false maybe-uninitialized findings in instrumented standard headers.
+  target_compile_options(kx_flags INTERFACE -Wno-error=maybe-uninitialized -Wno-maybe-uninitialized)
+endif()
+
+if(KX_SANITIZE)
+  add_compile_options(-fsanitize=${KX_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${KX_SANITIZE})
+  if(KX_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+endif()
+if(KX_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
