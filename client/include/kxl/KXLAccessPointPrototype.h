@@ -1,0 +1,108 @@
+// The way to a management agent: access objects and the access point.
+//
+// Thread promise: any thread, unless a function says otherwise. Only initializeSync waits.
+#pragma once
+
+#include <boost/intrusive_ptr.hpp>
+#include <boost/shared_ptr.hpp>
+#include <memory>
+#include <string>
+
+#include <kxl/KXLConnectionInfo.h>
+#include <kxl/KXLEnvCache.h>
+#include <kxl/KXLEventLoopPrototype.h>
+#include <kxl/KXLGUID.h>
+#include <kxl/KXLRefCounter.h>
+#include <kxl/KXLRequestHandlerPrototype.h>
+#include <kxl/KXLVocMap.h>
+
+namespace kx::client {
+class Session;
+}
+
+/// @brief Access to agents: what an access point is made from.
+class KXLAccessPrototype : public virtual KXLRefCounter {
+public:
+    /// @return the loop on which this access delivers its callbacks
+    virtual boost::intrusive_ptr<KXLEventLoopPrototype> getEventLoop() const = 0;
+    /// @return the cache that access points made from this fill; null: each makes its own
+    virtual boost::intrusive_ptr<KXLEnvCache> getCache() const = 0;
+};
+
+/// @brief Access to agents over registered transports.
+class KXLAccessAgentPrototype : public KXLAccessPrototype {
+public:
+    /// @param cache the cache to fill; null: each access point makes its own
+    /// @param eventLoop delivers all callbacks; not null
+    /// @param reserved null
+    static boost::intrusive_ptr<KXLAccessAgentPrototype> createInstance(
+        boost::intrusive_ptr<KXLEnvCache> cache, boost::intrusive_ptr<KXLEventLoopPrototype> eventLoop, void* reserved);
+
+    boost::intrusive_ptr<KXLEventLoopPrototype> getEventLoop() const override { return eventLoop_; }
+    boost::intrusive_ptr<KXLEnvCache> getCache() const override { return cache_; }
+
+private:
+    KXLAccessAgentPrototype(boost::intrusive_ptr<KXLEnvCache> cache,
+                            boost::intrusive_ptr<KXLEventLoopPrototype> eventLoop);
+
+    boost::intrusive_ptr<KXLEnvCache> cache_;
+    boost::intrusive_ptr<KXLEventLoopPrototype> eventLoop_;
+};
+
+/// @brief Something that gives access to one agent. The order of the virtual functions is part of the contract.
+class KXLAccessProviderPrototype : public virtual KXLRefCounter {
+public:
+    /// @return the access object; null when it is not available
+    virtual boost::intrusive_ptr<KXLAccessPrototype> getAccess() const = 0;
+    /// @return the agent's own identifier; KXLEID::EID_INVALID before the first connection
+    virtual KXLEID getEID() const = 0;
+};
+
+/// @brief One agent: its connection, environment cache and vocabularies.
+class KXLAccessPointPrototype : public KXLAccessProviderPrototype {
+public:
+    /// @param access from KXLAccessAgentPrototype::createInstance; not null
+    /// @param cache the cache to fill; null: the access object's, else one of its own
+    static boost::intrusive_ptr<KXLAccessPointPrototype> createInstance(boost::intrusive_ptr<KXLAccessPrototype> access,
+                                                                        boost::intrusive_ptr<KXLEnvCache> cache);
+    ~KXLAccessPointPrototype() override;
+
+    boost::intrusive_ptr<KXLAccessPrototype> getAccess() const override;
+    KXLEID getEID() const override;
+
+    /// @brief Connects, shakes hands and fills the environment cache and the vocabularies.
+    ///
+    /// Waits for the loop thread at most 500 ms in all. A call that closely follows one that ran into that
+    /// limit waits only 50 ms, so that the several look-ups of one SNMP request stay within its second
+    /// together.
+    ///
+    /// On success the handler has got handleConnected before this returns, on this thread; from then on the
+    /// library keeps the link up by itself, and calls handleDisconnect, handleBroken or handleTimeout on loss
+    /// and handleConnected on return, on the loop thread, never before this has returned. On failure the
+    /// handler has got one handleError and is dropped, and nothing is tried in the background.
+    ///
+    /// Must not be called on the loop thread, where it could only wait for itself: that fails at once.
+    ///
+    /// @param info where and how to connect
+    /// @param handler kept until the access point is destroyed or the request cancelled; not null
+    /// @param flags reserved; the environment cache and the vocabularies are filled whatever they are
+    /// @return 0, or a KXLRequestError
+    int initializeSync(const KXLConnectionInfo& info, boost::intrusive_ptr<KXLRequestHandlerPrototype> handler,
+                       int flags);
+
+    /// @return the cache, never null; empty before the first connection, and what was last received after a loss
+    boost::intrusive_ptr<KXLEnvCache> getEnvCache() const;
+
+    /// @brief The default vocabulary of the node with that identifier. Answers at once from memory.
+    /// @return null when the node is not this agent or has no such vocabulary
+    boost::shared_ptr<KXLVocMap> getVocabulary(const KXLEID& eid) const;
+    /// @brief A named vocabulary of the node with that identifier. Answers at once from memory.
+    boost::shared_ptr<KXLVocMap> getVocabulary(const KXLEID& eid, const std::string& name) const;
+
+private:
+    KXLAccessPointPrototype(boost::intrusive_ptr<KXLAccessPrototype> access, boost::intrusive_ptr<KXLEnvCache> cache);
+
+    boost::intrusive_ptr<KXLAccessPrototype> access_;
+    boost::intrusive_ptr<KXLEnvCache> cache_;
+    std::shared_ptr<kx::client::Session> session_;
+};

@@ -1,0 +1,61 @@
+// An environment's configuration, as the agent last sent it.
+//
+// Thread promise: immutable. Copies share one counted record, so a copy costs one atomic increment and
+// nothing here allocates, except for the texts that getters copy out.
+#pragma once
+
+#include <boost/intrusive_ptr.hpp>
+#include <boost/shared_ptr.hpp>
+#include <string>
+#include <vector>
+
+#include <kxa/KXATemplate.h>
+#include <kxl/KXLGUID.h>
+#include <kxl/KXLIPAddress.h>
+#include <kxl/KXLOptionalProperty.h>
+
+namespace kx::client {
+struct EnvRecord;
+// Declared here because the record itself is the library's own business.
+void intrusive_ptr_add_ref(const EnvRecord* record);
+void intrusive_ptr_release(const EnvRecord* record);
+}  // namespace kx::client
+
+/// @brief The basic core record of a configuration: its text is the container's name.
+class KXLEnvCoreBasic {
+public:
+    explicit KXLEnvCoreBasic(std::string text) : text_(std::move(text)) {}
+
+    /// @return the text, NUL-terminated; never null
+    const char* getText() const { return text_.c_str(); }
+
+private:
+    std::string text_;
+};
+
+/// @brief What every environment's configuration has. Getters return 0 and fill the property, or return -1 and
+/// leave it as it is when the configuration does not have it.
+class KXLEnvConfig {
+public:
+    /// A configuration that has nothing.
+    KXLEnvConfig() = default;
+    explicit KXLEnvConfig(boost::intrusive_ptr<const kx::client::EnvRecord> record);
+    KXLEnvConfig(const KXLEnvConfig&);
+    KXLEnvConfig& operator=(const KXLEnvConfig&);
+    ~KXLEnvConfig();
+
+    /// @return the core record; empty only in a configuration made without one
+    const boost::shared_ptr<const KXLEnvCoreBasic>& getCoreBasic() const;
+
+    int getHostname(KXLOptionalProperty<std::string>& hostname) const;
+    int getDescription(KXLOptionalProperty<std::string>& description) const;
+    int getBaseSampleId(KXLOptionalProperty<KXLGUID>& id) const;
+    int getAddresses(KXLOptionalProperty<std::vector<KXLIPAddress>>& addresses) const;
+
+protected:
+    /// @return the shared record; null in a configuration that has nothing
+    const kx::client::EnvRecord* record() const { return record_.get(); }
+
+private:
+    boost::intrusive_ptr<const kx::client::EnvRecord> record_;
+};

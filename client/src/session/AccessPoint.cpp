@@ -1,0 +1,58 @@
+#include <kxl/KXLAccessPointPrototype.h>
+
+#include "client/src/session/Session.h"
+
+KXLAccessAgentPrototype::KXLAccessAgentPrototype(boost::intrusive_ptr<KXLEnvCache> cache,
+                                                 boost::intrusive_ptr<KXLEventLoopPrototype> eventLoop)
+    : cache_(std::move(cache)), eventLoop_(std::move(eventLoop)) {}
+
+boost::intrusive_ptr<KXLAccessAgentPrototype> KXLAccessAgentPrototype::createInstance(
+    boost::intrusive_ptr<KXLEnvCache> cache, boost::intrusive_ptr<KXLEventLoopPrototype> eventLoop, void*) {
+    return new KXLAccessAgentPrototype(std::move(cache), std::move(eventLoop));
+}
+
+boost::intrusive_ptr<KXLAccessPointPrototype> KXLAccessPointPrototype::createInstance(
+    boost::intrusive_ptr<KXLAccessPrototype> access, boost::intrusive_ptr<KXLEnvCache> cache) {
+    if (!cache) {
+        cache = access->getCache();
+    }
+    if (!cache) {
+        cache = new KXLEnvCache;
+    }
+    return new KXLAccessPointPrototype(std::move(access), std::move(cache));
+}
+
+KXLAccessPointPrototype::KXLAccessPointPrototype(boost::intrusive_ptr<KXLAccessPrototype> access,
+                                                 boost::intrusive_ptr<KXLEnvCache> cache)
+    : access_(std::move(access)),
+      cache_(std::move(cache)),
+      session_(kx::client::Session::create(access_->getEventLoop()->loop(), cache_)) {}
+
+KXLAccessPointPrototype::~KXLAccessPointPrototype() {
+    session_->shutDown();
+}
+
+boost::intrusive_ptr<KXLAccessPrototype> KXLAccessPointPrototype::getAccess() const {
+    return access_;
+}
+
+KXLEID KXLAccessPointPrototype::getEID() const {
+    return session_->serverEid();
+}
+
+int KXLAccessPointPrototype::initializeSync(const KXLConnectionInfo& info,
+                                            boost::intrusive_ptr<KXLRequestHandlerPrototype> handler, int) {
+    return session_->initialize(info, handler);
+}
+
+boost::intrusive_ptr<KXLEnvCache> KXLAccessPointPrototype::getEnvCache() const {
+    return cache_;
+}
+
+boost::shared_ptr<KXLVocMap> KXLAccessPointPrototype::getVocabulary(const KXLEID& eid) const {
+    return getVocabulary(eid, std::string());
+}
+
+boost::shared_ptr<KXLVocMap> KXLAccessPointPrototype::getVocabulary(const KXLEID& eid, const std::string& name) const {
+    return eid == session_->serverEid() ? session_->vocabularies().find(name) : nullptr;
+}

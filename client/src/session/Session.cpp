@@ -1,0 +1,81 @@
+// The public half of a session: what runs on the threads of its callers.
+#include "client/src/session/Session.h"
+
+#include <random>
+
+#include "client/src/session/Deliveries.h"
+#include "client/src/session/Timeouts.h"
+
+namespace kx::client {
+
+std::shared_ptr<Session> Session::create(std::shared_ptr<Loop> loop, boost::intrusive_ptr<KXLEnvCache> cache) {
+    std::shared_ptr<Session> session(new Session(std::move(loop), std::move(cache)));
+    session->loop_->attach(session);
+    return session;
+}
+
+Session::Session(std::shared_ptr<Loop> loop, boost::intrusive_ptr<KXLEnvCache> cache)
+    : loop_(std::move(loop)),
+      cache_(std::move(cache)),
+      timer_(loop_->context()),
+      backoff_(kBackoffFirst, kBackoffLongest, std::random_device()()) {}
+
+Session::~Session() = default;
+
+int Session::initialize(const KXLConnectionInfo& info, const HandlerPtr& handler) {
+    const auto attempt = std::make_shared<InitializeAttempt>();
+    // On the loop thread the wait below would be for itself.
+    const int code = loop_->onLoopThread() ? static_cast<int>(KXL_ERROR_STOPPED)
+                                           : attemptWithin(info, handler, attempt, Clock::now());
+    if (code == 0) {
+        handler->handleConnected();
+        // Only now may anything of the new connection be delivered on the loop thread.
+        loop_->post([self = shared_from_this(), attempt] { self->release(attempt); });
+    } else {
+        handler->setContext(nullptr);
+        deliverFailure(*handler, code);
+    }
+    return code;
+}
+
+int Session::attemptWithin(const KXLConnectionInfo& info, const HandlerPtr& handler,
+                           const std::shared_ptr<InitializeAttempt>& attempt, Clock::time_point start) {
+    // One caller at a time. The lock is let go before the handler is called, so that no lock of the handler's
+    // owner is ever taken under it.
+    const std::unique_lock guard(initializing_, start + kInitializeDeadline);
+    if (!guard) {
+        return KXL_ERROR_TIMEOUT;
+    }
+    const bool followUp = start - lastFullTimeout_ < kFollowUpWindow;
+    handler->setContext(makeContext());
+    if (!loop_->post([self = shared_from_this(), info, handler, attempt] { self->begin(info, handler, attempt); })) {
+        return KXL_ERROR_STOPPED;
+    }
+    const int code = attempt->wait(start + (followUp ? kFollowUpDeadline : kInitializeDeadline));
+    if (code == KXL_ERROR_TIMEOUT) {
+        loop_->post([self = shared_from_this(), attempt] { self->giveUp(attempt); });
+        if (!followUp) {
+            lastFullTimeout_ = Clock::now();
+        }
+    }
+    return code;
+}
+
+boost::intrusive_ptr<KXLRequestContext> Session::makeContext() {
+    return new KXLRequestContext([weak = weak_from_this()] {
+        const auto self = weak.lock();
+        if (self) {
+            self->loop_->post([self] { self->cancelRequest(); });
+        }
+    });
+}
+
+void Session::shutDown() {
+    if (!loop_->post([self = shared_from_this()] { self->reset(); })) {
+        // No loop thread, or one on its way out: once it has ended this thread may touch its state.
+        loop_->join();
+        reset();
+    }
+}
+
+}  // namespace kx::client

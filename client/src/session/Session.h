@@ -1,0 +1,130 @@
+// The life of one access point's connection: connecting, handshake, first data, keeping it up.
+//
+// Thread promise: initialize(), shutDown() and the getters may be called from any thread; everything else, and all
+// state below the line in the class, belongs to the loop thread.
+//
+//   Idle ──begin──► Connecting ─► Handshake ─► Filling ─► Up
+//    ▲                  ▲  └──────────┴───────────┘ │      │
+//    │ failed before    │ pause over      failed    ▼      │ lost
+//    │ the first Up     └──────────────────────── Waiting ◄┘
+//    └── initialize() gave up, cancelled, shut down
+#pragma once
+
+#include <boost/asio/steady_timer.hpp>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+#include <kxl/KXLConnectionInfo.h>
+#include <kxl/KXLEnvCache.h>
+#include <kxl/KXLRequestHandlerPrototype.h>
+
+#include "client/src/cache/EnvFeed.h"
+#include "client/src/cache/Guarded.h"
+#include "client/src/cache/VocabularyStore.h"
+#include "client/src/loop/Loop.h"
+#include "client/src/session/InitializeAttempt.h"
+#include "client/src/session/ReconnectBackoff.h"
+#include "client/src/transport/FrameConnection.h"
+
+namespace kx::client {
+
+using HandlerPtr = boost::intrusive_ptr<KXLRequestHandlerPrototype>;
+
+class Session : public std::enable_shared_from_this<Session>, public LoopClient, public FrameListener {
+public:
+    static std::shared_ptr<Session> create(std::shared_ptr<Loop> loop, boost::intrusive_ptr<KXLEnvCache> cache);
+    ~Session() override;
+
+    /// @brief What KXLAccessPointPrototype::initializeSync promises.
+    int initialize(const KXLConnectionInfo& info, const HandlerPtr& handler);
+
+    /// @brief Lets go of connection and handler. At once; a callback in progress may still end.
+    void shutDown();
+
+    /// @return KXLEID::EID_INVALID before the first connection
+    KXLEID serverEid() const { return serverEid_.load(); }
+    const VocabularyStore& vocabularies() const { return vocabularies_; }
+
+private:
+    enum class Phase { Idle, Connecting, Handshake, Filling, Up, Waiting };
+
+    Session(std::shared_ptr<Loop> loop, boost::intrusive_ptr<KXLEnvCache> cache);
+
+    // On the caller's thread of initialize().
+    using Clock = std::chrono::steady_clock;
+    int attemptWithin(const KXLConnectionInfo& info, const HandlerPtr& handler,
+                      const std::shared_ptr<InitializeAttempt>& attempt, Clock::time_point start);
+    boost::intrusive_ptr<KXLRequestContext> makeContext();
+
+    // Loop thread. ------------------------------------------------------------------------------------
+    void loopStopping() override;
+    void frameReceived(const FrameConnection& connection, const wire::Frame& frame) override;
+    void connectionEnded(const FrameConnection& connection) override;
+    void connectionMalformed(const FrameConnection& connection, const std::string& reason) override;
+
+    void begin(const KXLConnectionInfo& info, const HandlerPtr& handler, std::shared_ptr<InitializeAttempt> attempt);
+    void giveUp(const std::shared_ptr<InitializeAttempt>& attempt);
+    void release(const std::shared_ptr<InitializeAttempt>& attempt);
+    void cancelRequest();
+
+    void connect();
+    void connected(boost::system::error_code error, const std::shared_ptr<StreamSocket>& socket);
+    void handleHello(const wire::Frame& frame);
+    void handleData(const wire::Frame& frame);
+    void handleEnvironments(EnvFeed::Outcome outcome);
+    void handleError(const wire::Error& error);
+    void handleVocabularies(const wire::VocabularySet& set);
+    void requestSnapshot();
+    void becomeUpWhenFilled();
+    void becomeUp();
+    void publish();
+    void protocolError(const std::string& reason);
+    void logOnChange(const std::string& line);
+
+    void fail(int code);
+    void reset();
+    void closeConnection();
+    void dropHandler();
+    void waitBeforeReconnecting();
+    void startKeepAlive();
+    void checkKeepAlive();
+    void setTimer(std::chrono::milliseconds delay, void (Session::*then)());
+    void deadlinePassed() { fail(KXL_ERROR_TIMEOUT); }
+
+    void deliver(std::function<void()> delivery);
+
+    const std::shared_ptr<Loop> loop_;
+    const boost::intrusive_ptr<KXLEnvCache> cache_;
+    VocabularyStore vocabularies_;
+    Guarded<KXLEID> serverEid_;
+
+    std::timed_mutex initializing_;        ///< one initialize() at a time; never taken on the loop thread
+    Clock::time_point lastFullTimeout_{};  ///< guarded by initializing_
+
+    // ---- loop thread only ----
+    Phase phase_ = Phase::Idle;
+    KXLConnectionInfo info_;
+    HandlerPtr handler_;
+    boost::intrusive_ptr<KXLRequestContext> handlerContext_;
+    std::shared_ptr<InitializeAttempt> attempt_;  ///< set until the first Up
+    std::shared_ptr<InitializeAttempt> heldFor_;  ///< its initialize() has not returned: deliveries wait
+    std::deque<std::function<void()>> deferred_;
+
+    std::shared_ptr<StreamSocket> connecting_;
+    std::shared_ptr<FrameConnection> connection_;
+    EnvFeed feed_;
+    bool haveSnapshot_ = false;
+    bool haveVocabularies_ = false;
+    KXLEID helloEid_;
+    bool heardSinceCheck_ = false;
+    std::string lastLogged_;
+
+    boost::asio::steady_timer timer_;
+    std::uint64_t timerTicket_ = 0;  ///< tells an expiry that was queued before the timer was set anew
+    ReconnectBackoff backoff_;
+};
+
+}  // namespace kx::client

@@ -1,0 +1,226 @@
+// The first initialisation of an access point: what it waits for, what it delivers where, how it fails.
+#include <future>
+
+#include "client/src/loop/Loop.h"
+#include "tests/unit/client/LinkFixture.h"
+
+namespace kx::test {
+namespace {
+
+using std::chrono::milliseconds;
+using Calls = std::vector<std::string>;
+
+// Room above the promised 500 ms for a loaded machine; a lost deadline would take far longer.
+constexpr milliseconds kPromise{500};
+constexpr milliseconds kSlack{250};
+
+class Initialize : public LinkFixture {};
+
+TEST_F(Initialize, FillsCacheAndVocabulariesAndDeliversOnTheCallersThread) {
+    ScriptedAgent agent([](PeerSocket& peer) {
+        if (serveUntilUp(peer, {wireEnv(1), wireEnv(2)})) {
+            peer.readUntilClosed();
+        }
+    });
+    ASSERT_EQ(initialize(agent.path()), 0);
+    EXPECT_EQ(handler->calls(), Calls{"connected"});
+    EXPECT_EQ(handler->threadOf(0), std::this_thread::get_id());
+    EXPECT_EQ(environments(), 2U);
+    EXPECT_EQ(accessPoint->getEID().toString(), "5e5e5e5e-5e5e-5e5e-5e5e-5e5e5e5e5e5e");
+    EXPECT_TRUE(accessPoint->getVocabulary(accessPoint->getEID()));
+    EXPECT_TRUE(accessPoint->getVocabulary(accessPoint->getEID(), "KXABasicFunctionality"));
+    EXPECT_FALSE(accessPoint->getVocabulary(accessPoint->getEID(), "unknown"));
+    EXPECT_FALSE(accessPoint->getVocabulary(KXLEID::EID_INVALID));
+    EXPECT_EQ(handler->getConnection()->getPeerName(), "scripted agent");
+    loop->stop();
+}
+
+TEST_F(Initialize, ReadsFramesThatArriveByteByByte) {
+    ScriptedAgent agent([](PeerSocket& peer) {
+        wire::Frame frame;
+        peer.read(frame);
+        peer.sendInSingleBytes(helloFrame());
+        peer.sendInSingleBytes(snapshotFrame(1, {wireEnv(1)}));
+        peer.sendInSingleBytes(vocabularyFrame());
+        peer.readUntilClosed();
+    });
+    EXPECT_EQ(initialize(agent.path()), 0);
+    EXPECT_EQ(environments(), 1U);
+    loop->stop();
+}
+
+TEST_F(Initialize, FailsAtOnceWhenThereIsNoAgent) {
+    EXPECT_EQ(initialize("/nonexistent/agent.sock"), KXL_ERROR_DISCONNECT);
+    EXPECT_LT(took, kSlack);
+    EXPECT_EQ(handler->calls(), Calls{"error -4"});
+    EXPECT_EQ(handler->threadOf(0), std::this_thread::get_id());
+    EXPECT_EQ(environments(), 0U);
+    EXPECT_EQ(accessPoint->getEID(), KXLEID::EID_INVALID);
+}
+
+TEST_F(Initialize, FailsForAPathLongerThanASocketsMayBe) {
+    EXPECT_EQ(initialize("/" + std::string(200, 'x')), KXL_ERROR_DISCONNECT);
+}
+
+TEST_F(Initialize, FailsForATransportThatIsNotThere) {
+    KXLConnectionInfo info;
+    info.connectivity.setType("CarrierPigeon");
+    EXPECT_EQ(accessPoint->initializeSync(info, handler, 0), KXL_ERROR_NO_TRANSPORT);
+    EXPECT_EQ(handler->calls(), Calls{"error -6"});
+}
+
+TEST_F(Initialize, GivesASilentAgentItsHalfSecondAndNoMore) {
+    ScriptedAgent agent([](PeerSocket& peer) { peer.readUntilClosed(); });
+    EXPECT_EQ(initialize(agent.path()), KXL_ERROR_TIMEOUT);
+    EXPECT_GE(took, kPromise);
+    EXPECT_LT(took, kPromise + kSlack);
+    EXPECT_EQ(handler->calls(), Calls{"error -2"});
+}
+
+TEST_F(Initialize, CountsHandshakeAndDataTogether) {
+    ScriptedAgent agent([](PeerSocket& peer) {
+        wire::Frame frame;
+        peer.read(frame);
+        peer.send(helloFrame());
+        peer.send(snapshotFrame(1, {wireEnv(1)}));
+        peer.readUntilClosed();  // no vocabularies
+    });
+    EXPECT_EQ(initialize(agent.path()), KXL_ERROR_TIMEOUT);
+    EXPECT_LT(took, kPromise + kSlack);
+    EXPECT_EQ(environments(), 0U) << "a failed initialisation publishes nothing";
+}
+
+TEST_F(Initialize, WaitsOnlyBrieflyRightAfterASilentAgent) {
+    ScriptedAgent agent([](PeerSocket& peer) { peer.readUntilClosed(); });
+    initialize(agent.path());
+    milliseconds together{0};
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(initialize(agent.path()), KXL_ERROR_TIMEOUT);
+        together += took;
+    }
+    EXPECT_LT(together, milliseconds(450)) << "the look-ups of one request stay within its second";
+}
+
+TEST_F(Initialize, GivesTheAgentItsWholeTimeAgainLaterOn) {
+    ScriptedAgent agent([](PeerSocket& peer) { peer.readUntilClosed(); });
+    initialize(agent.path());
+    EXPECT_TRUE(eventually([&] {
+        initialize(agent.path());
+        return took >= kPromise;
+    }));
+}
+
+TEST_F(Initialize, TriesNothingInTheBackgroundAfterAFailure) {
+    ScriptedAgent agent([](PeerSocket& peer) {
+        wire::Frame frame;
+        peer.read(frame);  // and closes
+    });
+    EXPECT_EQ(initialize(agent.path()), KXL_ERROR_DISCONNECT);
+    EXPECT_EQ(handler->referenceCount(), 1) << "the handler is dropped";
+    EXPECT_FALSE(eventually([&] { return agent.connections() > 1 || handler->calls().size() > 1; }, milliseconds(400)));
+}
+
+TEST_F(Initialize, SucceedsAfterEarlierFailures) {
+    initialize("/nonexistent/agent.sock");
+    ScriptedAgent agent([](PeerSocket& peer) {
+        if (serveUntilUp(peer, {wireEnv(1)})) {
+            peer.readUntilClosed();
+        }
+    });
+    const boost::intrusive_ptr<RecordingHandler> second(new RecordingHandler);
+    EXPECT_EQ(initialize(agent.path(), second), 0);
+    EXPECT_EQ(second->calls(), Calls{"connected"});
+    EXPECT_EQ(handler->calls(), Calls{"error -4"});
+    loop->stop();
+}
+
+TEST_F(Initialize, WaitsForNothingOnTheLoopThread) {
+    std::promise<int> result;
+    loop->loop()->post([&] { result.set_value(initialize("/nonexistent/agent.sock")); });
+    EXPECT_EQ(result.get_future().get(), KXL_ERROR_STOPPED);
+    EXPECT_EQ(handler->calls(), Calls{"error -8"});
+}
+
+TEST_F(Initialize, FailsOnceTheLoopHasStopped) {
+    loop->stop();
+    EXPECT_EQ(initialize("/nonexistent/agent.sock"), KXL_ERROR_STOPPED);
+    EXPECT_EQ(handler->calls(), Calls{"error -8"});
+}
+
+// ---- an agent that cannot be understood ---------------------------------------------------------------------
+
+class RefusingAgents : public Initialize {
+protected:
+    /// An agent that answers the handshake with these bytes.
+    void expectFailure(const std::string& answer, int code, const std::string& logged) {
+        {
+            ScriptedAgent agent([&answer](PeerSocket& peer) {
+                wire::Frame frame;
+                peer.read(frame);
+                peer.sendRaw(answer);
+                peer.readUntilClosed();
+            });
+            EXPECT_EQ(initialize(agent.path()), code);
+        }
+        ASSERT_EQ(LogCollector::lines().size(), 1U) << logged;
+        EXPECT_NE(LogCollector::lines()[0].find(logged), std::string::npos) << LogCollector::lines()[0];
+        EXPECT_NE(LogCollector::lines()[0].find("agent.sock"), std::string::npos) << LogCollector::lines()[0];
+    }
+};
+
+TEST_F(RefusingAgents, AnotherMajorVersionIsNamed) {
+    auto hello = helloFrame();
+    hello.mutable_hello()->set_protocol_major(9);
+    expectFailure(wire::encodeFrame(hello).value(), KXL_ERROR_BROKEN, "protocol version 9");
+}
+
+TEST_F(RefusingAgents, AnAgentWithoutAnIdentifierIsRefused) {
+    auto hello = helloFrame();
+    hello.mutable_hello()->set_server_eid("short");
+    expectFailure(wire::encodeFrame(hello).value(), KXL_ERROR_BROKEN, "not 16 bytes");
+}
+
+TEST_F(RefusingAgents, AnOversizeFrameIsRefusedBeforeItIsReceived) {
+    expectFailure("\xff\xff\xff\xff", KXL_ERROR_BROKEN, "over the limit");
+}
+
+TEST_F(RefusingAgents, GarbageIsRefused) {
+    expectFailure(std::string("\0\0\0\3\xff\xff\xff", 7), KXL_ERROR_BROKEN, "not a message");
+}
+
+TEST_F(RefusingAgents, DataBeforeTheHandshakeIsRefused) {
+    expectFailure(wire::encodeFrame(snapshotFrame(1, {})).value(), KXL_ERROR_BROKEN, "handshake");
+}
+
+TEST_F(RefusingAgents, TheAgentsOwnWordsAreLoggedFitForALog) {
+    expectFailure(wire::encodeFrame(wire::makeErrorFrame(wire::ERROR_NOT_ALLOWED, "not\nyou")).value(),
+                  KXL_ERROR_REFUSED, "not?you");
+    EXPECT_EQ(handler->calls(), Calls{"error -7"});
+}
+
+TEST_F(RefusingAgents, AFailureThatRepeatsItselfIsLoggedOnce) {
+    ScriptedAgent agent([](PeerSocket& peer) {
+        wire::Frame frame;
+        peer.read(frame);
+        peer.send(wire::makeErrorFrame(wire::ERROR_NOT_ALLOWED, "not you"));
+        peer.readUntilClosed();
+    });
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(initialize(agent.path()), KXL_ERROR_REFUSED);
+    }
+    EXPECT_EQ(LogCollector::lines().size(), 1U);
+}
+
+TEST_F(RefusingAgents, AFrameCutShortIsALostConnection) {
+    ScriptedAgent agent([](PeerSocket& peer) {
+        wire::Frame frame;
+        peer.read(frame);
+        const std::string hello = wire::encodeFrame(helloFrame()).value();
+        peer.sendRaw(hello.substr(0, hello.size() / 2));
+    });
+    EXPECT_EQ(initialize(agent.path()), KXL_ERROR_DISCONNECT);
+    EXPECT_EQ(handler->calls(), Calls{"error -4"});
+}
+
+}  // namespace
+}  // namespace kx::test
