@@ -25,8 +25,7 @@ Session::~Session() = default;
 int Session::initialize(const KXLConnectionInfo& info, const HandlerPtr& handler) {
     const auto attempt = std::make_shared<InitializeAttempt>();
     // On the loop thread the wait below would be for itself.
-    const int code = loop_->onLoopThread() ? static_cast<int>(KXL_ERROR_STOPPED)
-                                           : attemptWithin(info, handler, attempt, Clock::now());
+    const int code = loop_->onLoopThread() ? static_cast<int>(KXL_ERROR_STOPPED) : takeTurn(info, handler, attempt);
     if (code == 0) {
         handler->handleConnected();
         // Only now may anything of the new connection be delivered on the loop thread.
@@ -38,14 +37,20 @@ int Session::initialize(const KXLConnectionInfo& info, const HandlerPtr& handler
     return code;
 }
 
-int Session::attemptWithin(const KXLConnectionInfo& info, const HandlerPtr& handler,
-                           const std::shared_ptr<InitializeAttempt>& attempt, Clock::time_point start) {
-    // One caller at a time. The lock is let go before the handler is called, so that no lock of the handler's
-    // owner is ever taken under it.
-    const std::unique_lock guard(initializing_, start + kInitializeDeadline);
-    if (!guard) {
+int Session::takeTurn(const KXLConnectionInfo& info, const HandlerPtr& handler,
+                      const std::shared_ptr<InitializeAttempt>& attempt) {
+    const Clock::time_point start = Clock::now();
+    if (!initializing_.take(start + kInitializeDeadline)) {
         return KXL_ERROR_TIMEOUT;
     }
+    const int code = attemptWithin(info, handler, attempt, start);
+    // Given back before the handler is called, so that no lock of the handler's owner is ever waited for with it.
+    initializing_.giveBack();
+    return code;
+}
+
+int Session::attemptWithin(const KXLConnectionInfo& info, const HandlerPtr& handler,
+                           const std::shared_ptr<InitializeAttempt>& attempt, Clock::time_point start) {
     const bool followUp = start - lastFullTimeout_ < kFollowUpWindow;
     handler->setContext(makeContext());
     if (!loop_->post([self = shared_from_this(), info, handler, attempt] { self->begin(info, handler, attempt); })) {

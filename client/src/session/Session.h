@@ -15,7 +15,6 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 
 #include <kxl/KXLConnectionInfo.h>
 #include <kxl/KXLEnvCache.h>
@@ -27,6 +26,7 @@
 #include "client/src/loop/Loop.h"
 #include "client/src/session/InitializeAttempt.h"
 #include "client/src/session/ReconnectBackoff.h"
+#include "client/src/session/Turn.h"
 #include "client/src/transport/FrameConnection.h"
 
 namespace kx::client {
@@ -55,6 +55,8 @@ private:
 
     // On the caller's thread of initialize().
     using Clock = std::chrono::steady_clock;
+    int takeTurn(const KXLConnectionInfo& info, const HandlerPtr& handler,
+                 const std::shared_ptr<InitializeAttempt>& attempt);
     int attemptWithin(const KXLConnectionInfo& info, const HandlerPtr& handler,
                       const std::shared_ptr<InitializeAttempt>& attempt, Clock::time_point start);
     boost::intrusive_ptr<KXLRequestContext> makeContext();
@@ -101,7 +103,7 @@ private:
     VocabularyStore vocabularies_;
     Guarded<KXLEID> serverEid_;
 
-    std::timed_mutex initializing_;        ///< one initialize() at a time; never taken on the loop thread
+    Turn initializing_;                    ///< one initialize() at a time; never taken on the loop thread
     Clock::time_point lastFullTimeout_{};  ///< guarded by initializing_
 
     // ---- loop thread only ----
