@@ -145,22 +145,15 @@ class ScriptedAgent {
 public:
     using Script = std::function<void(PeerSocket&)>;
 
-    explicit ScriptedAgent(Script script) : script_(std::move(script)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path().copy(address.sun_path, sizeof address.sun_path - 1);
-        listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        if (::bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-            ::listen(listener_, 16) != 0) {
-            throw std::runtime_error("cannot listen on " + path());
-        }
-        acceptor_ = std::thread([this] { acceptAll(); });
-    }
+    explicit ScriptedAgent(Script script) : script_(std::move(script)), path_(folder_.file("agent.sock")) { listen(); }
+    /// @param path where to listen instead; replaced if it is there
+    ScriptedAgent(std::string path, Script script) : script_(std::move(script)), path_(std::move(path)) { listen(); }
 
     ~ScriptedAgent() {
         ::shutdown(listener_, SHUT_RDWR);
         acceptor_.join();
         ::close(listener_);
+        std::filesystem::remove(path_);
         for (const auto& peer : peers_) {
             peer->hangUp();
         }
@@ -171,10 +164,23 @@ public:
     ScriptedAgent(const ScriptedAgent&) = delete;
     ScriptedAgent& operator=(const ScriptedAgent&) = delete;
 
-    std::string path() const { return folder_.file("agent.sock"); }
+    const std::string& path() const { return path_; }
     int connections() const { return connections_; }
 
 private:
+    void listen() {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path_.copy(address.sun_path, sizeof address.sun_path - 1);
+        std::filesystem::remove(path_);
+        listener_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (::bind(listener_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+            ::listen(listener_, 16) != 0) {
+            throw std::runtime_error("cannot listen on " + path());
+        }
+        acceptor_ = std::thread([this] { acceptAll(); });
+    }
+
     void acceptAll() {
         while (true) {
             const int descriptor = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
@@ -192,6 +198,7 @@ private:
 
     TemporaryFolder folder_;
     Script script_;
+    std::string path_;
     int listener_ = -1;
     std::atomic<int> connections_{0};
     std::vector<std::shared_ptr<PeerSocket>> peers_;  ///< like scripts_, the acceptor's until it has been joined

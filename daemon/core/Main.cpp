@@ -1,0 +1,71 @@
+// kxsnmp: the process. It takes no arguments and has no configuration of its own; the agent library reads its usual
+// files for the application name.
+#include <csignal>
+#include <cstdlib>
+
+#include "core/MibModule.h"
+#include "mib/NetSnmp.h"
+
+namespace {
+
+constexpr char agentName[] = "kxsnmp";
+
+/// kxsnmp is always a sub-agent; the path of a master agent stands behind this switch and is never taken.
+constexpr bool isSubAgent = true;
+
+/// Non-zero while requests are to be served. Written in signal context, read by the main loop.
+volatile std::sig_atomic_t running = 0;
+
+/// A write to a socket whose peer has gone must be an error, not the end of the process.
+void ignoreBrokenPipes() {
+    if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) {
+        std::exit(EXIT_FAILURE);
+    }
+}
+
+/// The library forks twice and ends the parents with exit(): no thread, socket or buffered output may exist yet.
+void daemonize() {
+    if (netsnmp_daemonize(1, 0) != 0) {
+        std::exit(EXIT_FAILURE);
+    }
+}
+
+void startLibrary() {
+    snmp_enable_syslog();
+    ignoreBrokenPipes();
+    if (isSubAgent) {
+        netsnmp_ds_set_boolean(NETSNMP_DS_APPLICATION_ID, NETSNMP_DS_AGENT_ROLE, 1);
+    }
+    daemonize();
+    init_agent(agentName);
+    init_mib_module();
+    // Whether a master agent is there is not looked at: connecting, now or later, is the library's affair.
+    init_snmp(agentName);
+    if (!isSubAgent) {
+        init_master_agent();
+    }
+}
+
+}  // namespace
+
+/// @brief Handler of SIGTERM and SIGINT. Runs in signal context, where storing the flag is all that is allowed.
+extern "C" void stop_server(int /*signo*/) {
+    running = 0;
+}
+
+int main(int /*argc*/, char** /*argv*/) {
+    startLibrary();
+    // Until here the signals end the process at once: there is nothing yet that would need an orderly end.
+    running = 1;
+    std::signal(SIGTERM, stop_server);
+    std::signal(SIGINT, stop_server);
+    snmp_log(LOG_INFO, "kxsnmp is up and running.\n");
+    // Debugging output may be asked for by the library's configuration, but only for start-up.
+    snmp_set_do_debugging(0);
+    while (running != 0) {
+        agent_check_and_process(1);
+    }
+    finalize_mib_module();
+    snmp_shutdown(agentName);
+    return EXIT_SUCCESS;
+}
