@@ -25,7 +25,9 @@ enum class ObjectId : oid {
     networkCounters = 8,
 };
 
-/// @brief The object identifier of a scalar or a table: the root and the object's number.
+/// @brief The object identifier of a scalar or a table: the root and the object's number. The library puts the
+/// rest behind it: a scalar's instance 0; a table's entry 1, the column and the index.
+/// @return ten sub-identifiers
 constexpr std::array<oid, objectOidLength> objectOid(ObjectId object) {
     std::array<oid, objectOidLength> result{};
     for (std::size_t i = 0; i < mibRoot.size(); ++i) {

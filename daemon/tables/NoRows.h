@@ -7,6 +7,7 @@
 template <typename Row>
 class NoRowsCursor {
 public:
+    /// Never asked: the end is reached before. It is there for what reads any table.
     Row operator*() const { return {}; }
     NoRowsCursor& operator++() { return *this; }
     bool operator==(const NoRowsCursor&) const { return true; }

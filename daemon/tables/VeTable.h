@@ -8,12 +8,16 @@
 #include "mib/Keys.h"
 #include "tables/VeTableData.h"
 
-/// @brief A position in the container table.
+/// @brief A position in the container table: a row source that stands on one of its rows, or at the end. A copy
+/// costs two counted references to the list and nothing else.
 class VeTableCursor {
 public:
+    /// @param row where the cursor stands
     explicit VeTableCursor(VeTableData row) : row_(std::move(row)) {}
 
+    /// @return the current row, to be copied by whoever wants to keep it
     const VeTableData& operator*() const { return row_; }
+    /// Moves to the next container. Not to be called at the end.
     VeTableCursor& operator++() {
         row_.advance();
         return *this;
@@ -24,13 +28,16 @@ private:
     VeTableData row_;
 };
 
-/// @brief The containers as they were when the walk began: a counted reference to the cache's list.
+/// @brief The containers as they were when the walk began: a counted reference to the cache's list, of which
+/// nothing is copied. What the agent changes meanwhile is seen by the next request.
 class VeTableSnapshot {
 public:
     /// Takes the agent's list; empty when there is no agent.
     VeTableSnapshot() : VeTableSnapshot(currentEnvironments()) {}
+    /// @param environments the list to walk
     explicit VeTableSnapshot(KXLEnvCache::EnvValuesList environments) : environments_(std::move(environments)) {}
 
+    /// @return on the first container; equal to end() when there is none
     VeTableCursor begin() const { return VeTableCursor({environments_.begin(), environments_.end()}); }
     VeTableCursor end() const { return VeTableCursor({environments_.end(), environments_.end()}); }
 
