@@ -1,0 +1,46 @@
+// Where environments come from: real containers, or a described host.
+//
+// Threads: a backend may run threads of its own, but calls its listener on the agent's main thread only, by
+// posting to the io_context it was given. start(), stop() and the destructor are called on the main thread.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "agent/inventory/Environment.h"
+#include "agent/vocabulary/Vocabulary.h"
+
+namespace kx::agent {
+
+/// Everything a backend knows at one moment.
+struct HostImage {
+    std::vector<Environment> environments;  ///< containers only, in the backend's order; the agent adds the host
+    std::vector<Vocabulary> vocabularies;
+};
+
+/// Receives what a backend finds. Main thread only.
+class BackendListener {
+public:
+    virtual ~BackendListener() = default;
+
+    /// @brief The host's whole image, at the start and after every change. The inventory finds the differences.
+    virtual void hostChanged(HostImage image) = 0;
+};
+
+/// A source of environments.
+class Backend {
+public:
+    virtual ~Backend() = default;
+
+    /// @brief Starts watching and delivers the first image, before it returns or soon after.
+    /// @throws std::runtime_error when there is nothing to watch; the text names the file or folder
+    virtual void start() = 0;
+
+    /// @brief Stops watching; nothing is delivered once it has returned.
+    virtual void stop() = 0;
+
+    /// @return the backend's name for log lines: "lxc", "simulated"
+    virtual std::string name() const = 0;
+};
+
+}  // namespace kx::agent

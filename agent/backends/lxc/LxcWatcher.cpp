@@ -1,0 +1,214 @@
+#include "agent/backends/lxc/LxcWatcher.h"
+
+#include <fmt/format.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+#include "agent/backends/lxc/SignalMask.h"
+
+namespace kx::agent::lxc {
+namespace {
+
+/// A monitor that works answers within a millisecond; one that sets a container up within 20.
+constexpr std::chrono::milliseconds kAnswerLimit{100};
+
+/// After a file was written or its folder changed: editors and tools do several things in a row.
+constexpr std::chrono::milliseconds kFileQuiet{20};
+
+/// After a file was made, when it is most likely still being written; its closing is noticed by itself.
+constexpr std::chrono::milliseconds kNewFileQuiet{100};
+
+/// After the worker failed as a whole, e.g. out of memory.
+constexpr std::chrono::seconds kAfterFailure{5};
+
+constexpr std::uint64_t kStopTag = 1;
+constexpr std::uint64_t kInotifyTag = 2;
+constexpr std::uint64_t kFirstLifeId = 16;
+
+FileDescriptor orThrow(int number, const char* what) {
+    if (number < 0)
+        throw std::runtime_error(fmt::format("{}: {}", what, std::strerror(errno)));
+    return FileDescriptor(number);
+}
+
+}  // namespace
+
+LxcWatcher::LxcWatcher(LxcSettings settings, ContainersSink sink, LogSink log)
+    : settings_(std::move(settings)),
+      sink_(std::move(sink)),
+      log_(std::move(log)),
+      veIds_(settings_.stateDirectory, log_),
+      breaker_(kAnswerLimit),
+      poll_(orThrow(::epoll_create1(EPOLL_CLOEXEC), "epoll")),
+      stopEvent_(orThrow(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")),
+      lastLifeId_(kFirstLifeId) {
+    if (!watchPath())
+        throw std::runtime_error(
+            fmt::format("neither {} nor the folder above it can be watched: {}", settings_.path, pathProblem_));
+    addToPoll(stopEvent_.get(), kStopTag);
+    addToPoll(inotify_.descriptor(), kInotifyTag);
+    const AllSignalsBlocked blocked;
+    thread_ = std::thread([this] { run(); });
+}
+
+LxcWatcher::~LxcWatcher() {
+    ending_ = true;
+    ::eventfd_write(stopEvent_.get(), 1);
+    thread_.join();
+}
+
+void LxcWatcher::addToPoll(int descriptor, std::uint64_t tag) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.u64 = tag;
+    if (::epoll_ctl(poll_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0)
+        throw std::runtime_error(fmt::format("epoll: {}", std::strerror(errno)));
+}
+
+void LxcWatcher::run() {
+    while (!ending_) {
+        try {
+            runOnce();
+            waitForEvents();
+        } catch (const std::exception& error) {
+            // Without the deadlines there is nothing that could fail at once again.
+            logOnChange(workerProblem_, Severity::Error, fmt::format("watching containers failed: {}", error.what()));
+            rechecks_.clear();
+            compareAllAt_ = Clock::now() + kAfterFailure;
+        }
+    }
+}
+
+void LxcWatcher::runOnce() {
+    const auto now = Clock::now();
+    if (now >= compareAllAt_)
+        compareAll();
+    if (now >= askForStartsAt_)
+        askForStarts();
+    for (const auto& [name, needs] : rechecks_.takeDue(Clock::now())) {
+        const auto record = records_.find(name);
+        if (ending_)
+            return;
+        if (record != records_.end())
+            attend(record->second, needs);
+    }
+    publish();
+}
+
+void LxcWatcher::waitForEvents() {
+    const auto until = std::min({rechecks_.earliest().value_or(compareAllAt_), compareAllAt_, askForStartsAt_});
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
+    std::array<epoll_event, 64> events{};
+    const int timeoutMs = static_cast<int>(std::max<std::int64_t>(left.count(), 0));
+    const int count = ::epoll_wait(poll_.get(), events.data(), static_cast<int>(events.size()), timeoutMs);
+    for (int i = 0; i < count; ++i) {
+        const std::uint64_t tag = events[static_cast<std::size_t>(i)].data.u64;
+        if (tag >= kFirstLifeId)
+            lifeEnded(tag);
+        if (tag == kInotifyTag && !inotify_.take([this](const Inotify::Notice& one) { notice(one); }))
+            compareAllAt_ = Clock::now();
+    }
+}
+
+void LxcWatcher::notice(const Inotify::Notice& notice) {
+    const auto record = records_.find(notice.owner);
+    switch (notice.kind) {
+        case Inotify::Kind::Path:
+            pathNotice(notice);
+            break;
+        case Inotify::Kind::PathParent:
+            if (notice.name == std::filesystem::path(settings_.path).filename())
+                compareAllAt_ = Clock::now();
+            break;
+        case Inotify::Kind::Container:
+            folderNotice(notice);
+            break;
+        case Inotify::Kind::Cgroup:
+            for (const std::string& name : containersOfCgroup(notice.name)) {
+                const auto owner = records_.find(name);
+                // While init lives, a cgroup that comes or goes beside it is another's.
+                if (owner != records_.end() && !owner->second.life.watched())
+                    stir(owner->second);
+            }
+            break;
+        case Inotify::Kind::Freezer:
+            if (record != records_.end())
+                rechecks_.add(notice.owner, kNeedFreezer, Clock::now());
+            break;
+    }
+}
+
+void LxcWatcher::pathNotice(const Inotify::Notice& notice) {
+    if (notice.name.empty()) {
+        // The path itself went away or was replaced.
+        compareAllAt_ = Clock::now();
+        return;
+    }
+    if ((notice.mask & (IN_DELETE | IN_MOVED_FROM)) != 0)
+        dropRecord(notice.name);
+    // A folder that is renamed comes complete; in a new one the files follow.
+    ensureRecord(notice.name, (notice.mask & IN_MOVED_TO) != 0 ? Clock::duration(0) : kFileQuiet);
+}
+
+void LxcWatcher::folderNotice(const Inotify::Notice& notice) {
+    const auto due = Clock::now() + ((notice.mask & IN_CREATE) != 0 ? kNewFileQuiet : kFileQuiet);
+    if (notice.name == "config" || notice.name == "partial")
+        rechecks_.add(notice.owner, kNeedLook | kNeedOs, due);
+    if (notice.name == "kx.toml")
+        rechecks_.add(notice.owner, kNeedNotes, due);
+}
+
+void LxcWatcher::lifeEnded(std::uint64_t id) {
+    const auto name = nameOfLife_.find(id);
+    const auto record = name != nameOfLife_.end() ? records_.find(name->second) : records_.end();
+    if (record == records_.end())
+        return;
+    record->second.endedPid = record->second.life.initPid;
+    forgetLife(record->second);
+    stir(record->second);
+}
+
+void LxcWatcher::assignVeIds() {
+    std::vector<std::string> names;
+    for (const auto& [name, record] : records_) {
+        if (record.defined)
+            names.push_back(name);
+    }
+    veIdsStale_ = false;
+    const auto ids = veIds_.assign(names);
+    for (auto& [name, record] : records_) {
+        const auto id = ids.find(name);
+        record.veid = id != ids.end() ? std::optional(id->second) : std::nullopt;
+        if (record.defined)
+            refresh(record);
+    }
+}
+
+void LxcWatcher::publish() {
+    if (veIdsStale_)
+        assignVeIds();
+    if (!changed_)
+        return;
+    std::vector<Environment> containers;
+    for (const auto& [name, record] : records_) {
+        if (record.defined)
+            containers.push_back(record.published);
+    }
+    changed_ = false;
+    sink_(std::move(containers));
+}
+
+void LxcWatcher::logOnChange(std::string& last, Severity severity, const std::string& line) {
+    if (line != last && !line.empty())
+        log_(severity, line);
+    last = line;
+}
+
+}  // namespace kx::agent::lxc

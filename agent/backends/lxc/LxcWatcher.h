@@ -1,0 +1,133 @@
+// The worker of the LXC backend: watches the containers of one LXC path and tells when something has changed.
+//
+// How a change is noticed:
+//   created, renamed, deleted, config or kx.toml edited   inotify on LXC's path and on each container's folder
+//   started       inotify where cgroups of containers appear; then short rechecks, for LXC reports "running" some
+//                 5-20 ms later. A start that waits in its first hook has no cgroup yet, and a configuration may put
+//                 the cgroups elsewhere: a look at the kernel's list of sockets, twice a second, finds those
+//   stopped       a pidfd on the container's init process, then short rechecks until LXC is through
+//   frozen        inotify on the files of its freezer, then short rechecks while it is on the way
+//   anything else, and whatever a full queue of notices lost      a full comparison every 5 s
+//
+// Threads: the constructor and the destructor belong to the main thread. Between them one worker thread owns all
+// the state; it has every signal blocked, and the functions handed in are called on it.
+#pragma once
+
+#include <sys/epoll.h>
+
+#include <atomic>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/backends/lxc/CgroupTree.h"
+#include "agent/backends/lxc/ContainerProbe.h"
+#include "agent/backends/lxc/ContainerRecord.h"
+#include "agent/backends/lxc/Inotify.h"
+#include "agent/backends/lxc/LogSink.h"
+#include "agent/backends/lxc/LxcBackend.h"
+#include "agent/backends/lxc/RecheckList.h"
+#include "agent/backends/lxc/StuckCallBreaker.h"
+#include "agent/backends/lxc/VeIdStore.h"
+
+namespace kx::agent::lxc {
+
+/// Takes all containers, in the order of their names, whenever one has changed. Called on the worker thread.
+using ContainersSink = std::function<void(std::vector<Environment>)>;
+
+/// Watches from its construction to its destruction.
+class LxcWatcher {
+public:
+    /// @brief Starts the worker; the first list follows soon, also when there is no container.
+    /// @param settings see LxcSettings
+    /// @param sink gets the containers
+    /// @param log gets log lines, on the worker and in the constructor
+    /// @throws std::runtime_error when neither LXC's path nor its parent folder can be watched
+    LxcWatcher(LxcSettings settings, ContainersSink sink, LogSink log);
+
+    /// @brief Stops and joins the worker; it waits for a call into liblxc or to the disk that is under way.
+    ~LxcWatcher();
+
+    LxcWatcher(const LxcWatcher&) = delete;
+    LxcWatcher& operator=(const LxcWatcher&) = delete;
+
+private:
+    // The loop: LxcWatcher.cpp
+    void run();
+    void runOnce();
+    void waitForEvents();
+    void addToPoll(int descriptor, std::uint64_t tag);
+    void notice(const Inotify::Notice& notice);
+    void pathNotice(const Inotify::Notice& notice);
+    void folderNotice(const Inotify::Notice& notice);
+    void lifeEnded(std::uint64_t id);
+    void publish();
+    void assignVeIds();
+
+    // Comparing everything: LxcWatcherResync.cpp
+    bool watchPath();
+    void watchCgroups();
+    void watchCgroupFolder(const std::string& folder);
+    void compareAll();
+    void listFolders();
+    void compare(ContainerRecord& record, const std::set<std::string, std::less<>>& sockets);
+    void askForStarts();
+
+    // One container: LxcWatcherLook.cpp
+    void ensureRecord(const std::string& name, Clock::duration delay);
+    int watchFolder(const std::string& name);
+    void dropRecord(const std::string& name);
+    void stir(ContainerRecord& record);
+    void attend(ContainerRecord& record, unsigned needs);
+    void look(ContainerRecord& record);
+    void setDefined(ContainerRecord& record, bool defined);
+    void takeConfiguration(ContainerRecord& record, const ContainerProbe& probe);
+    void takeState(ContainerRecord& record, const ContainerProbe& probe);
+    void takeNoAnswer(ContainerRecord& record);
+    void takeMalformed(ContainerRecord& record, bool fresh);
+    bool watchLife(ContainerRecord& record, pid_t initPid);
+    void forgetLife(ContainerRecord& record);
+    void lookAtFreezer(ContainerRecord& record);
+    void scheduleNext(ContainerRecord& record, ProbeResult result);
+    void refresh(ContainerRecord& record);
+    bool hasPayloadCgroup(const std::string& name) const;
+    void logOnChange(std::string& last, Severity severity, const std::string& line);
+
+    const LxcSettings settings_;
+    const ContainersSink sink_;
+    const LogSink log_;
+    VeIdStore veIds_;
+    StuckCallBreaker breaker_;
+    Inotify inotify_;
+    FileDescriptor poll_;
+    FileDescriptor stopEvent_;
+
+    std::map<std::string, ContainerRecord> records_;
+    std::map<std::uint64_t, std::string> nameOfLife_;  ///< whose init process a pidfd in the poll set is
+    std::uint64_t lastLifeId_;
+    RecheckList rechecks_;
+    CgroupTree cgroups_;
+    std::map<std::string, int> cgroupWatches_;
+    int pathWatch_ = -1;
+    int parentWatch_ = -1;
+    FileStamp pathStamp_;
+
+    Clock::time_point compareAllAt_;
+    Clock::time_point askForStartsAt_;
+    unsigned comparisons_ = 0;
+    bool changed_ = true;      ///< something is to be published; the first list always is
+    bool veIdsStale_ = false;  ///< the set of containers has changed since ids were assigned
+
+    std::string pathProblem_;  ///< these hold the last line logged of a kind, to log changes only
+    std::string watchProblem_;
+    std::string workerProblem_;
+
+    std::atomic<bool> ending_{false};
+    std::thread thread_;
+};
+
+}  // namespace kx::agent::lxc

@@ -1,0 +1,29 @@
+// Reading and replacing small files whole. Plain functions, any thread.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace kx::agent {
+
+/// @brief Reads a regular file.
+/// @param path the file; a symbolic link is followed
+/// @param maxBytes a longer file is refused
+/// @param problem in words, with the path, when nothing is returned
+/// @return the content; nothing when there is no such file, it is no regular file, or it cannot be read
+std::optional<std::string> readRegularFile(const std::string& path, std::size_t maxBytes, std::string& problem);
+
+/// @brief Replaces a file in one step: after a crash there is the old content or the new one, never a part of either.
+/// @param path the file; its folder must exist
+/// @param content all of the new content
+/// @return empty, or what went wrong, in words, with the path
+std::string replaceFile(const std::string& path, std::string_view content);
+
+/// @brief Makes a folder and those above it where they are missing, each with mode 0755 whatever the umask is.
+/// Folders that are there already are left as they are.
+/// @return empty, or what went wrong, in words, with the path
+std::string makeFolders(const std::string& path);
+
+}  // namespace kx::agent

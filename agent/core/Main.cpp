@@ -1,0 +1,57 @@
+// kxagentd: the host management agent, in the foreground.
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+
+#include "agent/core/Agent.h"
+#include "agent/core/Log.h"
+
+namespace {
+
+constexpr const char* kProgram = "kxagentd " KX_VERSION;
+constexpr int kUsageError = 2;
+
+int check(const kx::agent::AgentSettings& settings) {
+    const std::string problem = kx::agent::checkConfiguration(settings);
+    if (!problem.empty()) {
+        kx::agent::log::error(problem);
+        return EXIT_FAILURE;
+    }
+    std::printf("%s: good\n", settings.configFile.c_str());
+    return EXIT_SUCCESS;
+}
+
+int serve(const kx::agent::AgentSettings& settings) {
+    // A client that goes while something is being written to it is the connection's affair.
+    std::signal(SIGPIPE, SIG_IGN);
+    try {
+        kx::agent::Agent(settings).run();
+        return EXIT_SUCCESS;
+    } catch (const std::exception& error) {
+        kx::agent::log::error(error.what());
+        return EXIT_FAILURE;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    kx::agent::AgentSettings settings{kx::agent::kDefaultConfigFile, false, kProgram};
+    bool checkOnly = false;
+    CLI::App app("The host management agent: watches the host's containers and serves what it finds to clients.",
+                 "kxagentd");
+    const auto* config = app.add_option("--config", settings.configFile, "Configuration file")
+                             ->option_text("FILE")
+                             ->capture_default_str();
+    app.add_flag("--check-config", checkOnly, "Look through the configuration, say what is wrong, and exit");
+    app.set_version_flag("--version", kProgram);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? EXIT_SUCCESS : kUsageError;
+    }
+    settings.configMustExist = config->count() > 0;
+    return checkOnly ? check(settings) : serve(settings);
+}

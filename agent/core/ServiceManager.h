@@ -1,0 +1,19 @@
+// What the agent tells the service manager of its own life (sd_notify(3)). Without a service manager that listens,
+// nothing happens. Main thread only.
+#pragma once
+
+#include <string>
+
+namespace kx::agent {
+
+/// @brief The agent serves clients, after its start or after a reload.
+/// @param status one line for whoever asks the service manager how it goes
+void notifyReady(const std::string& status);
+
+/// @brief The agent reads its configuration again; followed by notifyReady().
+void notifyReloading();
+
+/// @brief The agent is about to end.
+void notifyStopping();
+
+}  // namespace kx::agent

@@ -1,0 +1,41 @@
+// All that clients can ask of the host: its environments and its vocabularies, as they were last found.
+//
+// Main thread only.
+#pragma once
+
+#include <vector>
+
+#include "agent/backends/Backend.h"
+#include "agent/inventory/Inventory.h"
+
+namespace kx::agent {
+
+/// What is new to clients that know the content before.
+struct HostUpdate {
+    std::vector<FrameBody> deltas;  ///< in order; empty when the environments are the same
+    FrameBody vocabularySet;        ///< null when the vocabularies are the same
+};
+
+/// The present content.
+class HostContent {
+public:
+    /// @param host see Inventory
+    explicit HostContent(Environment host);
+
+    /// @brief Takes over what a backend has found. Vocabularies that do not fit into a frame are logged and not taken.
+    /// @return what has changed by it
+    HostUpdate apply(HostImage image);
+
+    Inventory& inventory() { return inventory_; }
+    const Inventory& inventory() const { return inventory_; }
+
+    /// @return the vocabularies, encoded; never null
+    const FrameBody& vocabularySet() const { return vocabularySet_; }
+
+private:
+    Inventory inventory_;
+    std::vector<Vocabulary> vocabularies_;
+    FrameBody vocabularySet_;
+};
+
+}  // namespace kx::agent

@@ -1,0 +1,115 @@
+#include "agent/core/Config.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "tests/unit/agent/TemporaryFolder.h"
+
+namespace kx::agent {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+std::string errorOf(std::string_view text) {
+    try {
+        parseConfig(text, "a.toml");
+    } catch (const ConfigError& error) {
+        return error.what();
+    }
+    return "no error";
+}
+
+TEST(Config, AnEmptyFileMeansTheDefaults) {
+    const Config config = parseConfig("", "a.toml");
+    EXPECT_EQ(config, Config());
+    EXPECT_EQ(config.socket, "/var/opt/orma/agent/agent.sock");
+    EXPECT_EQ(config.stateDirectory, "/var/lib/kxagent");
+    EXPECT_EQ(config.backend, BackendKind::Auto);
+    EXPECT_EQ(config.lxcPath, "/var/lib/lxc");
+    EXPECT_EQ(config.inventory, "/etc/kxagent/inventory.toml");
+    EXPECT_EQ(config.periodScale, 1.0);
+}
+
+TEST(Config, EverySettingIsTaken) {
+    const Config config = parseConfig(
+        "socket = '/run/a.sock'\nstate_directory = '/run/state'\nbackend = 'simulated'\n"
+        "[lxc]\npath = '/srv/lxc'\n[simulated]\ninventory = '/srv/i.toml'\n[monitoring]\nperiod_scale = 0.01\n",
+        "a.toml");
+    EXPECT_EQ(config, (Config{"/run/a.sock", "/run/state", BackendKind::Simulated, "/srv/lxc", "/srv/i.toml", 0.01}));
+}
+
+TEST(Config, EveryBackendHasItsWord) {
+    EXPECT_EQ(parseConfig("backend = 'auto'", "a.toml").backend, BackendKind::Auto);
+    EXPECT_EQ(parseConfig("backend = 'lxc'", "a.toml").backend, BackendKind::Lxc);
+    EXPECT_EQ(parseConfig("backend = 'simulated'", "a.toml").backend, BackendKind::Simulated);
+}
+
+TEST(Config, AWholeNumberIsAPeriodScaleToo) {
+    EXPECT_EQ(parseConfig("[monitoring]\nperiod_scale = 2", "a.toml").periodScale, 2.0);
+}
+
+TEST(Config, AnUnknownSettingIsNamedWithItsPlace) {
+    EXPECT_EQ(errorOf("\nsokcet = '/a'"), "a.toml:2:1: there is no setting \"sokcet\"");
+    EXPECT_EQ(errorOf("[lxc]\n  paht = '/a'"), "a.toml:2:3: there is no setting \"lxc.paht\"");
+    EXPECT_EQ(errorOf("[simulate]\n"), "a.toml:1:2: there is no setting \"simulate\"");
+}
+
+TEST(Config, AWrongTypeIsNamedWithItsPlace) {
+    EXPECT_EQ(errorOf("socket = 7"), "a.toml:1:10: \"socket\" must be a text");
+    EXPECT_EQ(errorOf("lxc = '/a'"), "a.toml:1:7: \"lxc\" must be a table");
+    EXPECT_EQ(errorOf("[monitoring]\nperiod_scale = '1'"), "a.toml:2:16: \"monitoring.period_scale\" must be a number");
+    EXPECT_EQ(errorOf("[[lxc]]\npath = '/a'").substr(0, 11), "a.toml:1:1:");
+}
+
+TEST(Config, AWrongValueIsNamedWithItsPlace) {
+    EXPECT_THAT(errorOf("backend = 'both'"), StartsWith("a.toml:1:11: \"backend\" must be \"auto\""));
+    EXPECT_THAT(errorOf("socket = 'relative'"), HasSubstr("must be an absolute path"));
+    EXPECT_THAT(errorOf("socket = ''"), HasSubstr("must be an absolute path"));
+    EXPECT_THAT(errorOf("socket = '/run/'"), HasSubstr("must name a file"));
+    EXPECT_THAT(errorOf("socket = \"/a\\u0000b\""), HasSubstr("zero byte"));
+    EXPECT_THAT(errorOf("socket = '/" + std::string(107, 'x') + "'"), HasSubstr("too long"));
+    EXPECT_EQ(errorOf("socket = '/" + std::string(106, 'x') + "'"), "no error");
+}
+
+TEST(Config, APeriodScaleOutsideItsRangeIsRefused) {
+    for (const std::string value : {"0", "0.0", "-1", "1000.5", "inf", "nan"})
+        EXPECT_THAT(errorOf("[monitoring]\nperiod_scale = " + value), HasSubstr("above 0 and at most 1000")) << value;
+}
+
+TEST(Config, TextThatIsNotTomlIsNamedWithItsPlace) {
+    EXPECT_THAT(errorOf("backend = 'auto'\nsocket = ["), StartsWith("a.toml:2:"));
+    EXPECT_THAT(errorOf("socket = '/a'\nsocket = '/b'"), StartsWith("a.toml:2:"));
+    EXPECT_THAT(errorOf("\xff\xfe"), StartsWith("a.toml:1:"));
+}
+
+TEST(ConfigFile, AMissingFileMeansTheDefaultsUnlessItWasAskedFor) {
+    const test::TemporaryFolder folder;
+    EXPECT_EQ(loadConfig(folder / "none.toml", false), Config());
+    EXPECT_EQ(loadConfig(folder / "none/none.toml", false), Config());
+    EXPECT_THROW(loadConfig(folder / "none.toml", true), ConfigError);
+}
+
+TEST(ConfigFile, AFileThatCannotBeReadIsAnErrorEvenWhereItMayBeMissing) {
+    const test::TemporaryFolder folder;
+    EXPECT_THROW(loadConfig(folder.path(), false), ConfigError);
+    ASSERT_EQ(::symlink((folder / "none").c_str(), (folder / "dangling").c_str()), 0);
+    EXPECT_THROW(loadConfig(folder / "dangling", false), ConfigError);
+}
+
+TEST(ConfigFile, ErrorsNameTheFile) {
+    const test::TemporaryFolder folder;
+    std::ofstream(folder / "k.toml") << "\n\nx = 1\n";
+    try {
+        loadConfig(folder / "k.toml", true);
+        FAIL() << "taken";
+    } catch (const ConfigError& error) {
+        EXPECT_EQ(error.what(), (folder / "k.toml") + ":3:1: there is no setting \"x\"");
+    }
+}
+
+}  // namespace
+}  // namespace kx::agent
