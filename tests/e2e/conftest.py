@@ -1,0 +1,56 @@
+"""End-to-end tests: the real programs, the real master agent, in namespaces of their own. Needs root."""
+
+import os
+import sys
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+
+from support import host as host_module  # noqa: E402
+from support import privatehost  # noqa: E402
+
+
+def pytest_configure(config):
+    if os.geteuid() != 0:
+        pytest.exit("the end-to-end tests need root: they make namespaces of their own", returncode=1)
+    privatehost.enter(privatehost.BUILT_IN_FOLDERS, ownNetwork=True)
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item):
+    """Adds what the programs logged to the report of a failed test."""
+    report = (yield).get_result()
+    if report.failed:
+        for fixture in item.funcargs.values():
+            if isinstance(fixture, host_module.Host) and fixture.folder.exists():
+                report.sections.extend(fixture.logs())
+
+
+def _closeAndJudge(host):
+    try:
+        host.close()
+        reports = host.reports()
+    finally:
+        host.removeFolder()
+    assert not reports, "\n".join(reports)
+
+
+@pytest.fixture
+def host():
+    """A host with nothing running. Ends whatever the test started; a sanitizer's report fails the test."""
+    made = host_module.Host()
+    yield made
+    _closeAndJudge(made)
+
+
+@pytest.fixture(scope="module")
+def describedHost(request):
+    """A running host for all tests of a module, described by the module's INVENTORY."""
+    made = host_module.Host()
+    try:
+        made.startAll(request.module.INVENTORY)
+        yield made
+    finally:
+        _closeAndJudge(made)

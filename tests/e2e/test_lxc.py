@@ -1,0 +1,153 @@
+"""Real containers: what LXC does is in the table within a second."""
+
+import pytest
+from support import lxclab
+from support.host import ENTRY, Host
+from support.wait import waitUntil
+
+NOTICED_WITHIN_S = 1.0
+STOPPED, RUNNING, FROZEN = 1, 2, 3
+FIRST_GIVEN_NUMBER = 1000000
+
+NAME, HOSTNAME, DESCRIPTION, OS_TEMPLATE, BASE_SAMPLE, STATE, TRANSITION = range(3, 10)
+
+
+@pytest.fixture(scope="module")
+def lab():
+    obstacle = lxclab.obstacle()
+    if obstacle:
+        pytest.skip(f"no LXC lab can be made here: {obstacle}")
+    made = lxclab.LxcLab()
+    yield made
+    made.close()
+
+
+@pytest.fixture
+def labHost(lab):
+    """A host whose agent reads the lab's containers: "101" and "102", and "web", which has no number as its name."""
+    made = Host()
+    names = ["101", "102", "web"]
+    try:
+        for name in names:
+            lab.do("create", name)
+        made.agent.writeConfig('backend = "lxc"')
+        made.agent.start(lab.launcher)
+        made.snmpd.start()
+        made.kxsnmp.start()
+        made.waitForSubtree()
+        waitUntil(lambda: len(table(made)) >= 3, NOTICED_WITHIN_S, "the three containers are shown")
+        yield made
+    finally:
+        for name in table(made).values():
+            lab.do("destroy", name[NAME].decode())
+        made.close()
+        reports = made.reports()
+        made.removeFolder()
+    assert not reports, "\n".join(reports)
+
+
+def table(host):
+    """VE id -> column -> value."""
+    rows = {}
+    for varbind in host.client.bulkwalk(ENTRY, 20):
+        column, veid = varbind.oid[-2:]
+        rows.setdefault(veid, {})[column] = varbind.value
+    return rows
+
+
+def waitForState(host, veid, state):
+    def shown():
+        row = table(host).get(veid)
+        return row is not None and (row[STATE], row[TRANSITION]) == (state, 0)
+
+    waitUntil(shown, NOTICED_WITHIN_S, f"container {veid} is shown in state {state}")
+
+
+def test_three_containers_are_shown_with_their_configuration(labHost, lab):
+    rows = table(labHost)
+    assert {veid: row[NAME] for veid, row in rows.items()} == {101: b"101", 102: b"102", FIRST_GIVEN_NUMBER: b"web"}
+    for row in rows.values():
+        assert row[HOSTNAME] == row[NAME] + b".example.test"
+        assert row[OS_TEMPLATE] == b"busyboxlab/1.35"
+        assert (row[STATE], row[TRANSITION]) == (STOPPED, 0)
+
+
+@pytest.mark.parametrize("name, veid", [("101", 101), ("web", FIRST_GIVEN_NUMBER)])
+def test_start_freeze_unfreeze_and_stop_are_seen_within_a_second(labHost, lab, name, veid):
+    for action, state in [
+        ("start", RUNNING),
+        ("freeze", FROZEN),
+        ("unfreeze", RUNNING),
+        ("stop", STOPPED),
+        ("start", RUNNING),
+    ]:
+        lab.do(action, name)
+        waitForState(labHost, veid, state)
+    others = {other: row[STATE] for other, row in table(labHost).items() if other != veid}
+    assert set(others.values()) == {STOPPED}
+
+
+def test_create_and_destroy_are_seen_within_a_second(labHost, lab):
+    lab.do("create", "103", "fresh.example")
+    waitUntil(lambda: 103 in table(labHost), NOTICED_WITHIN_S, "the new container is shown")
+    assert table(labHost)[103][HOSTNAME] == b"fresh.example"
+    lab.do("start", "103")
+    waitForState(labHost, 103, RUNNING)
+    lab.do("destroy", "103")
+    waitUntil(lambda: 103 not in table(labHost), NOTICED_WITHIN_S, "the destroyed container is gone")
+    assert len(table(labHost)) == 3
+
+
+def test_a_container_that_ends_by_itself_is_seen_within_a_second(labHost, lab):
+    lab.do("start", "102")
+    waitForState(labHost, 102, RUNNING)
+    lab.do("exec", "lxc-attach", "-n", "102", "--", "/bin/poweroff", "-f")
+    waitForState(labHost, 102, STOPPED)
+
+
+def test_the_file_beside_the_configuration_adds_description_and_base_sample(labHost, lab):
+    sample = "0f8e5c1a-7a44-4c3b-9d1e-0000000000aa"
+    lab.writeFile("/var/lib/lxc/101/kx.toml", f'description = "front end"\nbase_sample = "{sample}"\n')
+
+    def shown():
+        row = table(labHost)[101]
+        return (row[DESCRIPTION], row[BASE_SAMPLE]) == (b"front end", sample.encode())
+
+    waitUntil(shown, NOTICED_WITHIN_S, "description and base sample are shown")
+
+
+def test_one_malformed_configuration_hides_no_other_container(labHost, lab):
+    lab.do("create", "104")
+    waitUntil(lambda: 104 in table(labHost), NOTICED_WITHIN_S, "the container is shown")
+    lab.writeFile("/var/lib/lxc/104/config", "lxc.no.such.key = 1\n")
+    lab.do("start", "101")
+    waitForState(labHost, 101, RUNNING)
+    assert {101, 102, FIRST_GIVEN_NUMBER} <= set(table(labHost))
+    lab.do("exec", "rm", "-r", "/var/lib/lxc/104")
+    waitUntil(lambda: 104 not in table(labHost), NOTICED_WITHIN_S, "the removed container is gone")
+
+
+def test_given_numbers_and_identifiers_survive_a_restart_of_the_agent(labHost, lab):
+    before = table(labHost)
+    lab.do("destroy", "web")
+    waitUntil(lambda: len(table(labHost)) == 2, NOTICED_WITHIN_S, "the destroyed container is gone")
+    labHost.agent.stop()
+    labHost.agent.start(lab.launcher)
+    lab.do("create", "another")
+    lab.do("create", "web")
+    waitUntil(lambda: len(table(labHost)) == 4, 10, "all containers are shown")
+    after = table(labHost)
+    assert after[FIRST_GIVEN_NUMBER] == before[FIRST_GIVEN_NUMBER]
+    assert after[FIRST_GIVEN_NUMBER + 1][NAME] == b"another"
+
+
+def test_containers_that_run_before_the_agent_starts_are_shown_running(labHost, lab):
+    labHost.agent.stop()
+    lab.do("start", "101")
+    lab.do("start", "102")
+    lab.do("freeze", "102")
+    labHost.agent.start(lab.launcher)
+    expected = {101: RUNNING, 102: FROZEN, FIRST_GIVEN_NUMBER: STOPPED}
+    waitUntil(
+        lambda: {veid: row[STATE] for veid, row in table(labHost).items()} == expected, 10, "all states are right"
+    )

@@ -1,0 +1,1 @@
+"""The test rig: a private host, the programs on it, and peers that talk to them."""
