@@ -5,6 +5,7 @@
 #include "mib/Keys.h"
 #include "mib/KxScalar.h"
 #include "mib/OidLayout.h"
+#include "mib/RequestedOid.h"
 #include "mib/TableHelperHelper.h"
 #include "tables/VeAppTableData.h"
 #include "tables/VeIpTableData.h"
@@ -74,6 +75,8 @@ bool registerWithLibrary(const TableDescription& table) {
     *iteratorInfo = table.callbacks;
     iteratorInfo->table_reginfo = tableInfo;
     netsnmp_register_table_iterator(registration, iteratorInfo);
+    // After the library's own handlers, so that it stands before them.
+    inject_requested_oid_handler(registration);
     return true;
 }
 

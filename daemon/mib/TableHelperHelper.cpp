@@ -47,8 +47,9 @@ void copyIndexValue(netsnmp_variable_list* into, netsnmp_variable_list& from) {
     }
     if (from.type == ASN_UNSIGNED) {
         // It makes a sub-identifier of the whole native long. Sign-extended, the number of a container without
-        // one (-1) would have 64 bits in this process but 32 on the AgentX socket: the master's next GETNEXT,
-        // sent for .4294967295, finds the same row once more, and a walk never ends.
+        // one (-1) would have 64 bits in this process but 32 on the AgentX socket, and whether a request for
+        // .4294967295 then finds it would depend on how the library widens what it reads (RequestedOid.h): a walk
+        // might find the row for ever, or never.
         *from.val.integer = static_cast<std::uint32_t>(*from.val.integer);
     }
     copyValue(into, from);
