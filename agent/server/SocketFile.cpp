@@ -25,6 +25,10 @@ constexpr int kBacklog = 128;
 constexpr mode_t kPrivateUmask = 0177;
 constexpr mode_t kSocketMode = 0660;
 
+/// Of the file beside the socket that one starting agent locks out another with.
+constexpr const char* kLockSuffix = ".lock";
+constexpr mode_t kLockMode = 0600;
+
 [[noreturn]] void fail(const std::string& path, std::string_view why) {
     throw std::runtime_error(fmt::format("cannot listen on {}: {}", path, why));
 }
@@ -74,14 +78,15 @@ bool isListenedOn(const std::string& path) {
     failBySystem(path, "cannot tell whether an agent listens there");
 }
 
-/// Two agents that start at once must not both find the old socket stale and remove each other's.
-OwnedDescriptor lockFolderOf(const std::string& path) {
-    const std::string folder = std::filesystem::path(path).parent_path();
-    OwnedDescriptor locked(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+/// Two agents that start at once must not both find the old socket stale and remove each other's. The lock is a file
+/// of our own, which stays: the folder can be opened, and so be locked, by every user of the host.
+OwnedDescriptor lockStart(const std::string& path) {
+    const std::string lockPath = path + kLockSuffix;
+    OwnedDescriptor locked(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLockMode));
     if (!locked)
-        failBySystem(path, "cannot open its folder");
+        failBySystem(path, fmt::format("cannot open {}", lockPath));
     if (::flock(locked.get(), LOCK_EX | LOCK_NB) != 0)
-        failBySystem(path, "another agent is being started there, or its folder is locked");
+        failBySystem(path, "another agent is being started there");
     return locked;
 }
 
@@ -103,7 +108,7 @@ SocketFile::SocketFile(std::string path, std::optional<gid_t> group) : path_(std
     const std::string problem = makeFolders(std::filesystem::path(path_).parent_path());
     if (!problem.empty())
         fail(path_, problem);
-    const OwnedDescriptor lock = lockFolderOf(path_);
+    const OwnedDescriptor lock = lockStart(path_);
     removeStale(path_);
     bindPrivately();
     openToGroup(group);

@@ -14,7 +14,7 @@ namespace kx::agent {
 class SocketFile {
 public:
     /// @brief Makes the folder if it is missing (0755) and the socket in it (0660), which replaces one that nobody
-    /// listens on any more.
+    /// listens on any more. Beside it an empty file PATH.lock is left (0600), by which agents start one at a time.
     /// @param path absolute
     /// @param group owner of the file beside root; without one it stays with the process's own group
     /// @throws std::runtime_error, naming the path, when another agent listens there, something else than a socket is

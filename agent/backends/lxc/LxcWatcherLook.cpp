@@ -24,8 +24,9 @@ constexpr unsigned kSettleSteps = std::size(kSettleDelays);
 /// While a transition lasts longer than that: hooks, a shutdown that takes its time.
 constexpr milliseconds kTransitionDelay{250};
 
-/// Where the last look cost the whole time limit. A cgroup that appears cuts it short.
-constexpr milliseconds kNoAnswerDelay{1000};
+/// Where the last look cost the whole time limit. Leaves most of the time to the other containers; much longer, and
+/// the end of a long start would be seen late, for nothing tells of it. A cgroup that appears cuts it short.
+constexpr milliseconds kNoAnswerDelay{400};
 
 /// Many notices come with one start; they are one look.
 constexpr milliseconds kBetweenLooks{3};

@@ -64,6 +64,19 @@ TEST_F(ServerAccess, aPeerThatNeverStopsSendingIsClosedAllTheSame) {
     expectOneLine({"Hello"});
 }
 
+TEST_F(ServerAccess, aPeerThatWasServedBeforeAndDoesNotHangUpIsClosedToo) {
+    settings_.limits.handshake = std::chrono::hours(1);
+    settings_.limits.farewell = std::chrono::milliseconds(50);
+    serve();
+    Peer peer = connect();
+    peer.shakeHands();
+    peer.sendHello();
+    expectRefusal(peer, wire::ERROR_MALFORMED);
+    pollfd closed{peer.descriptor(), 0, 0};
+    EXPECT_EQ(::poll(&closed, 1, static_cast<int>(std::chrono::milliseconds(test::kPatience).count())), 1);
+    EXPECT_TRUE(closed.revents & POLLHUP) << "both directions are closed, not only the server's";
+}
+
 TEST_F(ServerAccess, aFrameOfExactlyTheLimitIsTaken) {
     serve();
     Peer peer = connect();

@@ -1,7 +1,9 @@
 #include "agent/server/SocketFile.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -110,6 +112,26 @@ TEST(SocketFile, anAgentThatIsTooBusyToAcceptCountsAsListening) {
     ASSERT_LT(waiting.size(), 1000U) << "the backlog is never full";
     EXPECT_THAT([&] { const SocketFile second(path, std::nullopt); },
                 ThrowsMessage<std::runtime_error>(HasSubstr("another agent")));
+}
+
+TEST(SocketFile, whileOneAgentStartsAnotherDoesNot) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "agent.sock";
+    { const SocketFile file(path, std::nullopt); }
+    EXPECT_EQ(infoOf(path + ".lock").st_mode, S_IFREG | 0600U);
+    const OwnedDescriptor starting(::open((path + ".lock").c_str(), O_RDWR));
+    ASSERT_EQ(::flock(starting.get(), LOCK_EX), 0);
+    EXPECT_THAT([&] { const SocketFile second(path, std::nullopt); },
+                ThrowsMessage<std::runtime_error>(AllOf(HasSubstr(path), HasSubstr("being started"))));
+}
+
+// Every user of the host can open the folder, which is all it takes to lock it.
+TEST(SocketFile, whoeverLocksTheFolderKeepsNoAgentFromStarting) {
+    const TemporaryFolder folder;
+    const OwnedDescriptor stranger(::open(folder.path().c_str(), O_RDONLY | O_DIRECTORY));
+    ASSERT_EQ(::flock(stranger.get(), LOCK_EX), 0);
+    const SocketFile file(folder / "agent.sock", std::nullopt);
+    EXPECT_TRUE(canConnect(folder / "agent.sock"));
 }
 
 TEST(SocketFile, whatIsNoSocketIsNotRemoved) {

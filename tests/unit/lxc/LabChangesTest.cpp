@@ -62,7 +62,8 @@ TEST_F(LabChangesTest, aContainerWhoseInitEndsByItselfIsSeenToStop) {
     make("web");
     host_.start();
     host_.act({"start", "web"}, [&] { return host_.is("web", State::Running); });
-    ASSERT_TRUE(host_.run({"lxc-attach", "-n", "web", "--", "/bin/poweroff"}));
+    // What it brings about may kill the command itself, so whether it succeeded is not asked.
+    host_.run({"lxc-attach", "-n", "web", "--", "/bin/poweroff"});
     EXPECT_TRUE(host_.waitUntil([&] { return host_.is("web", State::Stopped); }, kNoticed * 5));
 }
 

@@ -83,6 +83,16 @@ TEST_F(LabHazardsTest, aStartThatWaitsForItsHookIsStartingAndHidesNoOther) {
     EXPECT_TRUE(host_.waitUntil([&] { return host_.is("slow", State::Running); }));
 }
 
+// The hook works while the cgroup is there and the monitor does not answer, so nothing tells of its end.
+TEST_F(LabHazardsTest, theEndOfALongStartIsSeenInTime) {
+    make("web");
+    writeFile("/var/lib/lxc/web/config", "lxc.hook.start-host = /bin/sh -c 'sleep 0.25'\n", true);
+    host_.start();
+    ASSERT_TRUE(host_.waitUntil([&] { return host_.is("web", State::Stopped); }));
+    ASSERT_TRUE(host_.run(lab({"start", "web"})));
+    EXPECT_TRUE(host_.waitUntil([&] { return host_.is("web", State::Running); }, kNoticed * 7 / 10));
+}
+
 TEST_F(LabHazardsTest, aStartThatFailsEndsUpStopped) {
     make("web");
     writeFile("/var/lib/lxc/web/config", "lxc.hook.pre-start = /bin/false\n", true);

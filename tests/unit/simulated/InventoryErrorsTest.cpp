@@ -146,6 +146,24 @@ TEST(InventoryErrors, DotsInTextsAndCommentsAreNoPartsOfKeys) {
               "good");
 }
 
+// The TOML parser's behaviour is undefined for some of these.
+TEST(InventoryErrors, LettersBeyondAsciiOutsideQuotesArePointedAt) {
+    const std::string message = "only letters, digits and signs of ASCII may stand outside quotes";
+    EXPECT_EQ(errorOf("gr\xc3\xb6\xc3\x9f"
+                      "e = 1\n"),
+              "1:3: " + message);
+    EXPECT_EQ(errorOf("# \xd0\x9b\n[host]\n\"\xd0\x9b\" \xd0\x9b = 1\n"), "3:5: " + message);
+    EXPECT_EQ(errorOf("\xd0\x9b"), "1:1: " + message);
+}
+
+TEST(InventoryErrors, AByteOrderMarkIsNone) {
+    EXPECT_EQ(errorOf("\xef\xbb\xbf" + kHead), "good");
+}
+
+TEST(InventoryErrors, LettersBeyondAsciiInQuotedKeysAreOnlyUnknown) {
+    EXPECT_EQ(errorOf(kHead + "\"\xd0\x9b\" = 1\n"), "3:1: unknown key \"\xd0\x9b\"");
+}
+
 TEST(InventoryErrors, AHundredThousandBracketsAreAnError) {
     EXPECT_THAT(errorOf("x = " + std::string(100'000, '[')), testing::StartsWith("1:"));
     EXPECT_THAT(errorOf(std::string(100'000, '[')), testing::StartsWith("1:"));

@@ -137,6 +137,11 @@ description = '''it's # no comment''')");
     EXPECT_EQ(environment.description, "it's # no comment");
 }
 
+TEST(InventoryParser, JoinsLinesThatAreContinued) {
+    const auto environment = onlyEnvironment("[[environment]]\nname = \"\"\"one \\\n   \xd0\x9b\"\"\"\n");
+    EXPECT_EQ(environment.name, "one \xd0\x9b");
+}
+
 // ---- numbers ----
 
 TEST(InventoryParser, TakesTheWholeRangeOf32BitNumbers) {
