@@ -139,6 +139,13 @@ TEST(InventoryErrors, AKeyOfSixteenPartsIsOnlyUnknown) {
     EXPECT_EQ(errorOf(keyOfParts(16) + " = 1\n"), "1:1: unknown key \"a\"");
 }
 
+TEST(InventoryErrors, ManyShortKeysAreNoLongOne) {
+    std::string text = kHead;
+    for (int i = 0; i < 20; ++i)
+        text += "counters.c.i.n" + std::to_string(i) + " = 1\n";
+    EXPECT_EQ(errorOf(text), "good");
+}
+
 TEST(InventoryErrors, DotsInTextsAndCommentsAreNoPartsOfKeys) {
     const std::string dots(100, '.');
     EXPECT_EQ(errorOf("# it's " + dots + "\n" + kHead + "hostname = \"" + dots + "\\\"" + dots + "\" # \" " + dots +
