@@ -23,7 +23,7 @@ constexpr const char* kHostName = "host";
 constexpr std::chrono::seconds kFirstImagePatience{3};
 
 /// Deltas of this size leave behind enough free memory to be worth giving back.
-constexpr std::size_t kLargeUpdateBytes = 256 * 1024;
+constexpr std::size_t kLargeUpdateBytes = std::size_t{256} * 1024;
 
 std::string hostName() {
     std::array<char, 256> name{};

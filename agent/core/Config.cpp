@@ -14,7 +14,7 @@
 namespace kx::agent {
 namespace {
 
-constexpr std::size_t kMaxConfigBytes = 1024 * 1024;
+constexpr std::size_t kMaxConfigBytes = std::size_t{1024} * 1024;
 constexpr double kMaxPeriodScale = 1000.0;
 
 /// Bytes of a socket's path that fit into its address, without the closing zero byte.

@@ -14,7 +14,7 @@ namespace kx::agent {
 struct Eid {
     std::array<std::uint8_t, 16> bytes{};
 
-    auto operator<=>(const Eid&) const = default;
+    auto operator<=>(const Eid&) const = default;  // NOLINT(modernize-use-nullptr): about code the compiler makes
 
     /// @return the usual form, 36 lower-case characters
     std::string toString() const;

@@ -27,10 +27,10 @@ class Inventory {
 public:
     /// An environment that would take more than this in a frame is left out of the list, with a log line. Together
     /// with kFrameBytes it keeps every frame below the limit of the wire.
-    static constexpr std::size_t kMaxEnvironmentBytes = 8U * 1024 * 1024;
+    static constexpr std::size_t kMaxEnvironmentBytes = std::size_t{8} * 1024 * 1024;
 
     /// A frame that has reached this size takes no further environment.
-    static constexpr std::size_t kFrameBytes = 4U * 1024 * 1024;
+    static constexpr std::size_t kFrameBytes = std::size_t{4} * 1024 * 1024;
 
     /// @param host the host's own environment; always the first of the list
     explicit Inventory(Environment host);

@@ -10,7 +10,7 @@ namespace kx::agent {
 namespace {
 
 /// A group of a directory service may list thousands of members.
-constexpr std::size_t kMaxGroupBytes = 4U * 1024 * 1024;
+constexpr std::size_t kMaxGroupBytes = std::size_t{4} * 1024 * 1024;
 
 std::optional<gid_t> groupNamed(const char* name) {
     std::vector<char> buffer(4096);

@@ -98,7 +98,7 @@ void Connection::waitForInput() {
 
 void Connection::readSome() {
     // One for all connections, which read one after the other: an idle connection holds no buffer.
-    static std::array<char, 64 * 1024> buffer;
+    static std::array<char, std::size_t{64} * 1024> buffer;
     const ssize_t size = ::recv(socket_.native_handle(), buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (size == 0 || (size < 0 && !isTemporary(errno))) {
         close();

@@ -13,7 +13,7 @@ struct ServerLimits {
 
     /// Load of a connection's outbox at which it is dropped: many times the largest usual snapshot, so that only a
     /// peer that does not read gets there.
-    std::size_t maxUnsentBytes = 64U * 1024 * 1024;
+    std::size_t maxUnsentBytes = std::size_t{64} * 1024 * 1024;
 
     /// From the connection's start to its Hello. A peer sends it at once.
     std::chrono::milliseconds handshake{5000};

@@ -25,7 +25,7 @@ inline constexpr std::int64_t kMaxGenerated = 1'000'000;
 
 /// The most bytes of text in one environment, and in all vocabularies together: either must fit into one frame to a
 /// client, with room to spare.
-inline constexpr std::size_t kMaxTextBytes = 1024 * 1024;
+inline constexpr std::size_t kMaxTextBytes = std::size_t{1024} * 1024;
 
 /// A counter of a described container.
 struct CounterSource {

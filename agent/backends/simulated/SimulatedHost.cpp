@@ -87,7 +87,7 @@ InventoryError systemError() {
 
 /// Reads to the end, even if the file grows meanwhile: its writer's closing it makes us read again.
 std::variant<std::string, InventoryError> readAll(int file) {
-    constexpr std::size_t blockBytes = 64U * 1024;
+    constexpr std::size_t blockBytes = std::size_t{64} * 1024;
     std::string text;
     while (text.size() <= kMaxFileBytes) {
         const std::size_t size = text.size();

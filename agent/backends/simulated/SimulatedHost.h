@@ -12,7 +12,7 @@
 namespace kx::agent::simulated {
 
 /// The longest file read: some ten thousand environments with long texts.
-inline constexpr std::size_t kMaxFileBytes = 64U * 1024 * 1024;
+inline constexpr std::size_t kMaxFileBytes = std::size_t{64} * 1024 * 1024;
 
 /// A described host.
 struct SimulatedHost {
