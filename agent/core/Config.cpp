@@ -10,6 +10,7 @@
 #include <functional>
 
 #include "agent/core/File.h"
+#include "agent/core/TomlGuard.h"
 
 namespace kx::agent {
 namespace {
@@ -129,6 +130,8 @@ private:
 Config parseConfig(std::string_view text, const std::string& fileName) {
     Config config;
     Reader reader(fileName, config);
+    if (const auto fault = findUnparsable(text))
+        throw ConfigError(fmt::format("{}:{}:{}: {}", fileName, fault->line, fault->column, fault->message));
     try {
         reader.readAll(toml::parse(text, fileName));
     } catch (const toml::parse_error& error) {

@@ -4,6 +4,8 @@
 
 #include <toml++/toml.h>
 
+#include "agent/core/TomlGuard.h"
+
 namespace kx::agent::lxc {
 namespace {
 
@@ -79,6 +81,9 @@ ContainerNotes notesOf(const toml::table& file) {
 }  // namespace
 
 std::variant<ContainerNotes, NotesError> parseContainerNotes(std::string_view text) {
+    if (auto fault = findUnparsable(text))
+        return NotesError{static_cast<unsigned>(fault->line), static_cast<unsigned>(fault->column),
+                          std::move(fault->message)};
     try {
         return notesOf(toml::parse(text));
     } catch (const toml::parse_error& error) {

@@ -4,8 +4,8 @@
 #include <limits>
 
 #include "agent/backends/simulated/InventoryFile.h"
-#include "agent/backends/simulated/TextGuard.h"
 #include "agent/backends/simulated/TomlFields.h"
+#include "agent/core/TomlGuard.h"
 #include "wire/Protocol.h"
 
 namespace kx::agent::simulated {
@@ -181,8 +181,8 @@ InventoryFile readFile(const toml::table& root) {
 
 std::variant<InventoryFile, InventoryError> parseInventory(std::string_view text) {
     try {
-        if (auto error = findUnparsable(text))
-            return std::move(*error);
+        if (auto fault = findUnparsable(text))
+            return InventoryError{fault->line, fault->column, std::move(fault->message)};
         return readFile(toml::parse(text));
     } catch (const toml::parse_error& error) {
         const auto place = placeOf(error.source());

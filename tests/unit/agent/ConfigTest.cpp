@@ -100,6 +100,14 @@ TEST(ConfigFile, AFileThatCannotBeReadIsAnErrorEvenWhereItMayBeMissing) {
     EXPECT_THROW(loadConfig(folder / "dangling", false), ConfigError);
 }
 
+TEST(Config, AKeyOfAMillionPartsIsAnErrorLikeAnyOther) {
+    std::string text = "\na";
+    for (int i = 0; i < 1'000'000; ++i) {
+        text += ".a";
+    }
+    EXPECT_THAT(errorOf(text + " = 1\n"), StartsWith("a.toml:2:32: "));
+}
+
 TEST(ConfigFile, ErrorsNameTheFile) {
     const test::TemporaryFolder folder;
     std::ofstream(folder / "k.toml") << "\n\nx = 1\n";

@@ -45,6 +45,14 @@ TEST(ContainerNotesTest, anAbsentListIsNotAnEmptyOne) {
     EXPECT_THAT(good("[[templates]]\nname = \"a\"").templates, ::testing::Optional(ElementsAre(Template{"a", ""})));
 }
 
+// The parser makes a table in a table for each part and takes them down recursively: unguarded, the stack overflows.
+TEST(ContainerNotesTest, refusesAKeyOfAMillionParts) {
+    std::string text = "a";
+    for (int i = 0; i < 1'000'000; ++i)
+        text += ".a";
+    expectError(text + " = 1\n", 1, 32, "parts");
+}
+
 TEST(ContainerNotesTest, tellsWhereAnErrorIs) {
     expectError("description = 1", 1, 15, "description must be a string");
     expectError("\ndescripton = \"x\"", 2, 1, "unknown key \"descripton\"");

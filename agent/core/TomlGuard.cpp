@@ -1,11 +1,11 @@
-#include "agent/backends/simulated/TextGuard.h"
+#include "agent/core/TomlGuard.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <string>
 
-namespace kx::agent::simulated {
+namespace kx::agent {
 namespace {
 
 constexpr std::string_view kEndsOfKeys = "=,[]{}\n";
@@ -42,7 +42,7 @@ std::size_t endOfString(std::string_view text, std::size_t at) {
 }
 
 /// Columns are counted in characters, as the parser does: bytes that continue one (RFC 3629) do not count.
-InventoryError errorAt(std::string_view text, std::size_t at, std::string message) {
+TomlFault errorAt(std::string_view text, std::size_t at, std::string message) {
     const auto head = text.substr(0, at);
     const auto line = head.substr(head.rfind('\n') + 1);  // npos + 1 is 0: the first line
     const auto characters = std::count_if(line.begin(), line.end(),
@@ -53,7 +53,7 @@ InventoryError errorAt(std::string_view text, std::size_t at, std::string messag
 
 }  // namespace
 
-std::optional<InventoryError> findUnparsable(std::string_view text) {
+std::optional<TomlFault> findUnparsable(std::string_view text) {
     std::size_t dots = 0;
     for (std::size_t at = text.substr(0, 3) == kByteOrderMark ? 3 : 0; at < text.size();) {
         const char c = text[at];
@@ -76,4 +76,4 @@ std::optional<InventoryError> findUnparsable(std::string_view text) {
     return std::nullopt;
 }
 
-}  // namespace kx::agent::simulated
+}  // namespace kx::agent
