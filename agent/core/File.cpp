@@ -80,8 +80,9 @@ std::optional<std::string> readRegularFile(const std::string& path, std::size_t 
 
 std::string replaceFile(const std::string& path, std::string_view content) {
     const std::string fresh = path + ".new";
-    OwnedDescriptor descriptor(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kFileMode));
-    const bool written = descriptor && writeAll(descriptor.get(), content) && ::fsync(descriptor.get()) == 0;
+    OwnedDescriptor descriptor(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
+    const bool written = descriptor && ::fchmod(descriptor.get(), kFileMode) == 0 &&
+                         writeAll(descriptor.get(), content) && ::fsync(descriptor.get()) == 0;
     if (!written || ::rename(fresh.c_str(), path.c_str()) != 0) {
         std::string problem = lastError("cannot write", path);
         ::unlink(fresh.c_str());

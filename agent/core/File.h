@@ -16,6 +16,7 @@ namespace kx::agent {
 std::optional<std::string> readRegularFile(const std::string& path, std::size_t maxBytes, std::string& problem);
 
 /// @brief Replaces a file in one step: after a crash there is the old content or the new one, never a part of either.
+/// The new one has reached the disk on return, with mode 0644 whatever the umask is.
 /// @param path the file; its folder must exist
 /// @param content all of the new content
 /// @return empty, or what went wrong, in words, with the path

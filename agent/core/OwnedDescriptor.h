@@ -30,13 +30,14 @@ public:
     int release() { return std::exchange(descriptor_, -1); }
     explicit operator bool() const { return descriptor_ >= 0; }
 
-private:
+    /// @brief Closes the descriptor now.
     void reset() {
         if (descriptor_ >= 0)
             ::close(descriptor_);
         descriptor_ = -1;
     }
 
+private:
     int descriptor_ = -1;
 };
 

@@ -10,7 +10,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "agent/backends/lxc/FileDescriptor.h"
+#include "agent/core/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -66,7 +66,7 @@ Monitor monitorBehind(const std::string& socketName) {
     socketName.copy(address.sun_path + 1, kMaxNameBytes);
     // liblxc binds its name without a closing zero byte; in an abstract address that would be part of the name.
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + socketName.size());
-    const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    const OwnedDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!socket || ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0)
         return Monitor::Reachable;
     return errno == EAGAIN ? Monitor::Full : Monitor::None;

@@ -34,7 +34,7 @@ std::string configItem(lxc_container* container, const char* key) {
 /// against the seconds for which a deletion holds it.
 bool isLocked(const std::string& path, const std::string& name) {
     const std::string file = fmt::format("/run/lxc/lock/{}/.{}", path, name);
-    const FileDescriptor lock(::open(file.c_str(), O_RDWR | O_CLOEXEC));
+    const OwnedDescriptor lock(::open(file.c_str(), O_RDWR | O_CLOEXEC));
     struct flock query {};
     query.l_type = F_WRLCK;
     query.l_whence = SEEK_SET;

@@ -35,7 +35,7 @@ bool rootIsServedByProcess(pid_t initPid) {
 }
 
 struct RootFolder {
-    FileDescriptor folder;
+    OwnedDescriptor folder;
     Bounds bounds = Bounds::Root;
 };
 

@@ -11,11 +11,11 @@
 
 #include "agent/backends/lxc/CgroupTree.h"
 #include "agent/backends/lxc/ContainerNotes.h"
-#include "agent/backends/lxc/FileDescriptor.h"
 #include "agent/backends/lxc/LogSink.h"
 #include "agent/backends/lxc/LxcState.h"
 #include "agent/backends/lxc/RecheckList.h"
 #include "agent/backends/lxc/RootFile.h"
+#include "agent/core/OwnedDescriptor.h"
 #include "agent/inventory/Environment.h"
 
 namespace kx::agent::lxc {
@@ -23,8 +23,8 @@ namespace kx::agent::lxc {
 /// The running side of a container; empty while there is no init process.
 struct ContainerLife {
     pid_t initPid = -1;
-    FileDescriptor pidfd;  ///< becomes readable when init ends; none: init is gone already
-    std::uint64_t id = 0;  ///< names the pidfd in the worker's poll set
+    OwnedDescriptor pidfd;  ///< becomes readable when init ends; none: init is gone already
+    std::uint64_t id = 0;   ///< names the pidfd in the worker's poll set
     std::optional<CgroupTree::FreezerFiles> freezer;
     std::array<int, 2> freezerWatches{-1, -1};
 

@@ -7,7 +7,7 @@
 #include <map>
 #include <string>
 
-#include "agent/backends/lxc/FileDescriptor.h"
+#include "agent/core/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 
@@ -58,7 +58,7 @@ private:
         std::string owner;
     };
 
-    FileDescriptor file_;
+    OwnedDescriptor file_;
     std::map<int, Tag> tags_;
 };
 

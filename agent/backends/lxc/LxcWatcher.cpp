@@ -32,10 +32,10 @@ constexpr std::uint64_t kStopTag = 1;
 constexpr std::uint64_t kInotifyTag = 2;
 constexpr std::uint64_t kFirstLifeId = 16;
 
-FileDescriptor orThrow(int number, const char* what) {
+OwnedDescriptor orThrow(int number, const char* what) {
     if (number < 0)
         throw std::runtime_error(fmt::format("{}: {}", what, std::strerror(errno)));
-    return FileDescriptor(number);
+    return OwnedDescriptor(number);
 }
 
 }  // namespace

@@ -103,8 +103,8 @@ private:
     VeIdStore veIds_;
     StuckCallBreaker breaker_;
     Inotify inotify_;
-    FileDescriptor poll_;
-    FileDescriptor stopEvent_;
+    OwnedDescriptor poll_;
+    OwnedDescriptor stopEvent_;
 
     std::map<std::string, ContainerRecord> records_;
     std::map<std::uint64_t, std::string> nameOfLife_;  ///< whose init process a pidfd in the poll set is

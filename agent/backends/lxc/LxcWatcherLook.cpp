@@ -194,7 +194,7 @@ bool LxcWatcher::watchLife(ContainerRecord& record, pid_t initPid) {
     forgetLife(record);
     if (initPid <= 0 || initPid == record.endedPid)
         return false;
-    FileDescriptor pidfd(openPidfd(initPid));
+    OwnedDescriptor pidfd(openPidfd(initPid));
     if (!pidfd)
         return false;
     ContainerLife& life = record.life;

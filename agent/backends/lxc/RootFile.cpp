@@ -14,7 +14,7 @@ namespace {
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
 /// Opens the place of a file without opening the file: no side effect, whatever it is.
-FileDescriptor openPlace(int folder, const char* path, Bounds bounds) {
+OwnedDescriptor openPlace(int folder, const char* path, Bounds bounds) {
     open_how how{};
     how.flags = O_PATH | O_CLOEXEC;
     if (bounds != Bounds::Host)
@@ -26,7 +26,7 @@ FileDescriptor openPlace(int folder, const char* path, Bounds bounds) {
     for (int tries = 0; tries < 8; ++tries) {
         const long number = ::syscall(SYS_openat2, folder, path, &how, sizeof how);
         if (number >= 0 || errno != EAGAIN)
-            return FileDescriptor(static_cast<int>(number));
+            return OwnedDescriptor(static_cast<int>(number));
     }
     return {};
 }
@@ -86,7 +86,7 @@ FileStamp stampAt(int folder, const char* path) {
 }
 
 FileText readFile(int folder, const char* path, Bounds bounds, std::size_t maxBytes) {
-    const FileDescriptor place = openPlace(folder, path, bounds);
+    const OwnedDescriptor place = openPlace(folder, path, bounds);
     if (!place)
         return problemOf(errno);
     struct stat status {};
@@ -96,7 +96,7 @@ FileText readFile(int folder, const char* path, Bounds bounds, std::size_t maxBy
         return problemInWords("not a regular file");
     // Known to be a regular file by now, so this second opening of the same place cannot block or act.
     const std::string again = fmt::format("/proc/self/fd/{}", place.get());
-    const FileDescriptor file(::open(again.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    const OwnedDescriptor file(::open(again.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!file)
         return problemOf(errno);
     FileText result = readOpened(file.get(), maxBytes);
@@ -105,15 +105,15 @@ FileText readFile(int folder, const char* path, Bounds bounds, std::size_t maxBy
 }
 
 FileStamp stampWithin(int folder, const char* path, Bounds bounds) {
-    const FileDescriptor place = openPlace(folder, path, bounds);
+    const OwnedDescriptor place = openPlace(folder, path, bounds);
     struct stat status {};
     if (!place || ::fstat(place.get(), &status) != 0)
         return {};
     return stampOf(status);
 }
 
-FileDescriptor openFolder(const std::string& path) {
-    return FileDescriptor(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+OwnedDescriptor openFolder(const std::string& path) {
+    return OwnedDescriptor(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
 
 }  // namespace kx::agent::lxc

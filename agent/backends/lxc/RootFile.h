@@ -11,7 +11,7 @@
 #include <optional>
 #include <string>
 
-#include "agent/backends/lxc/FileDescriptor.h"
+#include "agent/core/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 
@@ -60,6 +60,6 @@ FileStamp stampWithin(int folder, const char* path, Bounds bounds);
 
 /// @brief Opens a folder as a starting point for the functions above.
 /// @return no descriptor when there is no such folder; errno tells why
-FileDescriptor openFolder(const std::string& path);
+OwnedDescriptor openFolder(const std::string& path);
 
 }  // namespace kx::agent::lxc

@@ -11,8 +11,8 @@
 #include <memory>
 #include <string_view>
 
-#include "agent/backends/lxc/FileDescriptor.h"
 #include "agent/backends/lxc/SignalMask.h"
+#include "agent/core/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -44,7 +44,7 @@ int shutDownConnectionsTo(const std::string& name) {
             continue;
         // The number may be closed and used again by its owner at any moment. A copy stays what it is, so it is the
         // copy that is looked at and then shut down.
-        const FileDescriptor copy(::fcntl(number, F_DUPFD_CLOEXEC, 0));
+        const OwnedDescriptor copy(::fcntl(number, F_DUPFD_CLOEXEC, 0));
         if (copy && isConnectedTo(copy.get(), name) && ::shutdown(copy.get(), SHUT_RDWR) == 0)
             ++count;
     }

@@ -13,6 +13,8 @@
 #include <limits>
 
 #include "agent/backends/lxc/RootFile.h"
+#include "agent/core/File.h"
+#include "agent/core/TomlGuard.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -52,22 +54,6 @@ std::optional<std::string> unescaped(std::string_view text) {
     return escaped(name) == text && !name.empty() ? std::optional(name) : std::nullopt;
 }
 
-std::string failure(const std::string& what) {
-    return fmt::format("{}: {}", what, std::strerror(errno));
-}
-
-bool writeAll(int file, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = ::write(file, text.data(), text.size());
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return false;
-        text.remove_prefix(static_cast<std::size_t>(count));
-    }
-    return true;
-}
-
 /// Reads the table of ids. @return what is wrong with it, empty when nothing is
 std::string readIds(const toml::table& file, std::map<std::string, std::int32_t>& idOfName,
                     std::map<std::int32_t, std::string>& nameOfId) {
@@ -94,6 +80,8 @@ std::string readIds(const toml::table& file, std::map<std::string, std::int32_t>
 /// @return what is wrong with the text, empty when nothing is
 std::string parseIds(const std::string& text, std::map<std::string, std::int32_t>& idOfName,
                      std::map<std::int32_t, std::string>& nameOfId) {
+    if (const auto fault = findUnparsable(text))
+        return fmt::format("line {}, column {}: {}", fault->line, fault->column, fault->message);
     try {
         return readIds(toml::parse(text), idOfName, nameOfId);
     } catch (const toml::parse_error& error) {
@@ -242,23 +230,9 @@ void VeIdStore::save() {
     lastProblem_ = problem;
 }
 
-/// By way of another file: a crash leaves the old list or the new one, never a half.
 std::string VeIdStore::write(const std::string& text) {
-    std::error_code error;
-    std::filesystem::create_directories(folder_, error);
-    if (error)
-        return fmt::format("{}: {}", folder_, error.message());
-    const std::string fresh = file_ + ".new";
-    FileDescriptor file(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
-    if (!file || ::fchmod(file.get(), 0644) != 0 || !writeAll(file.get(), text) || ::fsync(file.get()) != 0)
-        return failure(fresh);
-    file.reset();
-    if (::rename(fresh.c_str(), file_.c_str()) != 0)
-        return failure(file_);
-    const FileDescriptor folder(::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder || ::fsync(folder.get()) != 0)
-        return failure(folder_);
-    return {};
+    const std::string problem = makeFolders(folder_);
+    return problem.empty() ? replaceFile(file_, text) : problem;
 }
 
 }  // namespace kx::agent::lxc

@@ -8,8 +8,8 @@
 
 #include <cstddef>
 
-#include "agent/backends/lxc/FileDescriptor.h"
 #include "agent/backends/lxc/StuckCallBreaker.h"
+#include "agent/core/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -30,16 +30,16 @@ struct Address {
 };
 
 /// A monitor that takes up connections, as the kernel does for it, and never answers.
-FileDescriptor silentMonitor(const std::string& name, int backlog) {
-    FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+OwnedDescriptor silentMonitor(const std::string& name, int backlog) {
+    OwnedDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const Address address(name);
     EXPECT_EQ(::bind(socket.get(), address.get(), address.length), 0);
     EXPECT_EQ(::listen(socket.get(), backlog), 0);
     return socket;
 }
 
-FileDescriptor connectTo(const std::string& name) {
-    FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+OwnedDescriptor connectTo(const std::string& name) {
+    OwnedDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     const Address address(name);
     EXPECT_EQ(::connect(socket.get(), address.get(), address.length), 0);
     return socket;

@@ -8,7 +8,7 @@
 #include <csignal>
 
 #include "agent/backends/lxc/CommandSocket.h"
-#include "agent/backends/lxc/FileDescriptor.h"
+#include "agent/core/OwnedDescriptor.h"
 #include "tests/unit/lxc/LabRig.h"
 
 namespace kx::agent::lxc {
@@ -127,7 +127,7 @@ TEST_F(LabHazardsTest, aLockHeldByAnotherProgramHidesNoOther) {
     host_.start();
     ASSERT_TRUE(host_.waitUntil([&] { return host_.find("web") != nullptr; }));
     {
-        const FileDescriptor lock(::open("/run/lxc/lock//var/lib/lxc/.web", O_RDWR | O_CLOEXEC));
+        const OwnedDescriptor lock(::open("/run/lxc/lock//var/lib/lxc/.web", O_RDWR | O_CLOEXEC));
         struct flock whole {};
         whole.l_type = F_WRLCK;
         ASSERT_EQ(::fcntl(lock.get(), F_OFD_SETLK, &whole), 0);

@@ -14,7 +14,7 @@
 
 #include "agent/backends/lxc/CgroupTree.h"
 #include "agent/backends/lxc/CommandSocket.h"
-#include "agent/backends/lxc/FileDescriptor.h"
+#include "agent/core/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -71,20 +71,20 @@ private:
         ::posix_spawn_file_actions_destroy(&actions);
         ::close(input[0]);
         ::close(output[1]);
-        input_ = FileDescriptor(input[1]);
+        input_ = OwnedDescriptor(input[1]);
         const std::unique_ptr<FILE, int (*)(FILE*)> ready(::fdopen(output[0], "r"), ::fclose);
         if (::fscanf(ready.get(), "ready %d", &labPid_) != 1)
             labPid_ = -1;
     }
 
     void enter(const char* kind) const {
-        const FileDescriptor space(::open(fmt::format("/proc/{}/ns/{}", labPid_, kind).c_str(), O_RDONLY | O_CLOEXEC));
+        const OwnedDescriptor space(::open(fmt::format("/proc/{}/ns/{}", labPid_, kind).c_str(), O_RDONLY | O_CLOEXEC));
         ASSERT_EQ(::setns(space.get(), 0), 0) << kind;
     }
 
     pid_t pid_ = -1;
     int labPid_ = -1;
-    FileDescriptor input_;
+    OwnedDescriptor input_;
 };
 
 const auto* const lab_environment = ::testing::AddGlobalTestEnvironment(std::make_unique<Lab>().release());

@@ -58,7 +58,7 @@ protected:
     }
 
     TestFolder box_;
-    FileDescriptor root_;
+    OwnedDescriptor root_;
 };
 
 TEST_F(ReadOsReleaseTest, readsTheFileInEtc) {
@@ -101,7 +101,7 @@ TEST_F(ReadOsReleaseTest, doesNotLeaveThroughALinkedFolder) {
 TEST_F(ReadOsReleaseTest, doesNotLeaveThroughLinksOfTheProcessFileSystem) {
     if (::access("/proc/self/root", F_OK) != 0)
         GTEST_SKIP() << "no /proc";
-    const FileDescriptor proc = openFolder("/proc/self");
+    const OwnedDescriptor proc = openFolder("/proc/self");
     const FileText text = readFile(proc.get(), "root/etc/passwd", Bounds::Root, 100);
     EXPECT_FALSE(text.text);
     EXPECT_THAT(text.problem, HasSubstr("symbolic links"));
