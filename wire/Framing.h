@@ -18,7 +18,7 @@ inline constexpr std::size_t kHeaderBytes = 4;
 
 /// The longest frame either side may send, without its header. A snapshot chunk of 1,000 environments
 /// with 4,000-byte names stays well below it, and a peer cannot make the reader hold more.
-inline constexpr std::size_t kMaxFrameBytes = 16U * 1024 * 1024;
+inline constexpr std::size_t kMaxFrameBytes = std::size_t{16} * 1024 * 1024;
 
 /// Cuts a byte stream into frames.
 class FrameReader {

@@ -21,7 +21,7 @@ void SNMPNodeLocalImpl::connection_state_handler::handleConnected() {
 }
 
 boost::intrusive_ptr<KXLSubscriber<KXLEvent>> SNMPNodeLocalImpl::connection_state_handler::replaceSubscriber() {
-    const boost::intrusive_ptr<KXLSubscriber<KXLEvent>> next(
+    boost::intrusive_ptr<KXLSubscriber<KXLEvent>> next(
         new KXLSubscriber<KXLEvent>(owner->accessPoint->getEID(), owner->accessPoint, false, nullptr));
     // Receivers survive every reconnection with their keys and their order.
     next->addReceivers(owner->subscriber->copyReceivers());

@@ -40,6 +40,7 @@ KXLEID KXLAccessPointPrototype::getEID() const {
     return session_->serverEid();
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the interface says so
 int KXLAccessPointPrototype::initializeSync(const KXLConnectionInfo& info,
                                             boost::intrusive_ptr<KXLRequestHandlerPrototype> handler, int) {
     return session_->initialize(info, handler);

@@ -54,7 +54,7 @@ private:
     std::weak_ptr<FrameListener> listener_;
     bool open_ = true;
     wire::FrameReader reader_;
-    std::array<char, 64U * 1024> buffer_{};
+    std::array<char, std::size_t{64} * 1024> buffer_{};
     std::deque<std::string> unsent_;  ///< the first one is being written
 };
 

@@ -26,6 +26,7 @@ void KXLRequestContext::setConnection(boost::intrusive_ptr<KXLConnectionPrototyp
 
 KXLRequestHandlerPrototype::~KXLRequestHandlerPrototype() = default;
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the interface says so
 void KXLRequestHandlerPrototype::doCancel(boost::intrusive_ptr<KXLRequestHandlerPrototype> handler) {
     if (const auto context = handler ? handler->getContext() : nullptr) {
         context->cancel();
