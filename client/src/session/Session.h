@@ -75,6 +75,7 @@ private:
     void connect();
     void connected(boost::system::error_code error, const std::shared_ptr<StreamSocket>& socket);
     void handleHello(const wire::Frame& frame);
+    void requestData(const wire::Hello& hello);
     void handleData(const wire::Frame& frame);
     void handleEnvironments(EnvFeed::Outcome outcome);
     void handleError(const wire::Error& error);

@@ -207,8 +207,22 @@ void Session::handleHello(const wire::Frame& frame) {
     if (handlerContext_) {
         handlerContext_->setConnection(new KXLConnectionPrototype(wire::printable(hello.program())));
     }
+    requestData(hello);
+}
+
+void Session::requestData(const wire::Hello& hello) {
+    if (!wire::hasCapability(hello, wire::kCapabilitySnapshot)) {
+        protocolError("it does not offer its environments");
+        return;
+    }
     phase_ = Phase::Filling;
     requestSnapshot();
+    // An agent may have no vocabularies to offer. Those of an earlier connection, to another agent perhaps, must go.
+    haveVocabularies_ = !wire::hasCapability(hello, wire::kCapabilityVocabulary);
+    if (haveVocabularies_) {
+        vocabularies_.replace(wire::VocabularySet());
+        return;
+    }
     wire::Frame request;
     request.mutable_vocabulary_request();
     connection_->send(request);

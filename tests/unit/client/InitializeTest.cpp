@@ -147,6 +147,23 @@ TEST_F(Initialize, FailsOnceTheLoopHasStopped) {
     EXPECT_EQ(handler->calls(), Calls{"error -8"});
 }
 
+TEST_F(Initialize, DoesWithoutVocabulariesWhereTheAgentOffersNone) {
+    ScriptedAgent agent([](PeerSocket& peer) {
+        wire::Frame frame;
+        peer.read(frame);
+        auto hello = helloFrame();
+        hello.mutable_hello()->clear_capabilities();
+        hello.mutable_hello()->add_capabilities("snapshot");
+        peer.send(hello);
+        peer.send(snapshotFrame(1, {wireEnv(1)}));
+        peer.readUntilClosed();
+    });
+    EXPECT_EQ(initialize(agent.path()), 0);
+    EXPECT_EQ(environments(), 1U);
+    EXPECT_FALSE(accessPoint->getVocabulary(accessPoint->getEID()));
+    loop->stop();
+}
+
 // ---- an agent that cannot be understood ---------------------------------------------------------------------
 
 class RefusingAgents : public Initialize {
@@ -178,6 +195,12 @@ TEST_F(RefusingAgents, AnAgentWithoutAnIdentifierIsRefused) {
     auto hello = helloFrame();
     hello.mutable_hello()->set_server_eid("short");
     expectFailure(wire::encodeFrame(hello).value(), KXL_ERROR_BROKEN, "not 16 bytes");
+}
+
+TEST_F(RefusingAgents, AnAgentThatDoesNotOfferItsEnvironmentsIsRefused) {
+    auto hello = helloFrame();
+    hello.mutable_hello()->clear_capabilities();
+    expectFailure(wire::encodeFrame(hello).value(), KXL_ERROR_BROKEN, "does not offer");
 }
 
 TEST_F(RefusingAgents, AnOversizeFrameIsRefusedBeforeItIsReceived) {
