@@ -43,14 +43,16 @@ Environment hostEnvironment(const std::string& machineId) {
 
 bool isLarge(const HostUpdate& update) {
     std::size_t bytes = 0;
-    for (const FrameBody& delta : update.deltas)
+    for (const FrameBody& delta : update.deltas) {
         bytes += delta->size();
+    }
     return bytes >= kLargeUpdateBytes;
 }
 
 void warnWithoutGroup(const AccessPolicy& access) {
-    if (!access.group)
+    if (!access.group) {
         log::warning(fmt::format("there is no group {}: only root can use the agent", kAgentGroup));
+    }
 }
 
 }  // namespace
@@ -98,11 +100,13 @@ std::unique_ptr<BackendSlot> Agent::makeSlot(BackendKind kind, const Config& con
 void Agent::hostChanged(HostImage image) {
     const HostUpdate update = content_.apply(std::move(image));
     server_->publish(update);
-    if (!serving_)
+    if (!serving_) {
         beginToServe();
+    }
     // The allocator would keep what building and comparing the image took, for good.
-    if (isLarge(update))
+    if (isLarge(update)) {
         ::malloc_trim(0);
+    }
 }
 
 void Agent::beginToServe() {
@@ -120,8 +124,9 @@ std::string Agent::summary() const {
 
 void Agent::waitForSignal() {
     signals_.async_wait([this](const boost::system::error_code& cancelled, int number) {
-        if (!cancelled)
+        if (!cancelled) {
             signalled(number);
+        }
     });
 }
 
@@ -149,8 +154,9 @@ void Agent::reload() {
     } catch (const std::exception& error) {
         log::error(fmt::format("kept the old configuration: {}", error.what()));
     }
-    if (serving_)
+    if (serving_) {
         notifyReady(summary());
+    }
 }
 
 /// Does everything that may fail before it gives up anything of the old.
@@ -162,8 +168,9 @@ void Agent::switchTo(const Config& fresh) {
     std::unique_ptr<BackendSlot> slot = otherBackend ? startNewBackend(kind, fresh) : nullptr;
     if (server) {
         server_ = std::move(server);
-        if (serving_)
+        if (serving_) {
             server_->accept();
+        }
     }
     if (slot) {
         slot_ = std::move(slot);
@@ -194,8 +201,9 @@ std::unique_ptr<BackendSlot> Agent::startNewBackend(BackendKind kind, const Conf
 std::string checkConfiguration(const AgentSettings& settings) {
     try {
         const Config config = loadConfig(settings.configFile, settings.configMustExist);
-        if (chooseBackend(config) != BackendKind::Simulated)
+        if (chooseBackend(config) != BackendKind::Simulated) {
             return {};
+        }
         const auto id = knownMachineId(kSystemMachineIdFile, config.stateDirectory);
         const auto error = checkInventory(config.inventory, id.value_or(std::string()));
         return error ? describe(config.inventory, *error) : std::string();

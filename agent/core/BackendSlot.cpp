@@ -14,15 +14,17 @@ BackendSlot::~BackendSlot() {
 
 void BackendSlot::activate() {
     active_ = true;
-    if (heldBack_)
+    if (heldBack_) {
         sink_(*std::exchange(heldBack_, std::nullopt));
+    }
 }
 
 void BackendSlot::hostChanged(HostImage image) {
-    if (active_)
+    if (active_) {
         sink_(std::move(image));
-    else
+    } else {
         heldBack_ = std::move(image);
+    }
 }
 
 }  // namespace kx::agent

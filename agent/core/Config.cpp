@@ -58,8 +58,9 @@ private:
     Handler section(std::string name, std::vector<std::pair<std::string_view, Handler>> handlers) {
         return [this, name = std::move(name), handlers = std::move(handlers)](const Node& node) {
             const toml::table* table = node.value.as_table();
-            if (table == nullptr)
+            if (table == nullptr) {
                 fail(node, "must be a table");
+            }
             readTable(*table, name + ".", handlers);
         };
     }
@@ -69,55 +70,66 @@ private:
         for (const auto& [key, value] : table) {
             const auto known = std::find_if(handlers.begin(), handlers.end(),
                                             [&key = key](const auto& handler) { return handler.first == key.str(); });
-            if (known == handlers.end())
+            if (known == handlers.end()) {
                 fail(key.source().begin, fmt::format("there is no setting \"{}{}\"", prefix, key.str()));
+            }
             known->second(Node{prefix + std::string(key.str()), value});
         }
     }
 
     std::string textOf(const Node& node) const {
         const auto* text = node.value.as_string();
-        if (text == nullptr)
+        if (text == nullptr) {
             fail(node, "must be a text");
-        if (text->get().find('\0') != std::string::npos)
+        }
+        if (text->get().find('\0') != std::string::npos) {
             fail(node, "must not contain a zero byte");
+        }
         return text->get();
     }
 
     std::string pathOf(const Node& node) const {
         std::string path = textOf(node);
-        if (path.empty() || path.front() != '/')
+        if (path.empty() || path.front() != '/') {
             fail(node, "must be an absolute path");
+        }
         return path;
     }
 
     std::string socketPathOf(const Node& node) const {
         std::string path = pathOf(node);
-        if (path.size() > kMaxSocketPathBytes)
+        if (path.size() > kMaxSocketPathBytes) {
             fail(node, fmt::format("is too long for a socket, which has {} bytes", kMaxSocketPathBytes));
-        if (path.back() == '/')
+        }
+        if (path.back() == '/') {
             fail(node, "must name a file, not a folder");
+        }
         return path;
     }
 
     BackendKind backendOf(const Node& node) const {
         const std::string text = textOf(node);
-        if (text == "auto")
+        if (text == "auto") {
             return BackendKind::Auto;
-        if (text == "lxc")
+        }
+        if (text == "lxc") {
             return BackendKind::Lxc;
-        if (text == "simulated")
+        }
+        if (text == "simulated") {
             return BackendKind::Simulated;
+        }
         fail(node, "must be \"auto\", \"lxc\" or \"simulated\"");
     }
 
     double scaleOf(const Node& node) const {
-        if (!node.value.is_number())
+        if (!node.value.is_number()) {
             fail(node, "must be a number");
+        }
         const double scale = node.value.value<double>().value_or(0.0);
         // Written so that "nan" is refused too.
-        if (!(scale > 0.0 && scale <= kMaxPeriodScale))
+        if (!(scale > 0.0 && scale <= kMaxPeriodScale)) {
             fail(node, fmt::format("must be above 0 and at most {}", kMaxPeriodScale));
+        }
         return scale;
     }
 
@@ -130,8 +142,9 @@ private:
 Config parseConfig(std::string_view text, const std::string& fileName) {
     Config config;
     Reader reader(fileName, config);
-    if (const auto fault = findUnparsable(text))
+    if (const auto fault = findUnparsable(text)) {
         throw ConfigError(fmt::format("{}:{}:{}: {}", fileName, fault->line, fault->column, fault->message));
+    }
     try {
         reader.readAll(toml::parse(text, fileName));
     } catch (const toml::parse_error& error) {
@@ -143,12 +156,14 @@ Config parseConfig(std::string_view text, const std::string& fileName) {
 Config loadConfig(const std::string& path, bool mustExist) {
     std::error_code error;
     if (!mustExist && !std::filesystem::exists(std::filesystem::symlink_status(path, error)) &&
-        (!error || error == std::errc::no_such_file_or_directory))
+        (!error || error == std::errc::no_such_file_or_directory)) {
         return {};
+    }
     std::string problem;
     const auto text = readRegularFile(path, kMaxConfigBytes, problem);
-    if (!text)
+    if (!text) {
         throw ConfigError(problem);
+    }
     return parseConfig(*text, path);
 }
 

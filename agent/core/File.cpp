@@ -26,10 +26,12 @@ bool readUpTo(int descriptor, std::size_t maxBytes, std::string& content) {
     char buffer[64 * 1024];
     while (content.size() <= maxBytes) {
         const ssize_t size = ::read(descriptor, buffer, sizeof buffer);
-        if (size == 0)
+        if (size == 0) {
             return true;
-        if (size < 0 && errno != EINTR)
+        }
+        if (size < 0 && errno != EINTR) {
             return false;
+        }
         content.append(buffer, size > 0 ? static_cast<std::size_t>(size) : 0);
     }
     return true;
@@ -38,8 +40,9 @@ bool readUpTo(int descriptor, std::size_t maxBytes, std::string& content) {
 bool writeAll(int descriptor, std::string_view content) {
     while (!content.empty()) {
         const ssize_t written = ::write(descriptor, content.data(), content.size());
-        if (written < 0 && errno != EINTR)
+        if (written < 0 && errno != EINTR) {
             return false;
+        }
         content.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
     }
     return true;
@@ -96,8 +99,9 @@ std::string makeFolders(const std::string& path) {
     for (const auto& part : std::filesystem::path(path)) {
         made /= part;
         if (::mkdir(made.c_str(), kFolderMode) == 0) {
-            if (::chmod(made.c_str(), kFolderMode) != 0)
+            if (::chmod(made.c_str(), kFolderMode) != 0) {
                 return lastError("cannot set the mode of", made);
+            }
         } else if (errno != EEXIST) {
             return lastError("cannot make the folder", made);
         }

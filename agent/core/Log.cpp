@@ -25,8 +25,9 @@ bool isJournal() {
 void writeAll(std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t written = ::write(STDERR_FILENO, bytes.data(), bytes.size());
-        if (written < 0 && errno != EINTR)
+        if (written < 0 && errno != EINTR) {
             return;
+        }
         bytes.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
     }
 }

@@ -28,10 +28,12 @@ std::size_t endOfLongString(std::string_view text, std::size_t at) {
 std::size_t endOfShortString(std::string_view text, std::size_t at) {
     const char quote = text[at];
     for (++at; at < text.size() && text[at] != '\n'; ++at) {
-        if (text[at] == quote)
+        if (text[at] == quote) {
             return at + 1;
-        if (text[at] == '\\' && quote == '"')
+        }
+        if (text[at] == '\\' && quote == '"') {
             ++at;
+        }
     }
     return std::min(at, text.size());
 }
@@ -65,12 +67,15 @@ std::optional<TomlFault> findUnparsable(std::string_view text) {
             at = std::min(text.find('\n', at), text.size());
             continue;
         }
-        if (static_cast<unsigned char>(c) >= 0x80U)
+        if (static_cast<unsigned char>(c) >= 0x80U) {
             return errorAt(text, at, "only letters, digits and signs of ASCII may stand outside quotes");
-        if (c == '.' && ++dots >= kMaxKeyParts)
+        }
+        if (c == '.' && ++dots >= kMaxKeyParts) {
             return errorAt(text, at, fmt::format("a key has more than {} parts", kMaxKeyParts));
-        if (kEndsOfKeys.find(c) != std::string_view::npos)
+        }
+        if (kEndsOfKeys.find(c) != std::string_view::npos) {
             dots = 0;
+        }
         ++at;
     }
     return std::nullopt;

@@ -38,17 +38,20 @@ std::string Eid::toWire() const {
 }
 
 std::optional<Eid> Eid::parse(std::string_view text) {
-    if (text.size() != kPattern.size())
+    if (text.size() != kPattern.size()) {
         return std::nullopt;
+    }
     Eid eid;
     std::size_t position = 0;
     for (std::uint8_t& byte : eid.bytes) {
-        if (kPattern[position] == '-' && text[position++] != '-')
+        if (kPattern[position] == '-' && text[position++] != '-') {
             return std::nullopt;
+        }
         const char* const end = text.data() + position + 2;
         const auto [stop, error] = std::from_chars(text.data() + position, end, byte, 16);
-        if (error != std::errc() || stop != end)
+        if (error != std::errc() || stop != end) {
             return std::nullopt;
+        }
         position += 2;
     }
     return eid;

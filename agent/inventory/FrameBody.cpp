@@ -9,8 +9,9 @@ constexpr std::size_t kMaxRequestIdBytes = 11;
 }  // namespace
 
 FrameBody encodeBody(const wire::Frame& frame) {
-    if (frame.ByteSizeLong() > wire::kMaxFrameBytes - kMaxRequestIdBytes)
+    if (frame.ByteSizeLong() > wire::kMaxFrameBytes - kMaxRequestIdBytes) {
         return nullptr;
+    }
     return std::make_shared<const std::string>(frame.SerializeAsString());
 }
 
@@ -22,8 +23,9 @@ std::string encodeHead(std::uint64_t requestId, std::size_t bodyBytes) {
     const std::string id = idOnly.SerializeAsString();
     const std::size_t length = id.size() + bodyBytes;
     std::string head;
-    for (std::size_t shift = 8 * wire::kHeaderBytes; shift > 0; shift -= 8)
+    for (std::size_t shift = 8 * wire::kHeaderBytes; shift > 0; shift -= 8) {
         head += static_cast<char>((length >> (shift - 8)) & 0xffU);
+    }
     return head + id;
 }
 

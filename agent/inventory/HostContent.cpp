@@ -9,8 +9,9 @@ namespace {
 FrameBody encodeSet(const std::vector<Vocabulary>& vocabularies) {
     wire::Frame frame;
     wire::VocabularySet& set = *frame.mutable_vocabulary_set();
-    for (const Vocabulary& vocabulary : vocabularies)
+    for (const Vocabulary& vocabulary : vocabularies) {
         toWire(vocabulary, *set.add_vocabularies());
+    }
     return encodeBody(frame);
 }
 
@@ -24,10 +25,11 @@ HostUpdate HostContent::apply(HostImage image) {
     if (image.vocabularies != vocabularies_) {
         vocabularies_ = std::move(image.vocabularies);
         update.vocabularySet = encodeSet(vocabularies_);
-        if (update.vocabularySet)
+        if (update.vocabularySet) {
             vocabularySet_ = update.vocabularySet;
-        else
+        } else {
             log::error("the vocabularies are too large to be sent; clients keep the ones they have");
+        }
     }
     return update;
 }

@@ -38,14 +38,16 @@ public:
 
 private:
     void makeRoom(std::size_t bytes) {
-        if (bytes_ + bytes > Inventory::kFrameBytes)
+        if (bytes_ + bytes > Inventory::kFrameBytes) {
             flush();
+        }
         bytes_ += bytes;
     }
 
     void flush() {
-        if (!frame_.has_delta())
+        if (!frame_.has_delta()) {
             return;
+        }
         frame_.mutable_delta()->set_generation(++generation_);
         bodies_.push_back(encodeBody(frame_));
         frame_.Clear();
@@ -80,11 +82,13 @@ std::vector<FrameBody> Inventory::apply(std::vector<Environment> containers) {
     Changes changes = takeOver(withoutUnfit(std::move(containers)));
     DeltaWriter writer(generation_);
     for (std::size_t i = 0; i < environments_.size(); ++i) {
-        if (!changes.present[i])
+        if (!changes.present[i]) {
             writer.remove(environments_[i].eid);
+        }
     }
-    for (const std::size_t position : changes.changed)
+    for (const std::size_t position : changes.changed) {
         writer.change(environments_[position]);
+    }
     removeGone(changes.present);
     for (Environment& environment : changes.added) {
         writer.change(environment);
@@ -92,8 +96,9 @@ std::vector<FrameBody> Inventory::apply(std::vector<Environment> containers) {
         environments_.push_back(std::move(environment));
     }
     std::vector<FrameBody> deltas = writer.finish();
-    if (!deltas.empty())
+    if (!deltas.empty()) {
         chunks_.clear();
+    }
     return deltas;
 }
 
@@ -118,9 +123,10 @@ std::vector<Environment> Inventory::withoutUnfit(std::vector<Environment> contai
 }
 
 void Inventory::complain(const Environment& environment, const std::string& why, std::set<Eid>& complaints) {
-    if (complaints.insert(environment.eid).second && !complainedOf_.contains(environment.eid))
+    if (complaints.insert(environment.eid).second && !complainedOf_.contains(environment.eid)) {
         log::warning(fmt::format("left out environment {} \"{}\": {}", environment.eid.toString(),
                                  wire::printable(environment.name), why));
+    }
 }
 
 Inventory::Changes Inventory::takeOver(std::vector<Environment> containers) {
@@ -159,8 +165,9 @@ void Inventory::removeGone(const std::vector<bool>& present) {
 }
 
 std::vector<FrameBody> Inventory::snapshot() {
-    if (chunks_.empty())
+    if (chunks_.empty()) {
         cutIntoChunks();
+    }
     std::vector<FrameBody> bodies;
     bodies.reserve(chunks_.size());
     for (std::uint32_t i = 0; i < chunks_.size(); ++i) {
@@ -195,8 +202,9 @@ FrameBody Inventory::encodeChunk(std::uint32_t number) const {
     chunk.set_generation(generation_);
     chunk.set_index(number);
     chunk.set_last(number + 1 == chunks_.size());
-    for (std::size_t i = chunks_[number].first; i < chunks_[number].end; ++i)
+    for (std::size_t i = chunks_[number].first; i < chunks_[number].end; ++i) {
         toWire(environments_[i], *chunk.add_environments());
+    }
     return encodeBody(frame);
 }
 

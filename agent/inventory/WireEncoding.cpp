@@ -15,12 +15,15 @@ void toWire(const Template& from, wire::Template& into) {
 }
 
 void toWire(const Parameter& from, wire::Parameter& into) {
-    if (from.id)
+    if (from.id) {
         into.set_id(*from.id);
-    if (from.value)
+    }
+    if (from.value) {
         into.set_value(*from.value);
-    for (const auto& [name, value] : from.attributes)
+    }
+    for (const auto& [name, value] : from.attributes) {
         (*into.mutable_attributes())[name] = value;
+    }
 }
 
 /// A list that is there but empty must be told from one that is not there: asking for the message makes it be there.
@@ -35,23 +38,29 @@ void listsToWire(const Environment& from, wire::Configuration& into) {
     }
     if (from.templates) {
         auto& list = *into.mutable_templates();
-        for (const Template& one : *from.templates)
+        for (const Template& one : *from.templates) {
             toWire(one, *list.add_templates());
+        }
     }
 }
 
 void configurationToWire(const Environment& from, wire::Configuration& into) {
     into.set_name(from.name);
-    if (from.veid)
+    if (from.veid) {
         into.set_veid(*from.veid);
-    if (from.hostname)
+    }
+    if (from.hostname) {
         into.set_hostname(*from.hostname);
-    if (from.description)
+    }
+    if (from.description) {
         into.set_description(*from.description);
-    if (from.osTemplate)
+    }
+    if (from.osTemplate) {
         toWire(*from.osTemplate, *into.mutable_os_template());
-    if (from.baseSample)
+    }
+    if (from.baseSample) {
         into.set_base_sample(from.baseSample->toWire());
+    }
     listsToWire(from, into);
 }
 
@@ -71,28 +80,33 @@ void toWire(const Environment& from, wire::Environment& into) {
 
 void toWire(const Vocabulary& from, wire::Vocabulary& into) {
     into.set_name(from.name);
-    for (const Parameter& parameter : from.parameters)
+    for (const Parameter& parameter : from.parameters) {
         toWire(parameter, *into.add_parameters());
+    }
     for (const Category& category : from.categories) {
         auto& added = *into.add_categories();
         added.set_name(category.name);
-        for (const Parameter& parameter : category.parameters)
+        for (const Parameter& parameter : category.parameters) {
             toWire(parameter, *added.add_parameters());
+        }
     }
 }
 
 std::size_t wireBytesAtMost(const Environment& environment) {
     std::size_t bytes = kFixedBytes + environment.type.size() + environment.name.size() +
                         bytesOf(environment.hostname) + bytesOf(environment.description);
-    if (environment.osTemplate)
+    if (environment.osTemplate) {
         bytes += environment.osTemplate->name.size() + environment.osTemplate->version.size();
+    }
     if (environment.addresses) {
-        for (const Address& address : *environment.addresses)
+        for (const Address& address : *environment.addresses) {
             bytes += kElementBytes + address.address.size() + address.mask.size();
+        }
     }
     if (environment.templates) {
-        for (const Template& one : *environment.templates)
+        for (const Template& one : *environment.templates) {
             bytes += kElementBytes + one.name.size() + one.version.size();
+        }
     }
     return bytes;
 }

@@ -18,10 +18,12 @@ std::optional<gid_t> groupNamed(const char* name) {
         group entry{};
         group* found = nullptr;
         const int error = ::getgrnam_r(name, &entry, buffer.data(), buffer.size(), &found);
-        if (found != nullptr)
+        if (found != nullptr) {
             return entry.gr_gid;
-        if (error != ERANGE || buffer.size() >= kMaxGroupBytes)
+        }
+        if (error != ERANGE || buffer.size() >= kMaxGroupBytes) {
             return std::nullopt;
+        }
         buffer.resize(buffer.size() * 4);
     }
 }
@@ -29,8 +31,9 @@ std::optional<gid_t> groupNamed(const char* name) {
 }  // namespace
 
 bool AccessPolicy::admits(const PeerIdentity& peer) const {
-    if (peer.uid == 0 || peer.uid == ownUid)
+    if (peer.uid == 0 || peer.uid == ownUid) {
         return true;
+    }
     return group &&
            (peer.gid == *group || std::find(peer.groups.begin(), peer.groups.end(), *group) != peer.groups.end());
 }

@@ -38,8 +38,9 @@ void Connection::start() {
 }
 
 void Connection::refuse(wire::ErrorCode code, std::string_view reason) {
-    if (!isServed())
+    if (!isServed()) {
         return;
+    }
     log::warning(fmt::format("refused {}: {}", peer_.describe(), reason));
     state_ = State::Leaving;
     outbox_.push(0, encodeBody(wire::makeErrorFrame(code, reason)));
@@ -49,8 +50,9 @@ void Connection::refuse(wire::ErrorCode code, std::string_view reason) {
 }
 
 void Connection::send(std::uint64_t requestId, const FrameBody& body) {
-    if (!isServed())
+    if (!isServed()) {
         return;
+    }
     outbox_.push(requestId, body);
     if (outbox_.load() > limits_.maxUnsentBytes) {
         log::warning(fmt::format("dropped {}: it does not read, more than {} bytes are waiting for it",
@@ -71,8 +73,9 @@ void Connection::abandon() {
 }
 
 void Connection::close() {
-    if (state_ == State::Closed)
+    if (state_ == State::Closed) {
         return;
+    }
     state_ = State::Closed;
     boost::system::error_code ignored;
     socket_.close(ignored);
@@ -80,19 +83,22 @@ void Connection::close() {
     outbox_.clear();
     // Later, because the owner may be going through its connections right now.
     boost::asio::post(socket_.get_executor(), [self = shared_from_this()] {
-        if (self->owner_ != nullptr)
+        if (self->owner_ != nullptr) {
             self->owner_->connectionClosed(*self);
+        }
     });
 }
 
 void Connection::waitForInput() {
-    if (waitingForInput_)
+    if (waitingForInput_) {
         return;
+    }
     waitingForInput_ = true;
     socket_.async_wait(Socket::wait_read, [self = shared_from_this()](const boost::system::error_code& error) {
         self->waitingForInput_ = false;
-        if (!error && self->state_ != State::Closed)
+        if (!error && self->state_ != State::Closed) {
             self->readSome();
+        }
     });
 }
 
@@ -108,15 +114,17 @@ void Connection::readSome() {
         reader_.append({buffer.data(), static_cast<std::size_t>(size)});
         takeFrames();
     }
-    if (state_ != State::Closed)
+    if (state_ != State::Closed) {
         waitForInput();
+    }
 }
 
 void Connection::takeFrames() {
     while (isServed()) {
         const wire::FrameReader::Result result = reader_.next();
-        if (result.status == wire::FrameReader::Status::NeedMore)
+        if (result.status == wire::FrameReader::Status::NeedMore) {
             return;
+        }
         if (result.status == wire::FrameReader::Status::TooLarge) {
             refuse(wire::ERROR_MALFORMED, fmt::format("it announced a frame of {} bytes, the limit is {}", result.bytes,
                                                       wire::kMaxFrameBytes));
@@ -155,13 +163,15 @@ void Connection::takeHello(const wire::Hello& hello) {
 }
 
 void Connection::waitForRoom() {
-    if (waitingForRoom_)
+    if (waitingForRoom_) {
         return;
+    }
     waitingForRoom_ = true;
     socket_.async_wait(Socket::wait_write, [self = shared_from_this()](const boost::system::error_code& error) {
         self->waitingForRoom_ = false;
-        if (!error && self->state_ != State::Closed)
+        if (!error && self->state_ != State::Closed) {
             self->writeSome();
+        }
     });
 }
 
@@ -176,8 +186,9 @@ void Connection::writeSome() {
             close();
             return;
         }
-        if (sent < 0)
+        if (sent < 0) {
             break;
+        }
         outbox_.drop(static_cast<std::size_t>(sent));
     }
     if (!outbox_.empty()) {
@@ -192,17 +203,19 @@ void Connection::setDeadline(std::chrono::milliseconds fromNow) {
     deadline_.expires_after(fromNow);
     deadline_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
         // A wait that had already ended when the deadline was moved or cancelled is not told so by its error.
-        if (!error && self->deadline_.expiry() <= std::chrono::steady_clock::now())
+        if (!error && self->deadline_.expiry() <= std::chrono::steady_clock::now()) {
             self->deadlinePassed();
+        }
     });
 }
 
 void Connection::deadlinePassed() {
-    if (state_ == State::AwaitingHello)
+    if (state_ == State::AwaitingHello) {
         refuse(wire::ERROR_UNSPECIFIED,
                fmt::format("it did not introduce itself within {} ms", limits_.handshake.count()));
-    else if (state_ == State::Leaving)
+    } else if (state_ == State::Leaving) {
         close();
+    }
 }
 
 }  // namespace kx::agent

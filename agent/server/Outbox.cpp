@@ -8,8 +8,9 @@ void Outbox::push(std::uint64_t requestId, FrameBody body) {
     auto head = std::make_shared<const std::string>(encodeHead(requestId, body->size()));
     unsentBytes_ += head->size() + body->size();
     pieces_.push_back(std::move(head));
-    if (!body->empty())
+    if (!body->empty()) {
         pieces_.push_back(std::move(body));
+    }
 }
 
 std::size_t Outbox::next(iovec* into, std::size_t count) const {

@@ -42,8 +42,9 @@ std::string PeerIdentity::describe() const {
 std::optional<PeerIdentity> identifyPeer(int socket) {
     ucred credentials{};
     socklen_t bytes = sizeof credentials;
-    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &bytes) != 0)
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &bytes) != 0) {
         return std::nullopt;
+    }
     return PeerIdentity{credentials.pid, credentials.uid, credentials.gid, groupsOf(socket), {}};
 }
 

@@ -35,15 +35,17 @@ Server::Server(boost::asio::io_context& io, ServerSettings settings, HostContent
       acceptTimer_(io) {}
 
 Server::~Server() {
-    for (auto& [key, connection] : connections_)
+    for (auto& [key, connection] : connections_) {
         connection->abandon();
+    }
 }
 
 void Server::accept() {
     acceptor_.async_accept(
         [this, alive = std::weak_ptr(alive_)](const boost::system::error_code& error, Connection::Socket socket) {
-            if (!alive.expired() && error != boost::asio::error::operation_aborted)
+            if (!alive.expired() && error != boost::asio::error::operation_aborted) {
                 accepted(error, std::move(socket));
+            }
         });
 }
 
@@ -59,13 +61,15 @@ void Server::accepted(const boost::system::error_code& error, Connection::Socket
 
 /// Without a pause the connection that could not be accepted would make the very next try fail, and so on.
 void Server::acceptFailed(const boost::system::error_code& error) {
-    if (error != acceptTrouble_)
+    if (error != acceptTrouble_) {
         log::error(fmt::format("cannot accept connections on {}: {}", file_.path(), error.message()));
+    }
     acceptTrouble_ = error;
     acceptTimer_.expires_after(settings_.limits.acceptPause);
     acceptTimer_.async_wait([this, alive = std::weak_ptr(alive_)](const boost::system::error_code& cancelled) {
-        if (!alive.expired() && !cancelled)
+        if (!alive.expired() && !cancelled) {
             accept();
+        }
     });
 }
 
@@ -79,16 +83,18 @@ void Server::admit(Connection::Socket socket) {
     ConnectionOwner& owner = *this;
     const auto connection = std::make_shared<Connection>(std::move(socket), *peer, settings_.limits, owner);
     connections_.emplace(connection.get(), connection);
-    if (!settings_.access.admits(*peer))
+    if (!settings_.access.admits(*peer)) {
         connection->refuse(wire::ERROR_NOT_ALLOWED,
                            fmt::format("it is neither root nor a member of the group {}", kAgentGroup));
-    else if (others >= settings_.limits.maxConnections)
+    } else if (others >= settings_.limits.maxConnections) {
         connection->refuse(wire::ERROR_TOO_MANY_CONNECTIONS,
                            fmt::format("all {} connections are taken", settings_.limits.maxConnections));
-    else
+    } else {
         connection->start();
-    if (connection->isLeaving() && leaving() > settings_.limits.maxFarewells)
+    }
+    if (connection->isLeaving() && leaving() > settings_.limits.maxFarewells) {
         connection->close();
+    }
 }
 
 std::size_t Server::served() const {
@@ -120,18 +126,21 @@ void Server::frameReceived(Connection& from, const wire::Frame& frame) {
 /// The chunks are queued in one go, so every delta that follows is of a later generation than theirs.
 void Server::sendSnapshot(Connection& to, std::uint64_t requestId) {
     to.interests().environments = true;
-    for (const FrameBody& chunk : content_.inventory().snapshot())
+    for (const FrameBody& chunk : content_.inventory().snapshot()) {
         to.send(requestId, chunk);
+    }
 }
 
 void Server::publish(const HostUpdate& update) {
     for (const auto& [key, connection] : connections_) {
         if (connection->interests().environments) {
-            for (const FrameBody& delta : update.deltas)
+            for (const FrameBody& delta : update.deltas) {
                 connection->send(0, delta);
+            }
         }
-        if (connection->interests().vocabularies && update.vocabularySet)
+        if (connection->interests().vocabularies && update.vocabularySet) {
             connection->send(0, update.vocabularySet);
+        }
     }
 }
 

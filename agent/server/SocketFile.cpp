@@ -52,15 +52,17 @@ private:
 
 OwnedDescriptor makeSocket(const std::string& path, int flags) {
     OwnedDescriptor made(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
-    if (!made)
+    if (!made) {
         failBySystem(path, "socket");
+    }
     return made;
 }
 
 sockaddr_un addressOf(const std::string& path) {
     sockaddr_un address{};
-    if (path.size() >= sizeof address.sun_path)
+    if (path.size() >= sizeof address.sun_path) {
         fail(path, "the path is too long for a socket");
+    }
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, path.size());
     return address;
@@ -69,12 +71,15 @@ sockaddr_un addressOf(const std::string& path) {
 bool isListenedOn(const std::string& path) {
     const OwnedDescriptor probe = makeSocket(path, SOCK_NONBLOCK);
     const sockaddr_un address = addressOf(path);
-    if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+    if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
         return true;
-    if (errno == EAGAIN)  // it has more waiting connections than it may have
+    }
+    if (errno == EAGAIN) {  // it has more waiting connections than it may have
         return true;
-    if (errno == ECONNREFUSED || errno == ENOENT)
+    }
+    if (errno == ECONNREFUSED || errno == ENOENT) {
         return false;
+    }
     failBySystem(path, "cannot tell whether an agent listens there");
 }
 
@@ -83,43 +88,52 @@ bool isListenedOn(const std::string& path) {
 OwnedDescriptor lockStart(const std::string& path) {
     const std::string lockPath = path + kLockSuffix;
     OwnedDescriptor locked(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, kLockMode));
-    if (!locked)
+    if (!locked) {
         failBySystem(path, fmt::format("cannot open {}", lockPath));
-    if (::flock(locked.get(), LOCK_EX | LOCK_NB) != 0)
+    }
+    if (::flock(locked.get(), LOCK_EX | LOCK_NB) != 0) {
         failBySystem(path, "another agent is being started there");
+    }
     return locked;
 }
 
 void removeStale(const std::string& path) {
     struct stat info {};
-    if (::lstat(path.c_str(), &info) != 0)
+    if (::lstat(path.c_str(), &info) != 0) {
         return;
-    if (!S_ISSOCK(info.st_mode))
+    }
+    if (!S_ISSOCK(info.st_mode)) {
         fail(path, "something that is not a socket is in the way");
-    if (isListenedOn(path))
+    }
+    if (isListenedOn(path)) {
         fail(path, "another agent listens there");
-    if (::unlink(path.c_str()) != 0 && errno != ENOENT)
+    }
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
         failBySystem(path, "cannot remove the socket of a former run");
+    }
 }
 
 }  // namespace
 
 SocketFile::SocketFile(std::string path, std::optional<gid_t> group) : path_(std::move(path)) {
     const std::string problem = makeFolders(std::filesystem::path(path_).parent_path());
-    if (!problem.empty())
+    if (!problem.empty()) {
         fail(path_, problem);
+    }
     const OwnedDescriptor lock = lockStart(path_);
     removeStale(path_);
     bindPrivately();
     openToGroup(group);
-    if (::listen(listener_.get(), kBacklog) != 0)
+    if (::listen(listener_.get(), kBacklog) != 0) {
         failBySystem(path_, "listen");
+    }
 }
 
 SocketFile::~SocketFile() {
     struct stat info {};
-    if (::lstat(path_.c_str(), &info) == 0 && info.st_dev == device_ && info.st_ino == inode_)
+    if (::lstat(path_.c_str(), &info) == 0 && info.st_dev == device_ && info.st_ino == inode_) {
         ::unlink(path_.c_str());
+    }
 }
 
 void SocketFile::bindPrivately() {
@@ -127,23 +141,27 @@ void SocketFile::bindPrivately() {
     OwnedDescriptor made = makeSocket(path_, 0);
     {
         const Umask mask(kPrivateUmask);
-        if (::bind(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        if (::bind(made.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
             failBySystem(path_, "bind");
+        }
     }
     struct stat info {};
-    if (::lstat(path_.c_str(), &info) != 0)
+    if (::lstat(path_.c_str(), &info) != 0) {
         failBySystem(path_, "stat");
+    }
     device_ = info.st_dev;
     inode_ = info.st_ino;
     listener_ = std::move(made);
 }
 
 void SocketFile::openToGroup(std::optional<gid_t> group) const {
-    if (group && ::chown(path_.c_str(), static_cast<uid_t>(-1), *group) != 0)
+    if (group && ::chown(path_.c_str(), static_cast<uid_t>(-1), *group) != 0) {
         log::warning(
             fmt::format("cannot give {} to its group, whose members cannot connect: {}", path_, std::strerror(errno)));
-    if (::chmod(path_.c_str(), kSocketMode) != 0)
+    }
+    if (::chmod(path_.c_str(), kSocketMode) != 0) {
         failBySystem(path_, "chmod");
+    }
 }
 
 }  // namespace kx::agent

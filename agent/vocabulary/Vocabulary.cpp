@@ -12,8 +12,9 @@ constexpr std::int64_t kIncrease = 2;
 
 Category makeCategory(std::string name, std::int64_t counterType, std::initializer_list<std::string_view> ids) {
     Category category{std::move(name), {}};
-    for (const std::string_view id : ids)
+    for (const std::string_view id : ids) {
         category.parameters.push_back({std::string(id), std::nullopt, {{"counter_type", counterType}}});
+    }
     return category;
 }
 
@@ -33,8 +34,9 @@ Vocabulary basicFunctionality() {
 
 std::vector<Vocabulary> standardVocabularies(const std::optional<std::string>& productVersion) {
     Vocabulary server;
-    if (productVersion)
+    if (productVersion) {
         server.parameters.push_back({"kxversion", *productVersion, {}});
+    }
     return {std::move(server), basicFunctionality()};
 }
 

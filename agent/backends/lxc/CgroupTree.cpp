@@ -28,8 +28,9 @@ std::vector<std::string> split(std::string_view text, char separator) {
     while (true) {
         const auto end = text.find(separator);
         parts.emplace_back(text.substr(0, end));
-        if (end == std::string_view::npos)
+        if (end == std::string_view::npos) {
             return parts;
+        }
         text.remove_prefix(end + 1);
     }
 }
@@ -51,14 +52,16 @@ std::string unescaped(const std::string& text) {
 std::optional<CgroupMount> cgroupMountOf(const std::string& line) {
     const std::vector<std::string> fields = split(line, ' ');
     const auto dash = std::find(fields.begin(), fields.end(), "-");
-    if (fields.size() < 6 || fields.end() - dash < 4 || (dash[1] != "cgroup" && dash[1] != "cgroup2"))
+    if (fields.size() < 6 || fields.end() - dash < 4 || (dash[1] != "cgroup" && dash[1] != "cgroup2")) {
         return std::nullopt;
+    }
     CgroupMount mount;
     mount.root = unescaped(fields[3]);
     mount.mountPoint = unescaped(fields[4]);
     mount.v2 = dash[1] == "cgroup2";
-    if (!mount.v2)
+    if (!mount.v2) {
         mount.controllers = split(dash[3], ',');
+    }
     return mount;
 }
 
@@ -73,8 +76,9 @@ std::string parentOf(const std::string& path) {
 /// LXC leaves systemd's own cgroup of the first process to systemd.
 std::string withoutInitScope(const std::string& path) {
     constexpr std::string_view scope = "/init.scope";
-    if (path.size() < scope.size() || path.substr(path.size() - scope.size()) != scope)
+    if (path.size() < scope.size() || path.substr(path.size() - scope.size()) != scope) {
         return path;
+    }
     const std::string rest = path.substr(0, path.size() - scope.size());
     return rest.empty() ? "/" : rest;
 }
@@ -84,8 +88,9 @@ std::string withoutInitScope(const std::string& path) {
 std::vector<CgroupMount> cgroupMountsIn(std::string_view mountInfo) {
     std::vector<CgroupMount> mounts;
     for (const std::string& line : split(mountInfo, '\n')) {
-        if (auto mount = cgroupMountOf(line))
+        if (auto mount = cgroupMountOf(line)) {
             mounts.push_back(std::move(*mount));
+        }
     }
     return mounts;
 }
@@ -94,16 +99,18 @@ std::optional<std::string> cgroupPathIn(std::string_view processCgroups, const C
     for (const std::string& line : split(processCgroups, '\n')) {
         const auto first = line.find(':');
         const auto second = line.find(':', first + 1);
-        if (first == std::string::npos || second == std::string::npos)
+        if (first == std::string::npos || second == std::string::npos) {
             continue;
+        }
         const std::string controllers = line.substr(first + 1, second - first - 1);
         const std::vector<std::string> list = split(controllers, ',');
         const bool same =
             mount.v2 ? controllers.empty() : std::any_of(list.begin(), list.end(), [&](const std::string& controller) {
                 return !controller.empty() && has(mount.controllers, controller);
             });
-        if (same)
+        if (same) {
             return line.substr(second + 1);
+        }
     }
     return std::nullopt;
 }
@@ -113,36 +120,42 @@ std::optional<std::string> cgroupFolder(const CgroupMount& mount, const std::str
     if (mount.root != "/") {
         const bool inside = below.substr(0, mount.root.size()) == mount.root &&
                             (below.size() == mount.root.size() || below[mount.root.size()] == '/');
-        if (!inside)
+        if (!inside) {
             return std::nullopt;
+        }
         below.remove_prefix(mount.root.size());
     }
-    if (below == "/")
+    if (below == "/") {
         below = {};
+    }
     // "/.." leads out of the cgroup namespace: not shown by any mount in it.
-    if (below.substr(0, 3) == "/..")
+    if (below.substr(0, 3) == "/..") {
         return std::nullopt;
+    }
     return fmt::format("{}{}", mount.mountPoint, below);
 }
 
 std::string payloadPath(const std::string& cgroupPath) {
     const auto start = cgroupPath.find(fmt::format("/{}", kPayload));
-    if (start == std::string::npos)
+    if (start == std::string::npos) {
         return withoutInitScope(cgroupPath);
+    }
     return cgroupPath.substr(0, cgroupPath.find('/', start + 1));
 }
 
 std::vector<std::string> containersOfCgroup(std::string_view folderName) {
     std::vector<std::string> names;
-    if (folderName.substr(0, kPayload.size()) != kPayload && folderName.substr(0, kMonitor.size()) != kMonitor)
+    if (folderName.substr(0, kPayload.size()) != kPayload && folderName.substr(0, kMonitor.size()) != kMonitor) {
         return names;
+    }
     const std::string_view name = folderName.substr(kPayload.size());
     names.emplace_back(name);
     const auto dash = name.rfind('-');
     const bool suffixed = dash != std::string_view::npos && dash + 1 < name.size() &&
                           name.find_first_not_of("0123456789", dash + 1) == std::string_view::npos;
-    if (suffixed)
+    if (suffixed) {
         names.emplace_back(name.substr(0, dash));
+    }
     return names;
 }
 
@@ -155,8 +168,9 @@ CgroupTree CgroupTree::read() {
         // Inside a cgroup namespace the first process may be out of sight; LXC then works at the mount point.
         const auto folder = path ? cgroupFolder(mount, withoutInitScope(*path)) : std::nullopt;
         const std::string parent = folder && openFolder(*folder) ? *folder : mount.mountPoint;
-        if (!has(tree.parents_, parent))
+        if (!has(tree.parents_, parent)) {
             tree.parents_.push_back(parent);
+        }
     }
     return tree;
 }
@@ -167,12 +181,15 @@ std::optional<CgroupTree::FreezerFiles> CgroupTree::freezerOf(pid_t initPid) con
     for (const CgroupMount& mount : mounts_) {
         const auto path = cgroupPathIn(cgroups, mount);
         const auto folder = path ? cgroupFolder(mount, payloadPath(*path)) : std::nullopt;
-        if (!folder || *folder == mount.mountPoint)
+        if (!folder || *folder == mount.mountPoint) {
             continue;
-        if (has(mount.controllers, "freezer"))
+        }
+        if (has(mount.controllers, "freezer")) {
             return FreezerFiles{*folder + "/freezer.state", "", "", parentOf(*folder)};
-        if (mount.v2 && stampAt(AT_FDCWD, (*folder + "/cgroup.freeze").c_str()).size >= 0)
+        }
+        if (mount.v2 && stampAt(AT_FDCWD, (*folder + "/cgroup.freeze").c_str()).size >= 0) {
             byV2 = FreezerFiles{"", *folder + "/cgroup.events", *folder + "/cgroup.freeze", parentOf(*folder)};
+        }
     }
     return byV2;
 }
@@ -181,8 +198,9 @@ Freezer readFreezer(const CgroupTree::FreezerFiles& files) {
     const auto read = [](const std::string& path) {
         return readFile(AT_FDCWD, path.c_str(), Bounds::Host, kMaxFreezerBytes).text.value_or(std::string());
     };
-    if (!files.state.empty())
+    if (!files.state.empty()) {
         return freezerOfV1(read(files.state));
+    }
     return freezerOfV2(read(files.events), read(files.freeze));
 }
 

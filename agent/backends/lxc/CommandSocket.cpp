@@ -23,8 +23,9 @@ constexpr std::size_t kMaxNameBytes = sizeof(sockaddr_un::sun_path) - 2;
 /// FNV-1a of 64 bits, which liblxc uses for names that do not fit.
 std::uint64_t hashOf(std::string_view text) {
     std::uint64_t hash = 0xcbf29ce484222325;
-    for (const char c : text)
+    for (const char c : text) {
         hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+    }
     return hash;
 }
 
@@ -32,8 +33,9 @@ std::uint64_t hashOf(std::string_view text) {
 
 std::string commandSocketName(const std::string& path, const std::string& name) {
     std::string plain = fmt::format("{}/{}{}", path, name, kSuffix);
-    if (plain.size() <= kMaxNameBytes)
+    if (plain.size() <= kMaxNameBytes) {
         return plain;
+    }
     return fmt::format("lxc/{:016x}{}", hashOf(fmt::format("{}/{}", path, name)), kSuffix);
 }
 
@@ -46,8 +48,9 @@ std::set<std::string, std::less<>> commandSocketsIn(std::string_view unixSockets
         // The name is the last column; the kernel shows the leading zero byte as "@".
         const auto start = line.find(" @");
         if (start == std::string_view::npos || line.size() < kSuffix.size() ||
-            line.substr(line.size() - kSuffix.size()) != kSuffix)
+            line.substr(line.size() - kSuffix.size()) != kSuffix) {
             continue;
+        }
         names.emplace(line.substr(start + 2));
     }
     return names;
@@ -67,8 +70,9 @@ Monitor monitorBehind(const std::string& socketName) {
     // liblxc binds its name without a closing zero byte; in an abstract address that would be part of the name.
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + socketName.size());
     const OwnedDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!socket || ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0)
+    if (!socket || ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0) {
         return Monitor::Reachable;
+    }
     return errno == EAGAIN ? Monitor::Full : Monitor::None;
 }
 

@@ -20,22 +20,25 @@ struct Wrong {
 
 std::string textOf(const toml::node& node, std::string_view key) {
     const auto* text = node.as_string();
-    if (text == nullptr)
+    if (text == nullptr) {
         wrong(node.source().begin, fmt::format("{} must be a string", key));
+    }
     return text->get();
 }
 
 Eid eidOf(const toml::node& node, std::string_view key) {
     const auto eid = Eid::parse(textOf(node, key));
-    if (!eid)
+    if (!eid) {
         wrong(node.source().begin, fmt::format("{} must be a UUID", key));
+    }
     return *eid;
 }
 
 Template templateOf(const toml::node& node) {
     const auto* table = node.as_table();
-    if (table == nullptr)
+    if (table == nullptr) {
         wrong(node.source().begin, "a template must be a table with name and version");
+    }
     Template result;
     bool named = false;
     for (const auto& [key, value] : *table) {
@@ -48,32 +51,36 @@ Template templateOf(const toml::node& node) {
             wrong(key.source().begin, fmt::format("unknown key \"{}\" in a template", key.str()));
         }
     }
-    if (!named)
+    if (!named) {
         wrong(node.source().begin, "a template must have a name");
+    }
     return result;
 }
 
 std::vector<Template> templatesOf(const toml::node& node) {
     const auto* array = node.as_array();
-    if (array == nullptr)
+    if (array == nullptr) {
         wrong(node.source().begin, "templates must be an array of tables");
+    }
     std::vector<Template> result;
-    for (const toml::node& element : *array)
+    for (const toml::node& element : *array) {
         result.push_back(templateOf(element));
+    }
     return result;
 }
 
 ContainerNotes notesOf(const toml::table& file) {
     ContainerNotes notes;
     for (const auto& [key, value] : file) {
-        if (key == "description")
+        if (key == "description") {
             notes.description = textOf(value, "description");
-        else if (key == "base_sample")
+        } else if (key == "base_sample") {
             notes.baseSample = eidOf(value, "base_sample");
-        else if (key == "templates")
+        } else if (key == "templates") {
             notes.templates = templatesOf(value);
-        else
+        } else {
             wrong(key.source().begin, fmt::format("unknown key \"{}\"", key.str()));
+        }
     }
     return notes;
 }
@@ -81,9 +88,10 @@ ContainerNotes notesOf(const toml::table& file) {
 }  // namespace
 
 std::variant<ContainerNotes, NotesError> parseContainerNotes(std::string_view text) {
-    if (auto fault = findUnparsable(text))
+    if (auto fault = findUnparsable(text)) {
         return NotesError{static_cast<unsigned>(fault->line), static_cast<unsigned>(fault->column),
                           std::move(fault->message)};
+    }
     try {
         return notesOf(toml::parse(text));
     } catch (const toml::parse_error& error) {

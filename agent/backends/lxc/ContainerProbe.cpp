@@ -20,8 +20,9 @@ using ContainerHandle = std::unique_ptr<lxc_container, PutContainer>;
 /// @return the configured value; empty when there is none
 std::string configItem(lxc_container* container, const char* key) {
     const int length = container->get_config_item(container, key, nullptr, 0);
-    if (length <= 0)
+    if (length <= 0) {
         return {};
+    }
     std::string value(static_cast<std::size_t>(length) + 1, '\0');
     container->get_config_item(container, key, value.data(), length + 1);
     value.resize(static_cast<std::size_t>(length));
@@ -54,8 +55,9 @@ void readConfiguration(lxc_container* container, ContainerProbe& probe) {
 void askMonitor(lxc_container* container, ContainerProbe& probe) {
     const char* state = container->state(container);
     probe.lxcState = state != nullptr ? state : "";
-    if (probe.lxcState != "STOPPED")
+    if (probe.lxcState != "STOPPED") {
         probe.initPid = container->init_pid(container);
+    }
 }
 
 }  // namespace
@@ -63,8 +65,9 @@ void askMonitor(lxc_container* container, ContainerProbe& probe) {
 ContainerProbe probeContainer(const std::string& path, const std::string& name, StuckCallBreaker& breaker) {
     ContainerProbe probe;
     const std::string folder = fmt::format("{}/{}", path, name);
-    if (stampAt(AT_FDCWD, (folder + "/config").c_str()).size < 0)
+    if (stampAt(AT_FDCWD, (folder + "/config").c_str()).size < 0) {
         return probe;
+    }
     if (isLocked(path, name) || isBeingCreated(folder)) {
         probe.result = ProbeResult::Busy;
         return probe;

@@ -28,8 +28,9 @@ bool rootIsServedByProcess(pid_t initPid) {
         fields >> number >> parent >> device >> root >> mountPoint;
         const auto dash = line.find(" - ");
         // The last mount on "/" is the one that is seen.
-        if (dash != std::string::npos && mountPoint == "/")
+        if (dash != std::string::npos && mountPoint == "/") {
             served = line.compare(dash + 3, 4, "fuse") == 0;
+        }
     }
     return served;
 }
@@ -41,20 +42,23 @@ struct RootFolder {
 
 RootFolder openRunningRoot(const ContainerLife& life) {
     RootFolder root;
-    if (!life.watched() || rootIsServedByProcess(life.initPid))
+    if (!life.watched() || rootIsServedByProcess(life.initPid)) {
         return root;
+    }
     root.folder = openFolder(fmt::format("/proc/{}/root", life.initPid));
     root.bounds = Bounds::RootMount;
     // The number may be another process's by now; it was not if init has not ended since.
-    if (hasEnded(life.pidfd.get()))
+    if (hasEnded(life.pidfd.get())) {
         root.folder.reset();
+    }
     return root;
 }
 
 RootFolder openRoot(const ContainerRecord& record) {
     RootFolder root;
-    if (const auto folder = rootfsFolder(record.rootfs))
+    if (const auto folder = rootfsFolder(record.rootfs)) {
         root.folder = openFolder(*folder);
+    }
     return root.folder ? std::move(root) : openRunningRoot(record.life);
 }
 
@@ -63,8 +67,9 @@ RootFolder openRoot(const ContainerRecord& record) {
 std::string printable(const std::string& text) {
     std::string result = text;
     for (char& c : result) {
-        if (c < ' ' || c > '~')
+        if (c < ' ' || c > '~') {
             c = '?';
+        }
     }
     return result;
 }
@@ -99,20 +104,23 @@ void readNotes(ContainerRecord& record, const std::string& path, const LogSink& 
         problem = fmt::format("{}: {}", printable(file), content.problem);
     } else {
         auto parsed = parseContainerNotes(*content.text);
-        if (auto* notes = std::get_if<ContainerNotes>(&parsed))
+        if (auto* notes = std::get_if<ContainerNotes>(&parsed)) {
             record.notes = std::move(*notes);
-        else if (const auto* error = std::get_if<NotesError>(&parsed))
+        } else if (const auto* error = std::get_if<NotesError>(&parsed)) {
             problem = fmt::format("{}:{}:{}: {}", printable(file), error->line, error->column, error->message);
+        }
     }
-    if (!problem.empty() && (fresh || problem != record.notesProblem))
+    if (!problem.empty() && (fresh || problem != record.notesProblem)) {
         log(Severity::Error, problem + "; the file is ignored, what was last good stays");
+    }
     record.notesProblem = problem;
 }
 
 void readOs(ContainerRecord& record) {
     const RootFolder root = openRoot(record);
-    if (!root.folder)
+    if (!root.folder) {
         return;
+    }
     OsReleaseFile found = readOsRelease(root.folder.get(), root.bounds);
     record.os = std::move(found.os);
     record.osStamp = found.stamp;

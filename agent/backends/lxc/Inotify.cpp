@@ -11,21 +11,24 @@
 namespace kx::agent::lxc {
 
 Inotify::Inotify() : file_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
-    if (!file_)
+    if (!file_) {
         throw std::runtime_error(
             fmt::format("cannot watch folders: {} (see fs.inotify.max_user_instances)", std::strerror(errno)));
+    }
 }
 
 int Inotify::add(Kind kind, const std::string& owner, const std::string& path, std::uint32_t mask) {
     const int watch = ::inotify_add_watch(file_.get(), path.c_str(), mask);
-    if (watch > 0)
+    if (watch > 0) {
         tags_[watch] = Tag{kind, owner};
+    }
     return watch;
 }
 
 void Inotify::remove(int watch) {
-    if (tags_.erase(watch) != 0)
+    if (tags_.erase(watch) != 0) {
         ::inotify_rm_watch(file_.get(), watch);
+    }
 }
 
 bool Inotify::take(const std::function<void(const Notice&)>& handle) {
@@ -36,14 +39,17 @@ bool Inotify::take(const std::function<void(const Notice&)>& handle) {
         for (const char* place = buffer.data(); place < buffer.data() + count;) {
             const auto* event = reinterpret_cast<const inotify_event*>(place);
             place += sizeof(inotify_event) + event->len;
-            if ((event->mask & IN_Q_OVERFLOW) != 0)
+            if ((event->mask & IN_Q_OVERFLOW) != 0) {
                 complete = false;
+            }
             const auto tag = tags_.find(event->wd);
-            if (tag == tags_.end())
+            if (tag == tags_.end()) {
                 continue;
+            }
             const Notice notice{tag->second.kind, tag->second.owner, event->len > 0 ? event->name : "", event->mask};
-            if ((event->mask & IN_IGNORED) != 0)
+            if ((event->mask & IN_IGNORED) != 0) {
                 tags_.erase(tag);
+            }
             handle(notice);
         }
     }

@@ -43,8 +43,9 @@ private:
         return [&io = io_, delivery = delivery_](std::vector<Environment> containers) {
             HostImage image{std::move(containers), standardVocabularies(std::nullopt)};
             boost::asio::post(io, [delivery, image = std::move(image)]() mutable {
-                if (delivery->open)
+                if (delivery->open) {
                     delivery->listener->hostChanged(std::move(image));
+                }
             });
         };
     }
@@ -63,8 +64,9 @@ bool lxcHasContainers(const std::string& path) {
     for (; !error && folder != std::filesystem::directory_iterator(); folder.increment(error)) {
         std::error_code missing;
         const std::string name = folder->path().filename();
-        if (name.front() != '.' && std::filesystem::exists(folder->path() / "config", missing))
+        if (name.front() != '.' && std::filesystem::exists(folder->path() / "config", missing)) {
             return true;
+        }
     }
     return false;
 }

@@ -22,8 +22,9 @@ constexpr Row kRows[] = {
 
 const Row* rowOf(std::string_view lxcState) {
     for (const Row& row : kRows) {
-        if (row.lxcState == lxcState)
+        if (row.lxcState == lxcState) {
             return &row;
+        }
     }
     return nullptr;
 }
@@ -45,18 +46,22 @@ bool isAlive(std::string_view lxcState) {
 }
 
 Freezer freezerOfV1(std::string_view text) {
-    if (startsWith(text, "THAWED"))
+    if (startsWith(text, "THAWED")) {
         return Freezer::Thawed;
-    if (startsWith(text, "FREEZING"))
+    }
+    if (startsWith(text, "FREEZING")) {
         return Freezer::Freezing;
+    }
     return startsWith(text, "FROZEN") ? Freezer::Frozen : Freezer::Unknown;
 }
 
 Freezer freezerOfV2(std::string_view events, std::string_view freeze) {
-    if (events.find("frozen 1") != std::string_view::npos)
+    if (events.find("frozen 1") != std::string_view::npos) {
         return Freezer::Frozen;
-    if (events.find("frozen 0") == std::string_view::npos)
+    }
+    if (events.find("frozen 0") == std::string_view::npos) {
         return Freezer::Unknown;
+    }
     return startsWith(freeze, "1") ? Freezer::Freezing : Freezer::Thawed;
 }
 

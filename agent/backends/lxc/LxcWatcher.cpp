@@ -33,8 +33,9 @@ constexpr std::uint64_t kInotifyTag = 2;
 constexpr std::uint64_t kFirstLifeId = 16;
 
 OwnedDescriptor orThrow(int number, const char* what) {
-    if (number < 0)
+    if (number < 0) {
         throw std::runtime_error(fmt::format("{}: {}", what, std::strerror(errno)));
+    }
     return OwnedDescriptor(number);
 }
 
@@ -49,9 +50,10 @@ LxcWatcher::LxcWatcher(LxcSettings settings, ContainersSink sink, LogSink log)
       poll_(orThrow(::epoll_create1(EPOLL_CLOEXEC), "epoll")),
       stopEvent_(orThrow(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")),
       lastLifeId_(kFirstLifeId) {
-    if (!watchPath())
+    if (!watchPath()) {
         throw std::runtime_error(
             fmt::format("neither {} nor the folder above it can be watched: {}", settings_.path, pathProblem_));
+    }
     addToPoll(stopEvent_.get(), kStopTag);
     addToPoll(inotify_.descriptor(), kInotifyTag);
     const AllSignalsBlocked blocked;
@@ -68,8 +70,9 @@ void LxcWatcher::addToPoll(int descriptor, std::uint64_t tag) {
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.u64 = tag;
-    if (::epoll_ctl(poll_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0)
+    if (::epoll_ctl(poll_.get(), EPOLL_CTL_ADD, descriptor, &event) != 0) {
         throw std::runtime_error(fmt::format("epoll: {}", std::strerror(errno)));
+    }
 }
 
 void LxcWatcher::run() {
@@ -88,16 +91,20 @@ void LxcWatcher::run() {
 
 void LxcWatcher::runOnce() {
     const auto now = Clock::now();
-    if (now >= compareAllAt_)
+    if (now >= compareAllAt_) {
         compareAll();
-    if (now >= askForStartsAt_)
+    }
+    if (now >= askForStartsAt_) {
         askForStarts();
+    }
     for (const auto& [name, needs] : rechecks_.takeDue(Clock::now())) {
         const auto record = records_.find(name);
-        if (ending_)
+        if (ending_) {
             return;
-        if (record != records_.end())
+        }
+        if (record != records_.end()) {
             attend(record->second, needs);
+        }
     }
     publish();
 }
@@ -110,10 +117,12 @@ void LxcWatcher::waitForEvents() {
     const int count = ::epoll_wait(poll_.get(), events.data(), static_cast<int>(events.size()), timeoutMs);
     for (int i = 0; i < count; ++i) {
         const std::uint64_t tag = events[static_cast<std::size_t>(i)].data.u64;
-        if (tag >= kFirstLifeId)
+        if (tag >= kFirstLifeId) {
             lifeEnded(tag);
-        if (tag == kInotifyTag && !inotify_.take([this](const Inotify::Notice& one) { notice(one); }))
+        }
+        if (tag == kInotifyTag && !inotify_.take([this](const Inotify::Notice& one) { notice(one); })) {
             compareAllAt_ = Clock::now();
+        }
     }
 }
 
@@ -124,8 +133,9 @@ void LxcWatcher::notice(const Inotify::Notice& notice) {
             pathNotice(notice);
             break;
         case Inotify::Kind::PathParent:
-            if (notice.name == std::filesystem::path(settings_.path).filename())
+            if (notice.name == std::filesystem::path(settings_.path).filename()) {
                 compareAllAt_ = Clock::now();
+            }
             break;
         case Inotify::Kind::Container:
             folderNotice(notice);
@@ -134,13 +144,15 @@ void LxcWatcher::notice(const Inotify::Notice& notice) {
             for (const std::string& name : containersOfCgroup(notice.name)) {
                 const auto owner = records_.find(name);
                 // While init lives, a cgroup that comes or goes beside it is another's.
-                if (owner != records_.end() && !owner->second.life.watched())
+                if (owner != records_.end() && !owner->second.life.watched()) {
                     stir(owner->second);
+                }
             }
             break;
         case Inotify::Kind::Freezer:
-            if (record != records_.end())
+            if (record != records_.end()) {
                 rechecks_.add(notice.owner, kNeedFreezer, Clock::now());
+            }
             break;
     }
 }
@@ -151,25 +163,29 @@ void LxcWatcher::pathNotice(const Inotify::Notice& notice) {
         compareAllAt_ = Clock::now();
         return;
     }
-    if ((notice.mask & (IN_DELETE | IN_MOVED_FROM)) != 0)
+    if ((notice.mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
         dropRecord(notice.name);
+    }
     // A folder that is renamed comes complete; in a new one the files follow.
     ensureRecord(notice.name, (notice.mask & IN_MOVED_TO) != 0 ? Clock::duration(0) : kFileQuiet);
 }
 
 void LxcWatcher::folderNotice(const Inotify::Notice& notice) {
     const auto due = Clock::now() + ((notice.mask & IN_CREATE) != 0 ? kNewFileQuiet : kFileQuiet);
-    if (notice.name == "config" || notice.name == "partial")
+    if (notice.name == "config" || notice.name == "partial") {
         rechecks_.add(notice.owner, kNeedLook | kNeedOs, due);
-    if (notice.name == "kx.toml")
+    }
+    if (notice.name == "kx.toml") {
         rechecks_.add(notice.owner, kNeedNotes, due);
+    }
 }
 
 void LxcWatcher::lifeEnded(std::uint64_t id) {
     const auto name = nameOfLife_.find(id);
     const auto record = name != nameOfLife_.end() ? records_.find(name->second) : records_.end();
-    if (record == records_.end())
+    if (record == records_.end()) {
         return;
+    }
     record->second.endedPid = record->second.life.initPid;
     forgetLife(record->second);
     stir(record->second);
@@ -178,36 +194,42 @@ void LxcWatcher::lifeEnded(std::uint64_t id) {
 void LxcWatcher::assignVeIds() {
     std::vector<std::string> names;
     for (const auto& [name, record] : records_) {
-        if (record.defined)
+        if (record.defined) {
             names.push_back(name);
+        }
     }
     veIdsStale_ = false;
     const auto ids = veIds_.assign(names);
     for (auto& [name, record] : records_) {
         const auto id = ids.find(name);
         record.veid = id != ids.end() ? std::optional(id->second) : std::nullopt;
-        if (record.defined)
+        if (record.defined) {
             refresh(record);
+        }
     }
 }
 
 void LxcWatcher::publish() {
-    if (veIdsStale_)
+    if (veIdsStale_) {
         assignVeIds();
-    if (!changed_)
+    }
+    if (!changed_) {
         return;
+    }
     std::vector<Environment> containers;
     for (const auto& [name, record] : records_) {
-        if (record.defined)
+        if (record.defined) {
             containers.push_back(record.published);
+        }
     }
     changed_ = false;
     sink_(std::move(containers));
 }
 
 void LxcWatcher::logOnChange(std::string& last, Severity severity, const std::string& line) {
-    if (line != last && !line.empty())
+    if (line != last && !line.empty()) {
         log_(severity, line);
+    }
     last = line;
 }
 

@@ -45,16 +45,19 @@ int openPidfd(pid_t pid) {
 
 void LxcWatcher::ensureRecord(const std::string& name, Clock::duration delay) {
     // LXC passes over hidden folders too.
-    if (name.empty() || name.front() == '.' || records_.count(name) != 0)
+    if (name.empty() || name.front() == '.' || records_.count(name) != 0) {
         return;
+    }
     const int watch = watchFolder(name);
-    if (watch < 0 && (errno == ENOENT || errno == ENOTDIR))
+    if (watch < 0 && (errno == ENOENT || errno == ENOTDIR)) {
         return;
-    if (watch < 0)
+    }
+    if (watch < 0) {
         logOnChange(watchProblem_, Severity::Warning,
                     fmt::format("not every container can be watched: {} (see fs.inotify.max_user_watches); changes of "
                                 "the others are noticed every few seconds only",
                                 std::strerror(errno)));
+    }
     ContainerRecord& record = records_[name];
     record.name = name;
     record.folderWatch = watch;
@@ -69,8 +72,9 @@ int LxcWatcher::watchFolder(const std::string& name) {
 
 void LxcWatcher::dropRecord(const std::string& name) {
     const auto record = records_.find(name);
-    if (record == records_.end())
+    if (record == records_.end()) {
         return;
+    }
     setDefined(record->second, false);
     forgetLife(record->second);
     inotify_.remove(record->second.folderWatch);
@@ -85,17 +89,22 @@ void LxcWatcher::stir(ContainerRecord& record) {
 }
 
 void LxcWatcher::attend(ContainerRecord& record, unsigned needs) {
-    if ((needs & kNeedLook) != 0)
+    if ((needs & kNeedLook) != 0) {
         look(record);
+    }
     // A look that LXC does not answer says nothing of the freezer, and one notice must not swallow the other.
-    if ((needs & kNeedFreezer) != 0)
+    if ((needs & kNeedFreezer) != 0) {
         lookAtFreezer(record);
-    if ((needs & kNeedNotes) != 0)
+    }
+    if ((needs & kNeedNotes) != 0) {
         readNotes(record, settings_.path, log_);
-    if ((needs & kNeedOs) != 0)
+    }
+    if ((needs & kNeedOs) != 0) {
         readOs(record);
-    if (record.defined)
+    }
+    if (record.defined) {
         refresh(record);
+    }
 }
 
 void LxcWatcher::look(ContainerRecord& record) {
@@ -103,14 +112,16 @@ void LxcWatcher::look(ContainerRecord& record) {
     const bool fresh = stamp != record.configStamp;
     // liblxc complains on standard error each time it opens a configuration that it cannot read.
     if (record.malformed && !fresh) {
-        if (!record.life.watched())
+        if (!record.life.watched()) {
             record.status = {};
+        }
         return;
     }
     const ContainerProbe probe = probeContainer(settings_.path, record.name, breaker_);
     record.lastLook = Clock::now();
-    if (probe.result != ProbeResult::Busy)
+    if (probe.result != ProbeResult::Busy) {
         record.configStamp = stamp;
+    }
     switch (probe.result) {
         case ProbeResult::Gone:
             setDefined(record, false);
@@ -134,15 +145,17 @@ void LxcWatcher::look(ContainerRecord& record) {
 }
 
 void LxcWatcher::setDefined(ContainerRecord& record, bool defined) {
-    if (record.defined == defined)
+    if (record.defined == defined) {
         return;
+    }
     record.defined = defined;
     changed_ = veIdsStale_ = true;
 }
 
 void LxcWatcher::takeConfiguration(ContainerRecord& record, const ContainerProbe& probe) {
-    if (record.malformed)
+    if (record.malformed) {
         log_(Severity::Info, fmt::format("container {}: its config can be read again", printable(record.name)));
+    }
     record.malformed = false;
     record.hostname = probe.hostname;
     record.rootfs = probe.rootfs;
@@ -150,22 +163,26 @@ void LxcWatcher::takeConfiguration(ContainerRecord& record, const ContainerProbe
 }
 
 void LxcWatcher::takeMalformed(ContainerRecord& record, bool fresh) {
-    if (!record.malformed || fresh)
+    if (!record.malformed || fresh) {
         log_(Severity::Error,
              fmt::format("container {}: liblxc cannot read {}/{}/config; its state is unknown until that is mended",
                          printable(record.name), settings_.path, printable(record.name)));
+    }
     record.malformed = true;
-    if (!record.life.watched())
+    if (!record.life.watched()) {
         record.status = {};
+    }
     setDefined(record, true);
 }
 
 void LxcWatcher::takeNoAnswer(ContainerRecord& record) {
-    if (++record.unansweredTries == kUnansweredTriesLogged)
+    if (++record.unansweredTries == kUnansweredTriesLogged) {
         log_(Severity::Warning,
              fmt::format("container {}: its monitor is there but does not answer", printable(record.name)));
-    if (record.life.watched())
+    }
+    if (record.life.watched()) {
         return;
+    }
     // A monitor answers only when its start hooks are through. One that is met for the first time with the
     // container's cgroup in place may as well be hanging.
     const bool mayHang = record.status.state != State::Stopped && hasPayloadCgroup(record.name);
@@ -177,26 +194,31 @@ void LxcWatcher::takeState(ContainerRecord& record, const ContainerProbe& probe)
     record.status = statusOf(probe.lxcState);
     if (!isAlive(probe.lxcState)) {
         forgetLife(record);
-        if (record.status.transition == Transition::None)
+        if (record.status.transition == Transition::None) {
             record.endedPid = -1;
+        }
         return;
     }
-    if (watchLife(record, probe.initPid))
+    if (watchLife(record, probe.initPid)) {
         lookAtFreezer(record);
-    else
+    } else {
         record.status = {State::Running, Transition::Stopping};
+    }
 }
 
 /// @return false when the init process has ended, though LXC has not noticed it yet
 bool LxcWatcher::watchLife(ContainerRecord& record, pid_t initPid) {
-    if (initPid == record.life.initPid && record.life.watched())
+    if (initPid == record.life.initPid && record.life.watched()) {
         return true;
+    }
     forgetLife(record);
-    if (initPid <= 0 || initPid == record.endedPid)
+    if (initPid <= 0 || initPid == record.endedPid) {
         return false;
+    }
     OwnedDescriptor pidfd(openPidfd(initPid));
-    if (!pidfd)
+    if (!pidfd) {
         return false;
+    }
     ContainerLife& life = record.life;
     life.initPid = initPid;
     life.id = ++lastLifeId_;
@@ -219,16 +241,18 @@ bool LxcWatcher::watchLife(ContainerRecord& record, pid_t initPid) {
 }
 
 void LxcWatcher::forgetLife(ContainerRecord& record) {
-    for (const int watch : record.life.freezerWatches)
+    for (const int watch : record.life.freezerWatches) {
         inotify_.remove(watch);
+    }
     nameOfLife_.erase(record.life.id);
     // Closing the only descriptor takes it out of the poll set.
     record.life = ContainerLife{};
 }
 
 void LxcWatcher::lookAtFreezer(ContainerRecord& record) {
-    if (!record.life.watched() || !record.life.freezer)
+    if (!record.life.watched() || !record.life.freezer) {
         return;
+    }
     record.status = statusOf(readFreezer(*record.life.freezer), record.status);
     if (record.status.transition != Transition::None) {
         const auto delay = kSettleDelays[std::min(record.settleStep++, kSettleSteps - 1)];
@@ -245,22 +269,25 @@ void LxcWatcher::scheduleNext(ContainerRecord& record, ProbeResult result) {
     }
     const bool underWay = record.status.transition != Transition::None || result != ProbeResult::Done;
     std::optional<milliseconds> delay;
-    if (result == ProbeResult::NoAnswer)
+    if (result == ProbeResult::NoAnswer) {
         delay = kNoAnswerDelay;
-    else if ((record.settling || underWay) && record.settleStep < kSettleSteps)
+    } else if ((record.settling || underWay) && record.settleStep < kSettleSteps) {
         delay = kSettleDelays[record.settleStep++];
-    else if (underWay)
+    } else if (underWay) {
         delay = kTransitionDelay;
-    if (delay)
+    }
+    if (delay) {
         rechecks_.add(record.name, kNeedLook, Clock::now() + *delay);
-    else
+    } else {
         record.settling = false;
+    }
 }
 
 void LxcWatcher::refresh(ContainerRecord& record) {
     Environment fresh = environmentOf(record);
-    if (fresh == record.published)
+    if (fresh == record.published) {
         return;
+    }
     record.published = std::move(fresh);
     changed_ = true;
 }

@@ -40,13 +40,15 @@ std::filesystem::path withoutLastSlash(const std::string& path) {
 
 bool LxcWatcher::watchPath() {
     const std::filesystem::path plain = withoutLastSlash(settings_.path);
-    if (!inotify_.has(parentWatch_))
+    if (!inotify_.has(parentWatch_)) {
         parentWatch_ = inotify_.add(Inotify::Kind::PathParent, "", plain.parent_path().string(), kPathEvents);
+    }
     const FileStamp stamp = stampAt(AT_FDCWD, settings_.path.c_str());
     const bool same = stamp.inode == pathStamp_.inode && stamp.device == pathStamp_.device;
     pathStamp_ = stamp;
-    if (inotify_.has(pathWatch_) && same)
+    if (inotify_.has(pathWatch_) && same) {
         return true;
+    }
     // Something else may be mounted there now; what is watched would be hidden below it.
     inotify_.remove(pathWatch_);
     pathWatch_ =
@@ -59,14 +61,16 @@ bool LxcWatcher::watchPath() {
 
 void LxcWatcher::watchCgroups() {
     cgroups_ = CgroupTree::read();
-    for (const std::string& folder : cgroups_.containerParents())
+    for (const std::string& folder : cgroups_.containerParents()) {
         watchCgroupFolder(folder);
+    }
 }
 
 void LxcWatcher::watchCgroupFolder(const std::string& folder) {
     const auto known = cgroupWatches_.find(folder);
-    if (known != cgroupWatches_.end() && inotify_.has(known->second))
+    if (known != cgroupWatches_.end() && inotify_.has(known->second)) {
         return;
+    }
     cgroupWatches_[folder] =
         inotify_.add(Inotify::Kind::Cgroup, folder, folder, IN_CREATE | IN_DELETE | IN_MOVED_TO | IN_ONLYDIR);
 }
@@ -78,60 +82,74 @@ void LxcWatcher::compareAll() {
     watchCgroups();
     listFolders();
     const auto sockets = presentCommandSockets();
-    for (auto& [name, record] : records_)
+    for (auto& [name, record] : records_) {
         compare(record, sockets);
+    }
     veIdsStale_ = veIdsStale_ || veIds_.hasUnsaved();
 }
 
 void LxcWatcher::listFolders() {
     const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(settings_.path.c_str()), ::closedir);
     std::set<std::string> present;
-    while (const dirent* entry = folder ? ::readdir(folder.get()) : nullptr)
+    while (const dirent* entry = folder ? ::readdir(folder.get()) : nullptr) {
         present.insert(entry->d_name);
+    }
     std::vector<std::string> gone;
     for (const auto& [name, record] : records_) {
-        if (present.count(name) == 0)
+        if (present.count(name) == 0) {
             gone.push_back(name);
+        }
     }
-    for (const std::string& name : gone)
+    for (const std::string& name : gone) {
         dropRecord(name);
-    for (const std::string& name : present)
+    }
+    for (const std::string& name : present) {
         ensureRecord(name, Clock::duration(0));
+    }
 }
 
 void LxcWatcher::compare(ContainerRecord& record, const std::set<std::string, std::less<>>& sockets) {
     const std::string folder = fmt::format("{}/{}", settings_.path, record.name);
     unsigned needs = kNeedNothing;
-    if (stampAt(AT_FDCWD, (folder + "/config").c_str()) != record.configStamp)
+    if (stampAt(AT_FDCWD, (folder + "/config").c_str()) != record.configStamp) {
         needs |= kNeedLook | kNeedOs;
-    if (stampAt(AT_FDCWD, (folder + "/kx.toml").c_str()) != record.notesStamp)
+    }
+    if (stampAt(AT_FDCWD, (folder + "/kx.toml").c_str()) != record.notesStamp) {
         needs |= kNeedNotes;
-    if (!inotify_.has(record.folderWatch))
+    }
+    if (!inotify_.has(record.folderWatch)) {
         record.folderWatch = watchFolder(record.name);
+    }
     const bool mayRun = sockets.count(commandSocketName(settings_.path, record.name)) != 0;
-    if (record.defined && !record.malformed && mayRun != record.life.watched())
+    if (record.defined && !record.malformed && mayRun != record.life.watched()) {
         needs |= kNeedLook;
-    if (record.life.watched())
+    }
+    if (record.life.watched()) {
         needs |= kNeedFreezer;
+    }
     const bool turn = std::hash<std::string>()(record.name) % kOsRounds == comparisons_ % kOsRounds;
-    if (record.defined && turn && osChanged(record))
+    if (record.defined && turn && osChanged(record)) {
         needs |= kNeedOs;
-    if (needs != kNeedNothing)
+    }
+    if (needs != kNeedNothing) {
         rechecks_.add(record.name, needs, Clock::now());
+    }
 }
 
 /// The monitor's socket is there before the container's first hook runs and before there is a cgroup.
 void LxcWatcher::askForStarts() {
     askForStartsAt_ = Clock::now() + kAskEvery;
     const auto sockets = presentCommandSockets();
-    if (sockets.empty())
+    if (sockets.empty()) {
         return;
+    }
     for (const auto& [name, record] : records_) {
         // One whose monitor does not answer is asked at longer intervals, for each look waits out the time limit.
         const bool resting = record.defined && !record.malformed && !record.life.watched() && !record.settling &&
                              record.unansweredTries == 0;
-        if (resting && sockets.count(commandSocketName(settings_.path, name)) != 0)
+        if (resting && sockets.count(commandSocketName(settings_.path, name)) != 0) {
             rechecks_.add(name, kNeedLook, Clock::now());
+        }
     }
 }
 

@@ -9,22 +9,26 @@ constexpr const char* kPaths[] = {"etc/os-release", "usr/lib/os-release"};
 
 std::string_view trimmed(std::string_view text) {
     const auto first = text.find_first_not_of(" \t\r");
-    if (first == std::string_view::npos)
+    if (first == std::string_view::npos) {
         return {};
+    }
     return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
 }
 
 /// Undoes the quoting of a value. A backslash keeps the next character outside single quotes, as in a shell.
 std::string unquoted(std::string_view value) {
     const char quote = !value.empty() && (value.front() == '"' || value.front() == '\'') ? value.front() : '\0';
-    if (quote != '\0')
+    if (quote != '\0') {
         value.remove_prefix(1);
+    }
     std::string result;
     for (std::size_t i = 0; i < value.size(); ++i) {
-        if (quote != '\0' && value[i] == quote)
+        if (quote != '\0' && value[i] == quote) {
             break;
-        if (value[i] == '\\' && quote != '\'' && i + 1 < value.size())
+        }
+        if (value[i] == '\\' && quote != '\'' && i + 1 < value.size()) {
             ++i;
+        }
         result += value[i];
     }
     return result;
@@ -39,16 +43,20 @@ std::optional<Template> parseOsRelease(std::string_view text) {
         const std::string_view line = trimmed(text.substr(0, end));
         text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
         const auto equals = line.find('=');
-        if (line.empty() || line.front() == '#' || equals == std::string_view::npos)
+        if (line.empty() || line.front() == '#' || equals == std::string_view::npos) {
             continue;
+        }
         const std::string_view key = line.substr(0, equals);
-        if (key == "ID")
+        if (key == "ID") {
             os.name = unquoted(line.substr(equals + 1));
-        if (key == "VERSION_ID")
+        }
+        if (key == "VERSION_ID") {
             os.version = unquoted(line.substr(equals + 1));
+        }
     }
-    if (os.name.empty())
+    if (os.name.empty()) {
         return std::nullopt;
+    }
     return os;
 }
 
@@ -56,11 +64,13 @@ OsReleaseFile readOsRelease(int root, Bounds bounds) {
     OsReleaseFile result;
     for (const char* path : kPaths) {
         const FileText file = readFile(root, path, bounds, kMaxOsReleaseBytes);
-        if (file.missing)
+        if (file.missing) {
             continue;
+        }
         result.stamp = file.text ? file.stamp : stampWithin(root, path, bounds);
-        if (file.text)
+        if (file.text) {
             result.os = parseOsRelease(*file.text);
+        }
         break;
     }
     return result;
@@ -69,8 +79,9 @@ OsReleaseFile readOsRelease(int root, Bounds bounds) {
 FileStamp osReleaseStamp(int root, Bounds bounds) {
     for (const char* path : kPaths) {
         const FileStamp stamp = stampWithin(root, path, bounds);
-        if (stamp.size >= 0)
+        if (stamp.size >= 0) {
             return stamp;
+        }
     }
     return {};
 }

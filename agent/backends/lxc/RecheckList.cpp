@@ -6,8 +6,9 @@ namespace kx::agent::lxc {
 
 void RecheckList::add(const std::string& name, unsigned needs, Clock::time_point due) {
     const auto [entry, fresh] = entries_.try_emplace(name, Entry{needs, due});
-    if (fresh)
+    if (fresh) {
         return;
+    }
     entry->second.needs |= needs;
     entry->second.due = std::min(entry->second.due, due);
 }
@@ -15,8 +16,9 @@ void RecheckList::add(const std::string& name, unsigned needs, Clock::time_point
 std::optional<Clock::time_point> RecheckList::earliest() const {
     std::optional<Clock::time_point> result;
     for (const auto& [name, entry] : entries_) {
-        if (!result || entry.due < *result)
+        if (!result || entry.due < *result) {
             result = entry.due;
+        }
     }
     return result;
 }

@@ -17,16 +17,19 @@ constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 OwnedDescriptor openPlace(int folder, const char* path, Bounds bounds) {
     open_how how{};
     how.flags = O_PATH | O_CLOEXEC;
-    if (bounds != Bounds::Host)
+    if (bounds != Bounds::Host) {
         how.resolve = RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS;
-    if (bounds == Bounds::RootMount)
+    }
+    if (bounds == Bounds::RootMount) {
         how.resolve |= RESOLVE_NO_XDEV;
+    }
     // A rename elsewhere in the tree makes the kernel give up a bounded lookup with EAGAIN; the next try is
     // independent of it. A container that renames all the time can only keep its own file from being read.
     for (int tries = 0; tries < 8; ++tries) {
         const long number = ::syscall(SYS_openat2, folder, path, &how, sizeof how);
-        if (number >= 0 || errno != EAGAIN)
+        if (number >= 0 || errno != EAGAIN) {
             return OwnedDescriptor(static_cast<int>(number));
+        }
     }
     return {};
 }
@@ -50,16 +53,20 @@ FileText readOpened(int file, std::size_t maxBytes) {
     std::size_t length = 0;
     while (length < text.size()) {
         const ssize_t count = ::read(file, text.data() + length, text.size() - length);
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && errno == EINTR) {
             continue;
-        if (count < 0)
+        }
+        if (count < 0) {
             return problemOf(errno);
-        if (count == 0)
+        }
+        if (count == 0) {
             break;
+        }
         length += static_cast<std::size_t>(count);
     }
-    if (length > maxBytes)
+    if (length > maxBytes) {
         return problemInWords(fmt::format("longer than {} bytes", maxBytes));
+    }
     FileText result;
     text.resize(length);
     result.text = std::move(text);
@@ -80,25 +87,30 @@ FileStamp stampOf(const struct stat& status) {
 
 FileStamp stampAt(int folder, const char* path) {
     struct stat status {};
-    if (::fstatat(folder, path, &status, 0) != 0)
+    if (::fstatat(folder, path, &status, 0) != 0) {
         return {};
+    }
     return stampOf(status);
 }
 
 FileText readFile(int folder, const char* path, Bounds bounds, std::size_t maxBytes) {
     const OwnedDescriptor place = openPlace(folder, path, bounds);
-    if (!place)
+    if (!place) {
         return problemOf(errno);
+    }
     struct stat status {};
-    if (::fstat(place.get(), &status) != 0)
+    if (::fstat(place.get(), &status) != 0) {
         return problemOf(errno);
-    if (!S_ISREG(status.st_mode))
+    }
+    if (!S_ISREG(status.st_mode)) {
         return problemInWords("not a regular file");
+    }
     // Known to be a regular file by now, so this second opening of the same place cannot block or act.
     const std::string again = fmt::format("/proc/self/fd/{}", place.get());
     const OwnedDescriptor file(::open(again.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!file)
+    if (!file) {
         return problemOf(errno);
+    }
     FileText result = readOpened(file.get(), maxBytes);
     result.stamp = stampOf(status);
     return result;
@@ -107,8 +119,9 @@ FileText readFile(int folder, const char* path, Bounds bounds, std::size_t maxBy
 FileStamp stampWithin(int folder, const char* path, Bounds bounds) {
     const OwnedDescriptor place = openPlace(folder, path, bounds);
     struct stat status {};
-    if (!place || ::fstat(place.get(), &status) != 0)
+    if (!place || ::fstat(place.get(), &status) != 0) {
         return {};
+    }
     return stampOf(status);
 }
 

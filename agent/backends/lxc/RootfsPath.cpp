@@ -10,8 +10,9 @@ std::optional<std::string> rootfsFolder(std::string_view value) {
         }
     }
     // Whatever other kind there is, its name stands in front of the first slash.
-    if (value.empty() || value.front() != '/')
+    if (value.empty() || value.front() != '/') {
         return std::nullopt;
+    }
     return std::string(value);
 }
 

@@ -23,8 +23,9 @@ constexpr std::chrono::milliseconds kAgain{10};
 bool isConnectedTo(int socket, std::string_view name) {
     sockaddr_un address{};
     socklen_t length = sizeof address;
-    if (::getpeername(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0 || address.sun_family != AF_UNIX)
+    if (::getpeername(socket, reinterpret_cast<sockaddr*>(&address), &length) != 0 || address.sun_family != AF_UNIX) {
         return false;
+    }
     // liblxc passes the address with its closing zero bytes counted or not, so what follows the name is not compared.
     const std::size_t bytes = length - offsetof(sockaddr_un, sun_path);
     return bytes > name.size() && address.sun_path[0] == '\0' &&
@@ -40,13 +41,15 @@ int shutDownConnectionsTo(const std::string& name) {
     while (const dirent* entry = folder ? ::readdir(folder.get()) : nullptr) {
         int number = -1;
         std::from_chars(entry->d_name, entry->d_name + std::strlen(entry->d_name), number);
-        if (number < 0)
+        if (number < 0) {
             continue;
+        }
         // The number may be closed and used again by its owner at any moment. A copy stays what it is, so it is the
         // copy that is looked at and then shut down.
         const OwnedDescriptor copy(::fcntl(number, F_DUPFD_CLOEXEC, 0));
-        if (copy && isConnectedTo(copy.get(), name) && ::shutdown(copy.get(), SHUT_RDWR) == 0)
+        if (copy && isConnectedTo(copy.get(), name) && ::shutdown(copy.get(), SHUT_RDWR) == 0) {
             ++count;
+        }
     }
     return count;
 }
@@ -90,8 +93,9 @@ void StuckCallBreaker::run() {
         changed_.wait(lock, [this] { return ending_ || inCall_; });
         const std::uint64_t timed = calls_;
         const bool another = changed_.wait_for(lock, limit_, [&] { return ending_ || calls_ != timed; });
-        if (!another && inCall_)
+        if (!another && inCall_) {
             breakWhileStuck(lock);
+        }
     }
 }
 

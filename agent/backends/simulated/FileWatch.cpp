@@ -38,16 +38,18 @@ using Parts = std::list<std::string>;
 void prepend(Parts& parts, const fs::path& path) {
     Parts front;
     for (const auto& part : path.relative_path()) {
-        if (!part.empty() && part != ".")
+        if (!part.empty() && part != ".") {
             front.push_back(part.string());
+        }
     }
     parts.splice(parts.begin(), front);
 }
 
 int openInotify() {
     const int file = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (file < 0)
+    if (file < 0) {
         throw std::runtime_error(fmt::format("cannot watch for changes: {}", std::strerror(errno)));
+    }
     return file;
 }
 
@@ -86,16 +88,18 @@ WatchPlan planWatches(const std::string& path) {
 FileWatch::FileWatch(boost::asio::io_context& io, const std::string& path, std::function<void()> changed)
     : path_(fs::absolute(path)), changed_(std::move(changed)), inotify_(io, openInotify()), timer_(io) {
     problem_ = refreshWatches();
-    if (!problem_.empty())
+    if (!problem_.empty()) {
         throw std::runtime_error(problem_);
+    }
     waitForNotices();
 }
 
 void FileWatch::waitForNotices() {
     inotify_.async_wait(boost::asio::posix::stream_descriptor::wait_read,
                         [this, life = std::weak_ptr<void>(life_)](const boost::system::error_code& error) {
-                            if (error || life.expired())
+                            if (error || life.expired()) {
                                 return;
+                            }
                             takeNotices();
                             waitForNotices();
                         });
@@ -105,10 +109,12 @@ void FileWatch::takeNotices() {
     alignas(inotify_event) char buffer[16 * 1024];
     for (;;) {
         const ssize_t count = ::read(inotify_.native_handle(), buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR)
+        if (count < 0 && errno == EINTR) {
             continue;
-        if (count <= 0)
+        }
+        if (count <= 0) {
             return;
+        }
         const char* const end = buffer + count;
         for (const char* at = buffer; at < end;) {
             const auto* event = reinterpret_cast<const inotify_event*>(at);
@@ -124,29 +130,33 @@ void FileWatch::takeNotice(const inotify_event& event) {
         return;
     }
     const auto watch = namesOfWatch_.find(event.wd);
-    if (watch == namesOfWatch_.end() || event.len == 0 || watch->second.count(event.name) == 0)
+    if (watch == namesOfWatch_.end() || event.len == 0 || watch->second.count(event.name) == 0) {
         return;
+    }
     reportWithin((event.mask & kFinished) != 0 ? kSettleTime : kUnfinishedTime);
 }
 
 /// A report that is due earlier stays; so an endless row of changes cannot put it off for ever.
 void FileWatch::reportWithin(std::chrono::milliseconds delay) {
     const auto due = std::chrono::steady_clock::now() + delay;
-    if (isReportDue_ && timer_.expiry() <= due)
+    if (isReportDue_ && timer_.expiry() <= due) {
         return;
+    }
     isReportDue_ = true;
     timer_.expires_at(due);
     timer_.async_wait([this, life = std::weak_ptr<void>(life_)](const boost::system::error_code& error) {
-        if (!error && !life.expired())
+        if (!error && !life.expired()) {
             report();
+        }
     });
 }
 
 void FileWatch::report() {
     isReportDue_ = false;
     const std::string problem = refreshWatches();
-    if (!problem.empty() && problem != problem_)
+    if (!problem.empty() && problem != problem_) {
         log::warning(problem);
+    }
     problem_ = problem;
     const auto changed = changed_;  // a copy, since it may end this watch
     changed();
@@ -159,8 +169,9 @@ std::string FileWatch::refreshWatches() {
     for (int tries = 0; tries < kMaxPlans; ++tries) {
         problem = apply(plan);
         WatchPlan next = planWatches(path_);
-        if (next == plan)
+        if (next == plan) {
             break;
+        }
         plan = std::move(next);
     }
     return problem;
@@ -171,14 +182,16 @@ std::string FileWatch::apply(const WatchPlan& plan) {
     std::map<int, std::set<std::string>> fresh;
     for (const auto& [folder, names] : plan) {
         const int watch = ::inotify_add_watch(inotify_.native_handle(), folder.c_str(), kNotices);
-        if (watch < 0)
+        if (watch < 0) {
             problem = fmt::format("{}: changes in {} cannot be noticed: {}", path_, folder, std::strerror(errno));
-        else
+        } else {
             fresh[watch].insert(names.begin(), names.end());
+        }
     }
     for (const auto& [watch, names] : namesOfWatch_) {
-        if (fresh.count(watch) == 0)
+        if (fresh.count(watch) == 0) {
             ::inotify_rm_watch(inotify_.native_handle(), watch);
+        }
     }
     namesOfWatch_ = std::move(fresh);
     return problem;

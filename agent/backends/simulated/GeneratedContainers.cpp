@@ -36,8 +36,9 @@ constexpr std::array<System, 5> kSystems{
 
 /// Most containers of a host run. The periods share no factor with the number of roles, so every role has every state.
 State stateOf(std::size_t index) {
-    if (index % 10 == 9)
+    if (index % 10 == 9) {
         return State::Stopped;
+    }
     return index % 53 == 52 ? State::Frozen : State::Running;
 }
 
@@ -48,8 +49,9 @@ Address addressOf(std::size_t index) {
 }
 
 std::vector<Template> templatesOf(const Role& role) {
-    if (role.application.empty())
+    if (role.application.empty()) {
         return {};
+    }
     return {Template{std::string(role.application), std::string(role.version)}};
 }
 

@@ -5,8 +5,9 @@
 namespace kx::agent {
 
 std::string describe(const std::string& path, const InventoryError& error) {
-    if (error.line == 0)
+    if (error.line == 0) {
         return fmt::format("{}: {}", path, error.message);
+    }
     return fmt::format("{}:{}:{}: {}", path, error.line, error.column, error.message);
 }
 

@@ -16,10 +16,12 @@ using Int64 = std::numeric_limits<std::int64_t>;
 /// @return the identifier; nothing when the key is absent
 std::optional<Eid> readEid(const TomlFields& fields, std::string_view key) {
     const auto text = fields.text(key);
-    if (!text)
+    if (!text) {
         return std::nullopt;
-    if (const auto eid = Eid::parse(*text))
+    }
+    if (const auto eid = Eid::parse(*text)) {
         return eid;
+    }
     throw Failure(fields.place(key), fmt::format("{} must be a UUID like 0f8e5c1a-7a44-4c3b-9d1e-000000000101", key));
 }
 
@@ -37,21 +39,25 @@ template <typename Element>
 std::optional<std::vector<Element>> readList(const TomlFields& fields, std::string_view key,
                                              Element (*readElement)(const toml::table&)) {
     const auto tables = fields.tables(key);
-    if (!tables)
+    if (!tables) {
         return std::nullopt;
+    }
     std::vector<Element> result;
     result.reserve(tables->size());
-    for (const auto* table : *tables)
+    for (const auto* table : *tables) {
         result.push_back(readElement(*table));
+    }
     return result;
 }
 
 /// A counter is a number, or a table of two.
 CounterSource readCounter(const toml::node& value, std::string_view name) {
-    if (value.is_integer())
+    if (value.is_integer()) {
         return {asInteger(value, name, Int64::min(), Int64::max()), 0};
-    if (!value.is_table())
+    }
+    if (!value.is_table()) {
         failOfType(value, name, "an integer or a table");
+    }
     const TomlFields fields(*value.as_table(), {"value", "per_second"});
     return {fields.integer("value", Int64::min(), Int64::max()).value_or(0),
             fields.integer("per_second", Int64::min(), Int64::max()).value_or(0)};
@@ -63,8 +69,9 @@ Counters readCounters(const toml::table& classes) {
         auto& ofClass = result[std::string(className.str())];
         for (const auto& [instanceName, counters] : asTable(instances, className.str())) {
             auto& ofInstance = ofClass[std::string(instanceName.str())];
-            for (const auto& [name, value] : asTable(counters, instanceName.str()))
+            for (const auto& [name, value] : asTable(counters, instanceName.str())) {
                 ofInstance[std::string(name.str())] = readCounter(value, name.str());
+            }
         }
     }
     return result;
@@ -79,12 +86,15 @@ std::size_t textBytes(const Environment& environment) {
     constexpr std::size_t elementBytes = 8;
     std::size_t sum = environment.name.size() + environment.type.size() + textBytes(environment.hostname) +
                       textBytes(environment.description);
-    if (environment.osTemplate)
+    if (environment.osTemplate) {
         sum += environment.osTemplate->name.size() + environment.osTemplate->version.size();
-    for (const auto& address : environment.addresses.value_or(std::vector<Address>{}))
+    }
+    for (const auto& address : environment.addresses.value_or(std::vector<Address>{})) {
         sum += address.address.size() + address.mask.size() + elementBytes;
-    for (const auto& application : environment.templates.value_or(std::vector<Template>{}))
+    }
+    for (const auto& application : environment.templates.value_or(std::vector<Template>{})) {
         sum += application.name.size() + application.version.size() + elementBytes;
+    }
     return sum;
 }
 
@@ -116,32 +126,36 @@ DescribedEnvironment readEnvironment(const toml::table& table) {
     const auto* counters = fields.table("counters");
     DescribedEnvironment result{readConfiguration(fields), readEid(fields, "eid"),
                                 counters == nullptr ? Counters{} : readCounters(*counters), place, fields.place("eid")};
-    if (textBytes(result.environment) > kMaxTextBytes)
+    if (textBytes(result.environment) > kMaxTextBytes) {
         throw Failure(place, fmt::format("the environment has more than {} bytes of text", kMaxTextBytes));
+    }
     return result;
 }
 
 Parameter readParameter(const toml::table& table) {
     const TomlFields fields(table, {"id", "value", "counter_type"});
     Parameter parameter{fields.text("id"), fields.text("value"), {}};
-    if (const auto counterType = fields.integer("counter_type", Int64::min(), Int64::max()))
+    if (const auto counterType = fields.integer("counter_type", Int64::min(), Int64::max())) {
         parameter.attributes["counter_type"] = *counterType;
+    }
     return parameter;
 }
 
 Category readCategory(std::string_view name, const toml::node& value) {
     const auto& table = asTable(value, name);
     auto parameters = readList(TomlFields(table, {"parameters"}), "parameters", readParameter);
-    if (!parameters)
+    if (!parameters) {
         throw Failure(placeOf(table.source()), "parameters is missing");
+    }
     return {std::string(name), std::move(*parameters)};
 }
 
 std::size_t textBytes(const Category& category) {
     constexpr std::size_t parameterBytes = 48;  // attributes and lengths on the wire
     std::size_t sum = category.name.size();
-    for (const auto& parameter : category.parameters)
+    for (const auto& parameter : category.parameters) {
         sum += textBytes(parameter.id) + textBytes(parameter.value) + parameterBytes;
+    }
     return sum;
 }
 
@@ -152,28 +166,33 @@ std::vector<Category> readVocabulary(const toml::table& table) {
         categories.push_back(readCategory(name.str(), value));
         bytes += textBytes(categories.back());
     }
-    if (bytes > kMaxTextBytes)
+    if (bytes > kMaxTextBytes) {
         throw Failure(placeOf(table.source()), fmt::format("the vocabulary takes more than {} bytes", kMaxTextBytes));
+    }
     return categories;
 }
 
 void readHost(const toml::table& table, InventoryFile& file) {
     const TomlFields fields(table, {"product_version", "generate"});
     file.productVersion = fields.text("product_version");
-    if (textBytes(file.productVersion) > kMaxTextBytes)
+    if (textBytes(file.productVersion) > kMaxTextBytes) {
         throw Failure(fields.place("product_version"), fmt::format("more than {} bytes", kMaxTextBytes));
+    }
     file.generate = static_cast<std::size_t>(fields.integer("generate", 0, kMaxGenerated).value_or(0));
 }
 
 InventoryFile readFile(const toml::table& root) {
     const TomlFields fields(root, {"host", "vocabulary", "environment"});
     InventoryFile file;
-    if (const auto* host = fields.table("host"))
+    if (const auto* host = fields.table("host")) {
         readHost(*host, file);
-    if (const auto* vocabulary = fields.table("vocabulary"))
+    }
+    if (const auto* vocabulary = fields.table("vocabulary")) {
         file.categories = readVocabulary(*vocabulary);
-    if (auto environments = readList(fields, "environment", readEnvironment))
+    }
+    if (auto environments = readList(fields, "environment", readEnvironment)) {
         file.environments = std::move(*environments);
+    }
     return file;
 }
 
@@ -181,8 +200,9 @@ InventoryFile readFile(const toml::table& root) {
 
 std::variant<InventoryFile, InventoryError> parseInventory(std::string_view text) {
     try {
-        if (auto fault = findUnparsable(text))
+        if (auto fault = findUnparsable(text)) {
             return InventoryError{fault->line, fault->column, std::move(fault->message)};
+        }
         return readFile(toml::parse(text));
     } catch (const toml::parse_error& error) {
         const auto place = placeOf(error.source());

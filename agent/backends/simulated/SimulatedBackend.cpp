@@ -25,12 +25,14 @@ public:
         // Watched before it is read: a change between the two is noticed.
         auto watch = std::make_unique<simulated::FileWatch>(io_, path_, [this] { fileChanged(); });
         auto text = simulated::readInventoryText(path_);
-        if (const auto* error = std::get_if<InventoryError>(&text))
+        if (const auto* error = std::get_if<InventoryError>(&text)) {
             throw std::runtime_error(describe(path_, *error));
+        }
         lastRead_ = std::hash<std::string>()(std::get<std::string>(text));
         auto host = simulated::hostOfText(std::get<std::string>(text), machineId_);
-        if (const auto* error = std::get_if<InventoryError>(&host))
+        if (const auto* error = std::get_if<InventoryError>(&host)) {
             throw std::runtime_error(describe(path_, *error));
+        }
         watch_ = std::move(watch);
         deliver(std::move(std::get<SimulatedHost>(host)));
     }
@@ -49,8 +51,9 @@ private:
         }
         // Reports may be of changes that were undone, or that touched the file only.
         const std::size_t hash = std::hash<std::string>()(std::get<std::string>(text));
-        if (lastRead_ == hash)
+        if (lastRead_ == hash) {
             return;
+        }
         lastRead_ = hash;
         take(simulated::hostOfText(std::get<std::string>(text), machineId_));
     }
@@ -68,8 +71,9 @@ private:
 
     void refuse(const InventoryError& error) {
         std::string line = describe(path_, error);
-        if (line != lastError_)
+        if (line != lastError_) {
             log::error(line + "; the last good one stays published");
+        }
         lastError_ = std::move(line);
     }
 
@@ -92,11 +96,13 @@ private:
 
 std::optional<InventoryError> checkInventory(const std::string& path, const std::string& machineId) {
     auto text = simulated::readInventoryText(path);
-    if (auto* error = std::get_if<InventoryError>(&text))
+    if (auto* error = std::get_if<InventoryError>(&text)) {
         return std::move(*error);
+    }
     auto host = simulated::hostOfText(std::get<std::string>(text), machineId);
-    if (auto* error = std::get_if<InventoryError>(&host))
+    if (auto* error = std::get_if<InventoryError>(&host)) {
         return std::move(*error);
+    }
     return std::nullopt;
 }
 

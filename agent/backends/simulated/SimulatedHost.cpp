@@ -43,8 +43,9 @@ private:
 
     std::optional<InventoryError> take(const Eid& eid, Place place) {
         const auto [other, fresh] = taken_.emplace(eid, place);
-        if (fresh)
+        if (fresh) {
             return std::nullopt;
+        }
         const auto owner =
             other->second.line == 0 ? "this host" : fmt::format("the environment of line {}", other->second.line);
         return InventoryError{place.line, place.column, fmt::format("eid {} is that of {}", eid.toString(), owner)};
@@ -63,10 +64,11 @@ std::vector<Vocabulary> makeVocabularies(const std::optional<std::string>& produ
     for (auto& category : described) {
         const auto standard = std::find_if(basic->categories.begin(), basic->categories.end(),
                                            [&](const Category& each) { return each.name == category.name; });
-        if (standard == basic->categories.end())
+        if (standard == basic->categories.end()) {
             basic->categories.push_back(std::move(category));
-        else
+        } else {
             *standard = std::move(category);
+        }
     }
     return vocabularies;
 }
@@ -75,8 +77,9 @@ std::optional<InventoryError> addGenerated(std::size_t count, const std::string&
                                            std::vector<Environment>& environments) {
     for (std::size_t index = 0; index < count; ++index) {
         environments.push_back(generateContainer(index, machineId));
-        if (const auto place = eids.placeOf(environments.back().eid))
+        if (const auto place = eids.placeOf(environments.back().eid)) {
             return InventoryError{place->line, place->column, "this is the eid of one of the generated containers"};
+        }
     }
     return std::nullopt;
 }
@@ -94,10 +97,12 @@ std::variant<std::string, InventoryError> readAll(int file) {
         text.resize(size + blockBytes);
         const ssize_t count = ::read(file, text.data() + size, blockBytes);
         text.resize(size + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-        if (count == 0)
+        if (count == 0) {
             return text;
-        if (count < 0 && errno != EINTR)
+        }
+        if (count < 0 && errno != EINTR) {
             return systemError();
+        }
     }
     return InventoryError{0, 0, fmt::format("is longer than {} bytes", kMaxFileBytes)};
 }
@@ -109,14 +114,17 @@ std::variant<SimulatedHost, InventoryError> makeHost(InventoryFile file, const s
     EidRegister eids(machineId);
     host.image.environments.reserve(file.environments.size() + file.generate);
     for (auto& described : file.environments) {
-        if (auto error = eids.assign(described))
+        if (auto error = eids.assign(described)) {
             return std::move(*error);
-        if (!described.counters.empty())
+        }
+        if (!described.counters.empty()) {
             host.counters.emplace(described.environment.eid, std::move(described.counters));
+        }
         host.image.environments.push_back(std::move(described.environment));
     }
-    if (auto error = addGenerated(file.generate, machineId, eids, host.image.environments))
+    if (auto error = addGenerated(file.generate, machineId, eids, host.image.environments)) {
         return std::move(*error);
+    }
     host.image.vocabularies = makeVocabularies(file.productVersion, std::move(file.categories));
     return host;
 }
@@ -125,19 +133,23 @@ std::variant<std::string, InventoryError> readInventoryText(const std::string& p
     // Not blocking: opening a pipe must not wait for its writer.
     const OwnedDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0)
+    if (!file || ::fstat(file.get(), &status) != 0) {
         return systemError();
-    if (!S_ISREG(status.st_mode))
+    }
+    if (!S_ISREG(status.st_mode)) {
         return InventoryError{0, 0, "is not a regular file"};
-    if (static_cast<std::size_t>(status.st_size) > kMaxFileBytes)
+    }
+    if (static_cast<std::size_t>(status.st_size) > kMaxFileBytes) {
         return InventoryError{0, 0, fmt::format("is longer than {} bytes", kMaxFileBytes)};
+    }
     return readAll(file.get());
 }
 
 std::variant<SimulatedHost, InventoryError> hostOfText(const std::string& text, const std::string& machineId) {
     auto parsed = parseInventory(text);
-    if (auto* error = std::get_if<InventoryError>(&parsed))
+    if (auto* error = std::get_if<InventoryError>(&parsed)) {
         return std::move(*error);
+    }
     return makeHost(std::move(std::get<InventoryFile>(parsed)), machineId);
 }
 

@@ -46,15 +46,17 @@ void failOfType(const toml::node& value, std::string_view key, std::string_view 
 }
 
 const toml::table& asTable(const toml::node& value, std::string_view key) {
-    if (const auto* result = value.as_table())
+    if (const auto* result = value.as_table()) {
         return *result;
+    }
     failOfType(value, key, "a table");
 }
 
 std::int64_t asInteger(const toml::node& value, std::string_view key, std::int64_t smallest, std::int64_t largest) {
     const auto* number = value.as_integer();
-    if (number == nullptr)
+    if (number == nullptr) {
         failOfType(value, key, "an integer");
+    }
     if (number->get() < smallest || number->get() > largest) {
         throw Failure(placeOf(value.source()),
                       fmt::format("{} must be {} to {}", wire::printable(key), smallest, largest));
@@ -66,10 +68,12 @@ TomlFields::TomlFields(const toml::table& table, const std::vector<std::string_v
     // The table is sorted by key; the operator looks for the first slip in the file.
     const toml::key* firstUnknown = nullptr;
     for (const auto& [key, value] : table) {
-        if (std::find(known.begin(), known.end(), key.str()) != known.end())
+        if (std::find(known.begin(), known.end(), key.str()) != known.end()) {
             continue;
-        if (firstUnknown == nullptr || before(placeOf(key.source()), placeOf(firstUnknown->source())))
+        }
+        if (firstUnknown == nullptr || before(placeOf(key.source()), placeOf(firstUnknown->source()))) {
             firstUnknown = &key;
+        }
     }
     if (firstUnknown != nullptr) {
         throw Failure(placeOf(firstUnknown->source()),
@@ -79,16 +83,19 @@ TomlFields::TomlFields(const toml::table& table, const std::vector<std::string_v
 
 std::optional<std::string> TomlFields::text(std::string_view key) const {
     const toml::node* value = table_.get(key);
-    if (value == nullptr)
+    if (value == nullptr) {
         return std::nullopt;
-    if (const auto* text = value->as_string())
+    }
+    if (const auto* text = value->as_string()) {
         return text->get();
+    }
     failOfType(*value, key, "a string");
 }
 
 std::string TomlFields::neededText(std::string_view key) const {
-    if (auto value = text(key))
+    if (auto value = text(key)) {
         return std::move(*value);
+    }
     throw Failure(placeOf(table_.source()), fmt::format("{} is missing", key));
 }
 
@@ -111,14 +118,17 @@ const toml::table* TomlFields::table(std::string_view key) const {
 
 std::optional<std::vector<const toml::table*>> TomlFields::tables(std::string_view key) const {
     const toml::node* value = table_.get(key);
-    if (value == nullptr)
+    if (value == nullptr) {
         return std::nullopt;
+    }
     const auto* array = value->as_array();
-    if (array == nullptr)
+    if (array == nullptr) {
         failOfType(*value, key, "an array of tables");
+    }
     std::vector<const toml::table*> result;
-    for (const auto& element : *array)
+    for (const auto& element : *array) {
         result.push_back(&asTable(element, fmt::format("an element of {}", key)));
+    }
     return result;
 }
 

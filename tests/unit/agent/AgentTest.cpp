@@ -22,8 +22,9 @@ template <typename Condition>
 bool eventually(Condition condition) {
     const auto deadline = std::chrono::steady_clock::now() + test::kPatience;
     while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
+        if (std::chrono::steady_clock::now() > deadline) {
             return false;
+        }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
@@ -37,11 +38,13 @@ std::optional<std::vector<std::string>> containersShownBy(const std::string& soc
         peer.askForSnapshot();
         const auto hello = peer.receive();
         const auto frame = peer.receive();
-        if (!hello || !frame || !frame->has_snapshot_chunk())
+        if (!hello || !frame || !frame->has_snapshot_chunk()) {
             return std::nullopt;
+        }
         std::vector<std::string> names;
-        for (const wire::Environment& environment : frame->snapshot_chunk().environments())
+        for (const wire::Environment& environment : frame->snapshot_chunk().environments()) {
             names.push_back(environment.configuration().name());
+        }
         names.erase(names.begin());
         return names;
     } catch (const std::runtime_error&) {  // nobody listens
@@ -72,16 +75,18 @@ protected:
 
     void writeInventory(const std::string& name, const std::vector<std::string>& environments) {
         std::string text;
-        for (const std::string& environment : environments)
+        for (const std::string& environment : environments) {
             text += "[[environment]]\nname = '" + environment + "'\n";
+        }
         ASSERT_EQ(replaceFile(folder_ / name, text), "");
     }
 
     /// Starts the agent in a child process; its log goes to a file.
     void start() {
         child_ = ::fork();
-        if (child_ != 0)
+        if (child_ != 0) {
             return;
+        }
         const int log = ::open(log_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
         ::dup2(log, STDERR_FILENO);
         int status = 0;

@@ -29,8 +29,11 @@ inline Environment container(const std::string& name) {
 /// @return the message; an empty one when the body is not one
 inline wire::Frame decode(const FrameBody& body) {
     wire::Frame frame;
-    if (!body || !wire::decodeFrame(*body, frame))
-        frame.Clear();
+    if (!body || !wire::decodeFrame(*body, frame)) {
+        {
+            { frame.Clear(); }
+        }
+    }
     return frame;
 }
 

@@ -76,8 +76,9 @@ TEST(Config, AWrongValueIsNamedWithItsPlace) {
 }
 
 TEST(Config, APeriodScaleOutsideItsRangeIsRefused) {
-    for (const std::string value : {"0", "0.0", "-1", "1000.5", "inf", "nan"})
+    for (const std::string value : {"0", "0.0", "-1", "1000.5", "inf", "nan"}) {
         EXPECT_THAT(errorOf("[monitoring]\nperiod_scale = " + value), HasSubstr("above 0 and at most 1000")) << value;
+    }
 }
 
 TEST(Config, TextThatIsNotTomlIsNamedWithItsPlace) {

@@ -49,8 +49,9 @@ TEST(Eid, OtherTextsAreRefused) {
           "0f8e5c1a-7a44-4c3b-9d1e-00000000000g", "0f8e5c1a+7a44-4c3b-9d1e-000000000000",
           "{f8e5c1a-7a44-4c3b-9d1e-00000000000}", "0f8e5c1a7-a44-4c3b-9d1e-000000000000",
           "+f8e5c1a-7a44-4c3b-9d1e-000000000000", "-18e5c1a-7a44-4c3b-9d1e-000000000000",
-          "0x8e5c1a-7a44-4c3b-9d1e-000000000000", " f8e5c1a-7a44-4c3b-9d1e-000000000000"})
+          "0x8e5c1a-7a44-4c3b-9d1e-000000000000", " f8e5c1a-7a44-4c3b-9d1e-000000000000"}) {
         EXPECT_FALSE(Eid::parse(text)) << text;
+    }
 }
 
 }  // namespace

@@ -20,22 +20,25 @@ using testing::IsEmpty;
 
 std::vector<std::string> namesIn(const Inventory& inventory) {
     std::vector<std::string> names;
-    for (const Environment& environment : inventory.environments())
+    for (const Environment& environment : inventory.environments()) {
         names.push_back(environment.name);
+    }
     return names;
 }
 
 std::vector<wire::SnapshotChunk> chunksOf(Inventory& inventory) {
     std::vector<wire::SnapshotChunk> chunks;
-    for (const FrameBody& body : inventory.snapshot())
+    for (const FrameBody& body : inventory.snapshot()) {
         chunks.push_back(test::decode(body).snapshot_chunk());
+    }
     return chunks;
 }
 
 std::vector<std::string> changedNames(const wire::Delta& delta) {
     std::vector<std::string> names;
-    for (const auto& environment : delta.changed())
+    for (const auto& environment : delta.changed()) {
         names.push_back(environment.configuration().name());
+    }
     return names;
 }
 
@@ -143,8 +146,9 @@ TEST(Inventory, OfSeveralWithOneIdentifierTheFirstCountsAndItIsLoggedOnce) {
 TEST(Inventory, SnapshotsAreCutIntoChunksOfAThousand) {
     Inventory inventory(hostOf());
     std::vector<Environment> containers;
-    for (int i = 0; i < 2500; ++i)
+    for (int i = 0; i < 2500; ++i) {
         containers.push_back(container("c" + std::to_string(i)));
+    }
     inventory.apply(containers);
     const auto chunks = chunksOf(inventory);
     ASSERT_EQ(chunks.size(), 3U);
@@ -162,8 +166,9 @@ TEST(Inventory, SnapshotsAreCutIntoChunksOfAThousand) {
 TEST(Inventory, ExactlyAThousandAreOneChunk) {
     Inventory inventory(hostOf());
     std::vector<Environment> containers;
-    for (int i = 0; i < 999; ++i)
+    for (int i = 0; i < 999; ++i) {
         containers.push_back(container(std::to_string(i)));
+    }
     inventory.apply(containers);
     EXPECT_EQ(inventory.snapshot().size(), 1U);
 }
@@ -192,8 +197,9 @@ TEST(Inventory, LargeTextsAreSpreadOverFramesThatStayBelowTheLimit) {
         EXPECT_LT(body->size(), wire::kMaxFrameBytes);
         const wire::Delta delta = test::decode(body).delta();
         EXPECT_EQ(delta.generation(), ++generation);
-        for (const auto& environment : delta.changed())
+        for (const auto& environment : delta.changed()) {
             names.push_back(environment.configuration().name());
+        }
     }
     EXPECT_EQ(inventory.generation(), generation);
     EXPECT_EQ(names.size(), 30U);
@@ -242,8 +248,9 @@ TEST(Inventory, TextsAndListsArriveByteForByte) {
 
 TEST(Inventory, TakesTenThousandContainersQuickly) {
     std::vector<Environment> containers;
-    for (int i = 0; i < 10000; ++i)
+    for (int i = 0; i < 10000; ++i) {
         containers.push_back(container("container " + std::to_string(i)));
+    }
     Inventory inventory(hostOf());
     inventory.apply(containers);
     containers[5000].state = 7;

@@ -14,8 +14,9 @@ namespace {
 /// What a child process whose standard error is a pipe logs. `journal` : whether the pipe is said to be the journal.
 std::string loggedByChild(bool journal) {
     int ends[2];
-    if (::pipe(ends) != 0)
+    if (::pipe(ends) != 0) {
         return "no pipe";
+    }
     const pid_t child = ::fork();
     if (child == 0) {
         struct stat info {};
@@ -31,8 +32,9 @@ std::string loggedByChild(bool journal) {
     ::close(ends[1]);
     std::string text;
     char buffer[1000];
-    for (ssize_t size = 0; (size = ::read(ends[0], buffer, sizeof buffer)) > 0;)
+    for (ssize_t size = 0; (size = ::read(ends[0], buffer, sizeof buffer)) > 0;) {
         text.append(buffer, static_cast<std::size_t>(size));
+    }
     ::close(ends[0]);
     ::waitpid(child, nullptr, 0);
     return text;

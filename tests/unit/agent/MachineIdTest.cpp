@@ -39,8 +39,9 @@ TEST(MachineId, anEmptyOrMalformedSystemFileCountsAsNone) {
     const TemporaryFolder folder;
     const std::string made = machineId(folder / "none", folder / "state");
     for (const char* content : {"", "\n", "uninitialized\n", "0123456789abcdef", "00000000000000000000000000000000\n",
-                                "0123456789ABCDEF0123456789ABCDEF\n"})
+                                "0123456789ABCDEF0123456789ABCDEF\n"}) {
         EXPECT_EQ(machineId(folder.write("machine-id", content), folder / "state"), made) << content;
+    }
 }
 
 TEST(MachineId, aDamagedKeptOneIsAnErrorAndIsNotReplaced) {

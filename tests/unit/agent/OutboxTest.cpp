@@ -60,8 +60,9 @@ TEST(Outbox, HeadAndBodyJoinedAreFrames) {
     wire::FrameReader reader;
     reader.append(drain(outbox, 100000, 64));
     std::vector<wire::Frame> frames;
-    for (auto next = reader.next(); next.status == wire::FrameReader::Status::Frame; next = reader.next())
+    for (auto next = reader.next(); next.status == wire::FrameReader::Status::Frame; next = reader.next()) {
         ASSERT_TRUE(wire::decodeFrame(next.payload, frames.emplace_back()));
+    }
     ASSERT_EQ(frames.size(), 3U);
     EXPECT_EQ(reader.buffered(), 0U);
     EXPECT_EQ(frames[0].request_id(), 0U);

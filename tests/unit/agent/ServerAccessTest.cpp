@@ -17,8 +17,9 @@ class ServerAccess : public test::ServerFixture {};
 /// @return what it got: 'r' for a refusal as one who has no right
 char connectAsNobody(const std::string& path) {
     int ends[2];
-    if (::pipe(ends) != 0)
+    if (::pipe(ends) != 0) {
         return 'p';
+    }
     const pid_t child = ::fork();
     if (child == 0) {
         char got = 'x';
@@ -32,16 +33,18 @@ char connectAsNobody(const std::string& path) {
     }
     ::close(ends[1]);
     char got = '-';
-    if (::read(ends[0], &got, 1) != 1)
+    if (::read(ends[0], &got, 1) != 1) {
         got = 'e';
+    }
     ::close(ends[0]);
     ::waitpid(child, nullptr, 0);
     return got;
 }
 
 TEST_F(ServerAccess, aPeerWithoutTheRightIsRefusedEvenWhereTheFileLetsItIn) {
-    if (::geteuid() != 0)
+    if (::geteuid() != 0) {
         GTEST_SKIP() << "needs root to become somebody else";
+    }
     serve();
     ASSERT_EQ(::chmod(folder_.path().c_str(), 0755), 0);
     ASSERT_EQ(::chmod(settings_.socketPath.c_str(), 0666), 0);
@@ -59,8 +62,9 @@ TEST_F(ServerAccess, aPeerThatNeverStopsSendingIsClosedAllTheSame) {
     peer.sendBytes(std::string(4, '\0'));
     const std::string more(1000, 'x');
     const auto deadline = std::chrono::steady_clock::now() + test::kPatience;
-    while (::send(peer.descriptor(), more.data(), more.size(), MSG_NOSIGNAL) > 0)
+    while (::send(peer.descriptor(), more.data(), more.size(), MSG_NOSIGNAL) > 0) {
         ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "still connected";
+    }
     expectOneLine({"Hello"});
 }
 
@@ -88,8 +92,9 @@ TEST_F(ServerAccess, aFrameOfExactlyTheLimitIsTaken) {
     // The rest is one field that nobody knows: its tag, its length in four bytes, and that many bytes.
     const std::size_t rest = wire::kMaxFrameBytes - payload.size() - 2 - 4;
     payload += "\xfa\x07";
-    for (std::size_t i = 0; i < 4; ++i)
+    for (std::size_t i = 0; i < 4; ++i) {
         payload += static_cast<char>(((rest >> (7 * i)) & 0x7fU) | (i < 3 ? 0x80U : 0U));
+    }
     payload.append(rest, 'x');
     peer.sendBytes(std::string("\x01\0\0\0", 4) + payload);
     const auto answer = peer.receive();

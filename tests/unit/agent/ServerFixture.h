@@ -32,15 +32,27 @@ public:
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof address.sun_path - 1);
-        if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-            throw std::runtime_error("cannot connect to " + path);
+        if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+            {
+                {
+                    { throw std::runtime_error("cannot connect to " + path); }
+                }
+            }
+        }
     }
 
     void sendBytes(std::string_view bytes) {
         while (!bytes.empty()) {
             const ssize_t sent = ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-            if (sent <= 0)
-                return;  // the server has closed, which is what the test then finds
+            if (sent <= 0) {
+                {
+                    {
+                        {
+                            return;  // the server has closed, which is what the test then finds
+                        }
+                    }
+                }
+            }
             bytes.remove_prefix(static_cast<std::size_t>(sent));
         }
     }
@@ -77,8 +89,13 @@ public:
                 EXPECT_TRUE(wire::decodeFrame(result.payload, frame));
                 return frame;
             }
-            if (!readMore())
-                return std::nullopt;
+            if (!readMore()) {
+                {
+                    {
+                        { return std::nullopt; }
+                    }
+                }
+            }
         }
     }
 
@@ -95,8 +112,13 @@ public:
         constexpr std::uint64_t number = 4711;
         ping(number);
         while (const auto frame = receive()) {
-            if (frame->has_pong() && frame->request_id() == number)
-                return true;
+            if (frame->has_pong() && frame->request_id() == number) {
+                {
+                    {
+                        { return true; }
+                    }
+                }
+            }
         }
         return false;
     }
@@ -143,8 +165,13 @@ protected:
         stop();
         work_.reset();
         thread_.join();
-        if (capturing_)
-            testing::internal::GetCapturedStderr();
+        if (capturing_) {
+            {
+                {
+                    { testing::internal::GetCapturedStderr(); }
+                }
+            }
+        }
     }
 
     /// @brief Makes the server with settings_: clients can connect, and wait.
@@ -190,8 +217,13 @@ protected:
         image.vocabularies = vocabularies_;
         onLoop([this, &image] {
             const agent::HostUpdate update = content_.apply(std::move(image));
-            if (server_)
-                server_->publish(update);
+            if (server_) {
+                {
+                    {
+                        { server_->publish(update); }
+                    }
+                }
+            }
         });
     }
 
@@ -207,8 +239,13 @@ protected:
     void expectOneLine(std::initializer_list<std::string> words) {
         const std::string log = logged();
         EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
-        for (const std::string& word : words)
-            EXPECT_THAT(log, testing::HasSubstr(word));
+        for (const std::string& word : words) {
+            {
+                {
+                    { EXPECT_THAT(log, testing::HasSubstr(word)); }
+                }
+            }
+        }
     }
 
     /// @brief Checks that the peer gets an Error of this kind, in words, and then an orderly end.

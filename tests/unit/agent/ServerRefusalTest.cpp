@@ -15,8 +15,9 @@ protected:
     /// A length in front of a frame, as it goes onto the wire.
     static std::string header(std::uint32_t length) {
         std::string bytes;
-        for (int shift = 24; shift >= 0; shift -= 8)
+        for (int shift = 24; shift >= 0; shift -= 8) {
             bytes += static_cast<char>(length >> shift);
+        }
         return bytes;
     }
 };
@@ -130,8 +131,9 @@ TEST_F(ServerRefusal, aPeerThatDoesNotHangUpAfterItsRefusalIsClosed) {
 
 TEST_F(ServerRefusal, aPeerWithoutTheRightIsRefused) {
     settings_.access.ownUid = 4242;
-    if (::getuid() == 0)
+    if (::getuid() == 0) {
         GTEST_SKIP() << "root is always admitted";
+    }
     serve();
     Peer peer = connect();
     expectRefusal(peer, wire::ERROR_NOT_ALLOWED);
@@ -182,8 +184,9 @@ TEST_F(ServerRefusal, refusedPeersThatLingerTakeNoPlaceAndAreBounded) {
         });
     };
     const auto deadline = std::chrono::steady_clock::now() + test::kPatience;
-    while (held() > 4 && std::chrono::steady_clock::now() < deadline)
+    while (held() > 4 && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     EXPECT_EQ(held(), 4);
     EXPECT_TRUE(first.isServed());
 }
@@ -196,8 +199,9 @@ TEST_F(ServerRefusal, aPeerThatDoesNotReadIsDroppedAndTheOthersAreServedOn) {
     other.shakeHands();
     Peer deaf = connect();
     deaf.shakeHands();
-    for (int i = 0; i < 20; ++i)
+    for (int i = 0; i < 20; ++i) {
         deaf.askForSnapshot();
+    }
     pollfd closed{deaf.descriptor(), 0, 0};
     EXPECT_EQ(::poll(&closed, 1, 20000), 1) << "still connected";
     EXPECT_TRUE(other.isServed());
@@ -212,8 +216,9 @@ TEST_F(ServerRefusal, aPeerThatReadsNoSmallAnswersIsDroppedTooBeforeTheyTakeTheM
     wire::Frame ping;
     ping.mutable_ping();
     std::string pings;
-    for (int i = 0; i < 100; ++i)
+    for (int i = 0; i < 100; ++i) {
         pings += wire::encodeFrame(ping).value();
+    }
     pollfd closed{deaf.descriptor(), 0, 0};
     int sent = 0;
     while (::poll(&closed, 1, 0) == 0 && sent < 100000) {
@@ -264,8 +269,9 @@ TEST_F(ServerRefusal, aLackOfDescriptorsIsLoggedOnceAndGotOver) {
         // Long enough for many tries to accept.
         const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
         bool served = true;
-        while (served && std::chrono::steady_clock::now() < end)
+        while (served && std::chrono::steady_clock::now() < end) {
             served = first.isServed();
+        }
         ::setrlimit(RLIMIT_NOFILE, &former);
         EXPECT_EQ(connected, 0);
         EXPECT_TRUE(served);

@@ -11,8 +11,9 @@ class ServerService : public test::ServerFixture {
 protected:
     static std::vector<std::string> namesIn(const wire::SnapshotChunk& chunk) {
         std::vector<std::string> names;
-        for (const wire::Environment& one : chunk.environments())
+        for (const wire::Environment& one : chunk.environments()) {
             names.push_back(one.configuration().name());
+        }
         return names;
     }
 };
@@ -56,8 +57,9 @@ TEST_F(ServerService, bytesThatComeOneByOneAreServed) {
     wire::Frame hello;
     *hello.mutable_hello() = wire::makeHello("slow");
     const std::string bytes = wire::encodeFrame(hello).value();
-    for (const char& byte : bytes)
+    for (const char& byte : bytes) {
         peer.sendBytes({&byte, 1});
+    }
     EXPECT_TRUE(peer.isServed());
 }
 
@@ -84,8 +86,9 @@ TEST_F(ServerService, framesThatComeTogetherAreAllAnsweredInOrder) {
 
 TEST_F(ServerService, aSnapshotCarriesTheNumberOfItsRequestInEveryChunk) {
     std::vector<std::string> names;
-    for (int i = 0; i < 1500; ++i)
+    for (int i = 0; i < 1500; ++i) {
         names.push_back("ct" + std::to_string(i));
+    }
     publish(names);
     serve();
     Peer peer = connect();
@@ -175,8 +178,9 @@ TEST_F(ServerService, whatItDoesNotKnowItSkips) {
 
 TEST_F(ServerService, aSlowReaderGetsALargeSnapshotWhole) {
     std::vector<std::string> names;
-    for (int i = 0; i < 2000; ++i)
+    for (int i = 0; i < 2000; ++i) {
         names.push_back("ct" + std::to_string(i));
+    }
     publish(names, 4000);
     serve();
     Peer peer = connect();
@@ -189,8 +193,9 @@ TEST_F(ServerService, aSlowReaderGetsALargeSnapshotWhole) {
         const auto frame = peer.receive();
         ASSERT_TRUE(frame && frame->has_snapshot_chunk());
         got += frame->snapshot_chunk().environments_size();
-        if (frame->snapshot_chunk().last())
+        if (frame->snapshot_chunk().last()) {
             break;
+        }
     }
     EXPECT_EQ(got, 2001);
 }

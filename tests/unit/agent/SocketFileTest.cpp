@@ -55,8 +55,9 @@ TEST(SocketFile, folderAndSocketHaveTheirModesWhateverTheUmask) {
 }
 
 TEST(SocketFile, theGroupGetsTheFile) {
-    if (::geteuid() != 0)
+    if (::geteuid() != 0) {
         GTEST_SKIP() << "only root can give files away";
+    }
     const TemporaryFolder folder;
     const SocketFile file(folder / "agent.sock", gid_t{4711});
     EXPECT_EQ(infoOf(folder / "agent.sock").st_gid, 4711U);

@@ -17,8 +17,23 @@ namespace kx::test {
 class TemporaryFolder {
 public:
     TemporaryFolder() : path_(std::filesystem::temp_directory_path() / "kxtest-XXXXXX") {
-        if (::mkdtemp(path_.data()) == nullptr)
-            throw std::runtime_error("no temporary folder");
+        if (::mkdtemp(path_.data()) == nullptr) {
+            {
+                {
+                    {
+                        {
+                            {
+                                {
+                                    {
+                                        { throw std::runtime_error("no temporary folder"); }
+                                    }
+                                }
+                            }
+                        }
+                    }
+                }
+            }
+        }
     }
     ~TemporaryFolder() { std::filesystem::remove_all(path_); }
     TemporaryFolder(const TemporaryFolder&) = delete;

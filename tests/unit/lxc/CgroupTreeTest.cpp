@@ -31,8 +31,9 @@ TEST(CgroupTreeTest, findsTheHierarchiesOfAHybridHost) {
 }
 
 TEST(CgroupTreeTest, findsNoneInAFileThatMakesNoSense) {
-    for (const char* text : {"", "\n\n", "31 23 0:28 / /x rw", "a b c d e f -", "1 2 3 / /x rw - cgroup"})
+    for (const char* text : {"", "\n\n", "31 23 0:28 / /x rw", "a b c d e f -", "1 2 3 / /x rw - cgroup"}) {
         EXPECT_THAT(cgroupMountsIn(text), IsEmpty()) << text;
+    }
 }
 
 TEST(CgroupTreeTest, looksUpAProcessByItsController) {

@@ -101,8 +101,9 @@ TEST(StuckCallBreakerTest, endsCallsThatGetNoAnswerEvenWhenTheyConnectAgain) {
         ssize_t received = -1;
         EXPECT_FALSE(breaker.guard(ownName("stuck"), [&] {
             char byte = 0;
-            for (int question = 0; question < 2; ++question)
+            for (int question = 0; question < 2; ++question) {
                 received = ::read(connectTo(ownName("stuck")).get(), &byte, 1);
+            }
         }));
         EXPECT_EQ(received, 0);
     }

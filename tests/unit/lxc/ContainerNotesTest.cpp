@@ -16,8 +16,9 @@ constexpr const char* kUuid = "0f8e5c1a-7a44-4c3b-9d1e-0000000000aa";
 
 ContainerNotes good(std::string_view text) {
     auto parsed = parseContainerNotes(text);
-    if (const auto* error = std::get_if<NotesError>(&parsed))
+    if (const auto* error = std::get_if<NotesError>(&parsed)) {
         ADD_FAILURE() << error->line << ":" << error->column << ": " << error->message;
+    }
     return std::holds_alternative<ContainerNotes>(parsed) ? std::get<ContainerNotes>(parsed) : ContainerNotes{};
 }
 
@@ -48,8 +49,9 @@ TEST(ContainerNotesTest, anAbsentListIsNotAnEmptyOne) {
 // The parser makes a table in a table for each part and takes them down recursively: unguarded, the stack overflows.
 TEST(ContainerNotesTest, refusesAKeyOfAMillionParts) {
     std::string text = "a";
-    for (int i = 0; i < 1'000'000; ++i)
+    for (int i = 0; i < 1'000'000; ++i) {
         text += ".a";
+    }
     expectError(text + " = 1\n", 1, 32, "parts");
 }
 

@@ -129,8 +129,9 @@ TEST_F(LabChangesTest, nothingIsDeliveredAfterTheStop) {
     host_.act({"start", "web"}, [&] { return host_.is("web", State::Running); });
     // The change is made while nobody delivers, so its image may be on its way when the backend is stopped.
     Command stop(lab({"stop", "web"}));
-    while (!stop.ended())
+    while (!stop.ended()) {
         ::usleep(1000);
+    }
     host_.stop();
     const std::size_t before = host_.images();
     EXPECT_FALSE(host_.waitUntil([&] { return host_.images() != before; }, std::chrono::milliseconds(100)));

@@ -17,8 +17,9 @@ namespace {
 pid_t parentOf(pid_t pid) {
     std::ifstream status(fmt::format("/proc/{}/status", pid));
     for (std::string word; status >> word;) {
-        if (word == "PPid:" && status >> pid)
+        if (word == "PPid:" && status >> pid) {
             return pid;
+        }
     }
     return -1;
 }
@@ -177,8 +178,9 @@ TEST_F(LabHazardsTest, theOsOfARootThatIsNoFolderIsReadWhileItRuns) {
     EXPECT_EQ(host_.find("web")->osTemplate, std::nullopt);
     Command start(lab({"start", "web"}));
     host_.waitUntil([&] { return start.ended(); }, kNoticed * 10);
-    if (start.status() != 0)
+    if (start.status() != 0) {
         GTEST_SKIP() << "no overlay file system on this one";
+    }
     ASSERT_TRUE(host_.waitUntil([&] { return host_.is("web", State::Running); }));
     EXPECT_EQ(host_.find("web")->osTemplate, (Template{"busyboxlab", "1.35"}));
 }

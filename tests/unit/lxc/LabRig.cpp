@@ -28,8 +28,9 @@ std::string outputOf(const std::string& command, int& status) {
     const std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), [](FILE*) { return 0; });
     std::string output;
     char buffer[256];
-    while (pipe && ::fgets(buffer, sizeof buffer, pipe.get()) != nullptr)
+    while (pipe && ::fgets(buffer, sizeof buffer, pipe.get()) != nullptr) {
         output += buffer;
+    }
     status = ::pclose(pipe.get());
     return output;
 }
@@ -40,8 +41,9 @@ public:
     void SetUp() override {
         int status = 0;
         const std::string reason = outputOf(std::string(KX_LXCLAB) + " check", status);
-        if (status != 0)
+        if (status != 0) {
             GTEST_SKIP() << "no LXC lab here: " << reason;
+        }
         hold();
         ASSERT_GT(labPid_, 0) << "the lab did not come up";
         enter("mnt");
@@ -50,8 +52,9 @@ public:
 
     void TearDown() override {
         input_.reset();
-        if (pid_ > 0)
+        if (pid_ > 0) {
             ::waitpid(pid_, nullptr, 0);
+        }
     }
 
 private:
@@ -73,8 +76,9 @@ private:
         ::close(output[1]);
         input_ = OwnedDescriptor(input[1]);
         const std::unique_ptr<FILE, int (*)(FILE*)> ready(::fdopen(output[0], "r"), ::fclose);
-        if (::fscanf(ready.get(), "ready %d", &labPid_) != 1)
+        if (::fscanf(ready.get(), "ready %d", &labPid_) != 1) {
             labPid_ = -1;
+        }
     }
 
     void enter(const char* kind) const {
@@ -94,11 +98,13 @@ const auto* const lab_environment = ::testing::AddGlobalTestEnvironment(std::mak
 Command::Command(const std::vector<std::string>& words) {
     std::vector<std::string> copies = words;
     std::vector<char*> arguments;
-    for (std::string& word : copies)
+    for (std::string& word : copies) {
         arguments.push_back(word.data());
+    }
     arguments.push_back(nullptr);
-    if (::posix_spawnp(&pid_, arguments[0], nullptr, nullptr, arguments.data(), environ) != 0)
+    if (::posix_spawnp(&pid_, arguments[0], nullptr, nullptr, arguments.data(), environ) != 0) {
         throw std::runtime_error("cannot run " + words[0]);
+    }
 }
 
 Command::~Command() {
@@ -109,8 +115,9 @@ Command::~Command() {
 }
 
 bool Command::ended() {
-    if (pid_ > 0 && ::waitpid(pid_, &status_, WNOHANG) == pid_)
+    if (pid_ > 0 && ::waitpid(pid_, &status_, WNOHANG) == pid_) {
         pid_ = -1;
+    }
     return pid_ <= 0;
 }
 
@@ -137,8 +144,9 @@ void LabHost::hostChanged(HostImage image) {
 bool LabHost::waitUntil(const std::function<bool()>& condition, milliseconds limit) {
     const auto deadline = Clock::now() + limit;
     while (!condition()) {
-        if (Clock::now() >= deadline)
+        if (Clock::now() >= deadline) {
             return false;
+        }
         io_.run_one_for(milliseconds(2));
     }
     return true;
@@ -154,8 +162,9 @@ void LabHost::act(const std::vector<std::string>& words, const std::function<boo
     Command command(lab(words));
     Clock::time_point seenAt{};
     const auto look = [&] {
-        if (seenAt == Clock::time_point{} && seen())
+        if (seenAt == Clock::time_point{} && seen()) {
             seenAt = Clock::now();
+        }
         return seenAt != Clock::time_point{};
     };
     const bool ended = waitUntil([&] { return look(), command.ended(); }, kCommandLimit);
@@ -198,10 +207,11 @@ pid_t initOf(const std::string& name) {
 void tellFreezer(pid_t init, bool freeze) {
     const auto files = CgroupTree::read().freezerOf(init);
     ASSERT_TRUE(files);
-    if (files->state.empty())
+    if (files->state.empty()) {
         writeFile(files->freeze, freeze ? "1" : "0");
-    else
+    } else {
         writeFile(files->state, freeze ? "FROZEN" : "THAWED");
+    }
 }
 
 void LabTest::SetUp() {
@@ -217,14 +227,16 @@ void LabTest::TearDown() {
             EXPECT_TRUE(host_.run({"lxc-stop", "-k", "-n", name}));
         }
     }
-    for (const auto& entry : std::filesystem::directory_iterator(kLabPath))
+    for (const auto& entry : std::filesystem::directory_iterator(kLabPath)) {
         std::filesystem::remove_all(entry.path());
+    }
 }
 
 void LabTest::make(const std::string& name, const std::string& hostname) {
     std::vector<std::string> words{"create", name};
-    if (!hostname.empty())
+    if (!hostname.empty()) {
         words.push_back(hostname);
+    }
     ASSERT_TRUE(host_.run(lab(words)));
 }
 

@@ -17,15 +17,18 @@ TEST(LxcStateTest, everyStateOfLxcHasItsPlace) {
 }
 
 TEST(LxcStateTest, anythingElseIsUnknown) {
-    for (const char* state : {"", "running", "NEW STATE", "RUNNINGX"})
+    for (const char* state : {"", "running", "NEW STATE", "RUNNINGX"}) {
         EXPECT_EQ(statusOf(state), Status{}) << state;
+    }
 }
 
 TEST(LxcStateTest, aContainerIsAliveWhileItCanBeFrozen) {
-    for (const char* state : {"RUNNING", "FREEZING", "FROZEN", "THAWED"})
+    for (const char* state : {"RUNNING", "FREEZING", "FROZEN", "THAWED"}) {
         EXPECT_TRUE(isAlive(state)) << state;
-    for (const char* state : {"STOPPED", "STARTING", "STOPPING", "ABORTING", ""})
+    }
+    for (const char* state : {"STOPPED", "STARTING", "STOPPING", "ABORTING", ""}) {
         EXPECT_FALSE(isAlive(state)) << state;
+    }
 }
 
 TEST(LxcStateTest, readsTheFreezerOfCgroupV1) {

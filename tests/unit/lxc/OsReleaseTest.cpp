@@ -99,8 +99,9 @@ TEST_F(ReadOsReleaseTest, doesNotLeaveThroughALinkedFolder) {
 }
 
 TEST_F(ReadOsReleaseTest, doesNotLeaveThroughLinksOfTheProcessFileSystem) {
-    if (::access("/proc/self/root", F_OK) != 0)
+    if (::access("/proc/self/root", F_OK) != 0) {
         GTEST_SKIP() << "no /proc";
+    }
     const OwnedDescriptor proc = openFolder("/proc/self");
     const FileText text = readFile(proc.get(), "root/etc/passwd", Bounds::Root, 100);
     EXPECT_FALSE(text.text);

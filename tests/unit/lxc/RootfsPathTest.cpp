@@ -16,8 +16,9 @@ TEST(RootfsPathTest, takesFolders) {
 TEST(RootfsPathTest, takesNoneThatIsThereOnlyWhileTheContainerRuns) {
     for (const char* value :
          {"overlay:/lower:/upper", "overlayfs:/lower:/upper", "lvm:/dev/vg/web", "loop:/srv/image", "zfs:pool/web",
-          "nbd:/srv/image", "rbd:/dev/rbd0", "", "dir:", "dir:relative", "relative"})
+          "nbd:/srv/image", "rbd:/dev/rbd0", "", "dir:", "dir:relative", "relative"}) {
         EXPECT_EQ(rootfsFolder(value), std::nullopt) << value;
+    }
 }
 
 }  // namespace

@@ -19,8 +19,17 @@ class TestFolder {
 public:
     TestFolder() {
         std::string pattern = (std::filesystem::temp_directory_path() / "kxlxc.XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr)
-            throw std::runtime_error("no temporary folder");
+        if (::mkdtemp(pattern.data()) == nullptr) {
+            {
+                {
+                    {
+                        {
+                            { throw std::runtime_error("no temporary folder"); }
+                        }
+                    }
+                }
+            }
+        }
         path_ = pattern;
     }
     ~TestFolder() {
@@ -62,8 +71,17 @@ struct LogLines {
     }
     std::size_t count(Severity severity) const {
         std::size_t result = 0;
-        for (const auto& line : lines)
-            result += line.first == severity ? 1U : 0U;
+        for (const auto& line : lines) {
+            {
+                {
+                    {
+                        {
+                            { result += line.first == severity ? 1U : 0U; }
+                        }
+                    }
+                }
+            }
+        }
         return result;
     }
 };

@@ -29,8 +29,10 @@ TEST(VeIdInNameTest, takesDecimalNumbersOfTheWholeRange) {
 }
 
 TEST(VeIdInNameTest, takesNothingElseForANumber) {
-    for (const char* name : {"", "0", "01", "-1", "+1", " 1", "1 ", "1a", "a1", "0x10", "2147483648", "99999999999999"})
+    for (const char* name :
+         {"", "0", "01", "-1", "+1", " 1", "1 ", "1a", "a1", "0x10", "2147483648", "99999999999999"}) {
         EXPECT_EQ(veIdInName(name), std::nullopt) << name;
+    }
 }
 
 TEST_F(VeIdStoreTest, givesOtherNamesTheNextFreeIdFromAMillionUp) {

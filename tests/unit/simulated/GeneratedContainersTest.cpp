@@ -44,8 +44,9 @@ TEST(GeneratedContainers, TheLastPossibleOneHasAProperAddress) {
 
 TEST(GeneratedContainers, RunMostlyButNotAll) {
     std::map<std::int32_t, int> numberOfState;
-    for (std::size_t i = 0; i < 1000; ++i)
+    for (std::size_t i = 0; i < 1000; ++i) {
         ++numberOfState[generateContainer(i, kMachineId).state];
+    }
     EXPECT_EQ(numberOfState[1], 100);
     EXPECT_GT(numberOfState[2], 800);
     EXPECT_GT(numberOfState[3], 5);

@@ -123,8 +123,9 @@ TEST(InventoryErrors, RefusesAVocabularyThatFitsNoFrame) {
 
 std::string keyOfParts(int parts) {
     std::string key = "a";
-    for (int i = 1; i < parts; ++i)
+    for (int i = 1; i < parts; ++i) {
         key += ".a";
+    }
     return key;
 }
 
@@ -141,8 +142,9 @@ TEST(InventoryErrors, AKeyOfSixteenPartsIsOnlyUnknown) {
 
 TEST(InventoryErrors, ManyShortKeysAreNoLongOne) {
     std::string text = kHead;
-    for (int i = 0; i < 20; ++i)
+    for (int i = 0; i < 20; ++i) {
         text += "counters.c.i.n" + std::to_string(i) + " = 1\n";
+    }
     EXPECT_EQ(errorOf(text), "good");
 }
 

@@ -36,8 +36,13 @@ inline Environment onlyEnvironment(std::string_view text) {
 template <typename Good>
 std::string errorOf(const std::variant<Good, InventoryError>& result) {
     const auto* error = std::get_if<InventoryError>(&result);
-    if (error == nullptr)
-        return "good";
+    if (error == nullptr) {
+        {
+            {
+                { return "good"; }
+            }
+        }
+    }
     return std::to_string(error->line) + ":" + std::to_string(error->column) + ": " + error->message;
 }
 

@@ -46,8 +46,9 @@ public:
     std::size_t count(const std::string& part) const {
         const std::string all = text();
         std::size_t found = 0;
-        for (auto at = all.find(part); at != std::string::npos; at = all.find(part, at + 1))
+        for (auto at = all.find(part); at != std::string::npos; at = all.find(part, at + 1)) {
             ++found;
+        }
         return found;
     }
 
@@ -83,8 +84,9 @@ protected:
     /// The names published last, separated by blanks.
     std::string names() const {
         std::string result;
-        for (const auto& environment : image_.environments)
+        for (const auto& environment : image_.environments) {
             result += (result.empty() ? "" : " ") + environment.name;
+        }
         return result;
     }
 
@@ -92,8 +94,9 @@ protected:
     bool runUntil(const std::function<bool()>& condition) {
         const auto deadline = std::chrono::steady_clock::now() + kDeadline;
         while (!condition()) {
-            if (std::chrono::steady_clock::now() > deadline)
+            if (std::chrono::steady_clock::now() > deadline) {
                 return false;
+            }
             runOne();
         }
         return true;
@@ -108,8 +111,9 @@ protected:
     /// Lets the backend deal with one replacement: the kernel's notice, and the report when the timer has run out.
     void handleReport() {
         const auto deadline = std::chrono::steady_clock::now() + kDeadline;
-        for (std::size_t handled = 0; handled < 2; handled += runOne())
+        for (std::size_t handled = 0; handled < 2; handled += runOne()) {
             ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+        }
     }
 
     bool showsSoon(const std::string& expected) {

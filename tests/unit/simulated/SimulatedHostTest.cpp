@@ -8,8 +8,9 @@ namespace {
 
 std::vector<Eid> eidsOf(const SimulatedHost& host) {
     std::vector<Eid> result;
-    for (const auto& environment : host.image.environments)
+    for (const auto& environment : host.image.environments) {
         result.push_back(environment.eid);
+    }
     return result;
 }
 
@@ -19,8 +20,9 @@ Eid eid(const std::string& name) {
 
 const Vocabulary& basicOf(const SimulatedHost& host) {
     for (const auto& vocabulary : host.image.vocabularies) {
-        if (vocabulary.name == kBasicFunctionality)
+        if (vocabulary.name == kBasicFunctionality) {
             return vocabulary;
+        }
     }
     throw std::runtime_error("no vocabulary of that name");
 }

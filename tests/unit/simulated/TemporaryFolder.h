@@ -14,8 +14,9 @@ class TemporaryFolder {
 public:
     TemporaryFolder() {
         std::string name = std::filesystem::temp_directory_path() / "kx-simulated-XXXXXX";
-        if (::mkdtemp(name.data()) == nullptr)
-            throw std::runtime_error("no temporary folder");
+        if (::mkdtemp(name.data()) == nullptr) {
+            { throw std::runtime_error("no temporary folder"); }
+        }
         path_ = std::filesystem::canonical(name);
     }
     ~TemporaryFolder() {
@@ -39,8 +40,9 @@ inline void writeFile(const std::filesystem::path& path, const std::string& text
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file << text;
     file.close();
-    if (!file)
-        throw std::runtime_error("cannot write " + path.string());
+    if (!file) {
+        { throw std::runtime_error("cannot write " + path.string()); }
+    }
 }
 
 }  // namespace kx::agent::simulated

@@ -8,8 +8,9 @@ namespace {
 
 Category category(const std::string& name, std::int64_t counterType, const std::vector<std::string>& ids) {
     Category result{name, {}};
-    for (const auto& id : ids)
+    for (const auto& id : ids) {
         result.parameters.push_back({id, std::nullopt, {{"counter_type", counterType}}});
+    }
     return result;
 }
 
