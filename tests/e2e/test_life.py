@@ -268,6 +268,11 @@ def test_an_agent_that_stands_still_before_the_first_connection_delays_no_answer
     host.kxsnmp.start()
     host.waitForSubtree()
     assertNothingThere(host)
+    # A search passes through every column of every table, and looks for the agent each time.
+    started = time.monotonic()
+    answer = host.client.getnext([ENTRY + (1,)], timeoutSeconds=ANSWER_DEADLINE_S)[0]
+    assert time.monotonic() - started <= ANSWER_DEADLINE_S
+    assert answer.tag == snmp.END_OF_MIB_VIEW
     host.agent.sendSignal(signal.SIGCONT)
     waitUntil(lambda: answerTo(host, ENTRY + (3, 101)).value == b"first", 5, "the container is shown")
 
