@@ -50,6 +50,8 @@ int serve(const kx::agent::AgentSettings& settings) {
 
 }  // namespace
 
+// What may be thrown here is lack of memory, before anything was begun; that may end the process as it likes.
+// NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv) {
     kx::agent::AgentSettings settings{kx::agent::kDefaultConfigFile, false, kProgram};
     bool checkOnly = false;

@@ -18,7 +18,7 @@
 namespace kx::agent::lxc {
 
 /// Longest `kx.toml` read.
-inline constexpr std::size_t kMaxNotesBytes = 256U * 1024;
+inline constexpr std::size_t kMaxNotesBytes = std::size_t{256} * 1024;
 
 /// The content of a `kx.toml`. Default-made it is that of a missing file.
 struct ContainerNotes {

@@ -33,7 +33,7 @@ void Inotify::remove(int watch) {
 
 bool Inotify::take(const std::function<void(const Notice&)>& handle) {
     bool complete = true;
-    alignas(inotify_event) std::array<char, 16 * 1024> buffer{};
+    alignas(inotify_event) std::array<char, std::size_t{16} * 1024> buffer{};
     ssize_t count = 0;
     while ((count = ::read(file_.get(), buffer.data(), buffer.size())) > 0) {
         for (const char* place = buffer.data(); place < buffer.data() + count;) {

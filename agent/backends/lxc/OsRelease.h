@@ -12,7 +12,7 @@
 namespace kx::agent::lxc {
 
 /// Longest os-release read; real ones have less than 1 KiB.
-inline constexpr std::size_t kMaxOsReleaseBytes = 64U * 1024;
+inline constexpr std::size_t kMaxOsReleaseBytes = std::size_t{64} * 1024;
 
 /// @brief Takes ID and VERSION_ID out of an os-release text (os-release(5): shell-like assignments, values bare or
 /// in single or double quotes, the last assignment counts, lines that make no sense are passed over).

@@ -19,7 +19,7 @@
 namespace kx::agent::lxc {
 namespace {
 
-constexpr std::size_t kMaxFileBytes = 64U * 1024 * 1024;  ///< about a million containers with long names
+constexpr std::size_t kMaxFileBytes = std::size_t{64} * 1024 * 1024;  ///< about a million containers with long names
 constexpr std::int64_t kFormat = 1;
 constexpr int kSetAsideTries = 1000;
 

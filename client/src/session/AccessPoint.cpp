@@ -40,11 +40,12 @@ KXLEID KXLAccessPointPrototype::getEID() const {
     return session_->serverEid();
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the interface says so
+// NOLINTBEGIN(performance-unnecessary-value-param): the interface says so
 int KXLAccessPointPrototype::initializeSync(const KXLConnectionInfo& info,
                                             boost::intrusive_ptr<KXLRequestHandlerPrototype> handler, int) {
     return session_->initialize(info, handler);
 }
+// NOLINTEND(performance-unnecessary-value-param)
 
 boost::intrusive_ptr<KXLEnvCache> KXLAccessPointPrototype::getEnvCache() const {
     return cache_;
