@@ -1,6 +1,6 @@
 // The event loop's machinery behind KXLEventLoopPrototype.
 //
-// Thread promise: post(), running(), onLoopThread() and attach() from any thread. start() and stop() from the
+// Thread promise: post(), join(), onLoopThread() and attach() from any thread. start() and stop() from the
 // owner's thread; stop() also from the loop thread, where it does not wait.
 #pragma once
 

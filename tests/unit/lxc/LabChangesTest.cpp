@@ -10,6 +10,9 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::Optional;
 
+/// A command of the lab takes well under a second; one that hangs must fail its test, not hold it for ever.
+constexpr std::chrono::seconds kCommandPatience{20};
+
 class LabChangesTest : public LabTest {};
 
 TEST_F(LabChangesTest, theLifeOfAContainerIsSeenStepByStep) {
@@ -129,7 +132,9 @@ TEST_F(LabChangesTest, nothingIsDeliveredAfterTheStop) {
     host_.act({"start", "web"}, [&] { return host_.is("web", State::Running); });
     // The change is made while nobody delivers, so its image may be on its way when the backend is stopped.
     Command stop(lab({"stop", "web"}));
+    const auto deadline = std::chrono::steady_clock::now() + kCommandPatience;
     while (!stop.ended()) {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the container does not stop";
         ::usleep(1000);
     }
     host_.stop();
