@@ -6,14 +6,17 @@
 #include <utility>
 
 #include "mib/Keys.h"
+#include "tables/ContainerSnapshot.h"
 #include "tables/VeTableData.h"
 
 /// @brief A position in the container table: a row source that stands on one of its rows, or at the end. A copy
 /// costs two counted references to the list and nothing else.
 class VeTableCursor {
 public:
-    /// @param row where the cursor stands
-    explicit VeTableCursor(VeTableData row) : row_(std::move(row)) {}
+    /// @brief Stands on the first container from begin on.
+    /// @param end of the same list
+    VeTableCursor(ContainerWalk::Position begin, ContainerWalk::Position end)
+        : row_(std::move(begin), std::move(end)) {}
 
     /// @return the current row, to be copied by whoever wants to keep it
     const VeTableData& operator*() const { return row_; }
@@ -28,22 +31,7 @@ private:
     VeTableData row_;
 };
 
-/// @brief The containers as they were when the walk began: a counted reference to the cache's list, of which
-/// nothing is copied. What the agent changes meanwhile is seen by the next request.
-class VeTableSnapshot {
-public:
-    /// Takes the agent's list; empty when there is no agent.
-    VeTableSnapshot() : VeTableSnapshot(currentEnvironments()) {}
-    /// @param environments the list to walk
-    explicit VeTableSnapshot(KXLEnvCache::EnvValuesList environments) : environments_(std::move(environments)) {}
-
-    /// @return on the first container; equal to end() when there is none
-    VeTableCursor begin() const { return VeTableCursor({environments_.begin(), environments_.end()}); }
-    VeTableCursor end() const { return VeTableCursor({environments_.end(), environments_.end()}); }
-
-private:
-    KXLEnvCache::EnvValuesList environments_;
-};
+using VeTableSnapshot = ContainerSnapshot<VeTableCursor>;
 
 /// @brief The table type, for TableHelperHelper.
 struct VeTable {

@@ -4,29 +4,18 @@
 
 #include <utility>
 
+#include "tables/ColumnValues.h"
 #include "tables/UnknownTag.h"
 
 namespace {
 
 constexpr unsigned lastColumn = 9;
 
-ColumnValue number(std::uint8_t asnType, std::int32_t value) {
-    ColumnValue column(asnType);
-    column.setInt32(value);
-    return column;
-}
-
-ColumnValue text(const std::string& value) {
-    ColumnValue column(ASN_OCTET_STR);
-    column.setFromString(value);
-    return column;
-}
-
 // The result is not looked at: without a number the preset is published, as 4294967295.
 ColumnValue veidOf(const KXAEnvConfig& config) {
     int veid = -1;
     config.getVeid(veid);
-    return number(ASN_UNSIGNED, veid);
+    return numberColumn(ASN_UNSIGNED, veid);
 }
 
 // The results of the two getters are not looked at: what is not set is an empty text. A text ends at its first NUL
@@ -34,30 +23,30 @@ ColumnValue veidOf(const KXAEnvConfig& config) {
 ColumnValue hostnameOf(const KXAEnvConfig& config) {
     KXLOptionalProperty<std::string> hostname;
     config.getHostname(hostname);
-    return text(hostname.get().c_str());
+    return textColumn(hostname.get().c_str());
 }
 
 ColumnValue descriptionOf(const KXAEnvConfig& config) {
     KXLOptionalProperty<std::string> description;
     config.getDescription(description);
-    return text(description.get().c_str());
+    return textColumn(description.get().c_str());
 }
 
 // A version without a name says nothing and is never published by itself.
 ColumnValue osTemplateOf(const KXAEnvConfig& config) {
     KXLOptionalProperty<KXATemplate> osTemplate;
     if (config.getOsTemplate(osTemplate) != 0) {
-        return text({});
+        return textColumn({});
     }
     const std::string& name = osTemplate.get().getName();
     const std::string& version = osTemplate.get().getVersion();
-    return text(name.empty() || version.empty() ? name : name + "/" + version);
+    return textColumn(name.empty() || version.empty() ? name : name + "/" + version);
 }
 
 // Unlike the texts, a missing identifier is published as the empty identifier, so that the column always parses.
 ColumnValue baseSampleOf(const KXAEnvConfig& config) {
     KXLOptionalProperty<KXLGUID> id;
-    return text(config.getBaseSampleId(id) == 0 ? id.get().toString() : KXLEID().toString());
+    return textColumn(config.getBaseSampleId(id) == 0 ? id.get().toString() : KXLEID().toString());
 }
 
 }  // namespace
@@ -75,10 +64,10 @@ ColumnValue VeTableData::operator[](unsigned tag) {
         case 1:
             return veidOf(config);
         case 2:
-            return text(environment->getEID().toString());
+            return textColumn(environment->getEID().toString());
         case 3:
             // A configuration without a core record cannot be: the pointer's own assertion ends the process.
-            return text(config.getCoreBasic()->getText());
+            return textColumn(config.getCoreBasic()->getText());
         case 4:
             return hostnameOf(config);
         case 5:
@@ -89,9 +78,9 @@ ColumnValue VeTableData::operator[](unsigned tag) {
             return baseSampleOf(config);
         // The numbers are the agent's; they are passed on untranslated.
         case 8:
-            return number(ASN_INTEGER, environment->getStatus()->state);
+            return numberColumn(ASN_INTEGER, environment->getStatus()->state);
         case 9:
-            return number(ASN_INTEGER, environment->getStatus()->transition);
+            return numberColumn(ASN_INTEGER, environment->getStatus()->transition);
         default:
             logUnknownTag(tag);
             return {};

@@ -43,9 +43,11 @@ inline wire::Frame vocabularyFrame() {
     auto* version = vocabulary->add_parameters();
     version->set_id("kxversion");
     version->set_value("7.0.1-42");
-    auto* category = frame.mutable_vocabulary_set()->add_vocabularies();
-    category->set_name("KXABasicFunctionality");
-    category->add_categories()->set_name("counters_kx_net");
+    auto* counters = frame.mutable_vocabulary_set()->add_vocabularies();
+    counters->set_name("KXABasicFunctionality");
+    auto* category = counters->add_categories();
+    category->set_name("counters_kx_net");
+    category->add_parameters()->set_id("bytes_in");
     return frame;
 }
 

@@ -6,7 +6,7 @@
 #include <ostream>
 #include <stdexcept>
 
-#include "LogCapture.h"
+#include "tests/support/LogCapture.h"
 #include "mib/NetSnmp.h"
 
 // The library's own number of the callback transport that it listens on; no header declares it.

@@ -5,7 +5,7 @@
 
 #include <array>
 
-#include "LogCapture.h"
+#include "tests/support/LogCapture.h"
 #include "Varbinds.h"
 #include "link/SNMPNodeLocal.h"
 #include "mib/OidLayout.h"

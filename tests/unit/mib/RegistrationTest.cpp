@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include "InProcessAgent.h"
-#include "LogCapture.h"
+#include "tests/support/LogCapture.h"
 #include "link/SNMPNodeLocal.h"
 #include "mib/OidLayout.h"
 

@@ -6,7 +6,7 @@
 #include <limits>
 
 #include "Allocations.h"
-#include "LogCapture.h"
+#include "tests/support/LogCapture.h"
 #include "client/src/values/EnvRecord.h"
 #include "link/SNMPNodeLocal.h"
 #include "tables/VeTable.h"
