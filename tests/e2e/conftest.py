@@ -54,3 +54,9 @@ def describedHost(request):
         yield made
     finally:
         _closeAndJudge(made)
+
+
+@pytest.fixture
+def client(describedHost):
+    """Asks the module's described host."""
+    return describedHost.client

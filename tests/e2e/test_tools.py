@@ -17,6 +17,8 @@ hostname = "web.example"
 description = "a description that is too long for one column of a terminal, and has a\\nsecond line"
 os_template = { name = "debian", version = "12" }
 state = 2
+addresses = [ { address = "192.0.2.1", mask = "255.255.255.0" } ]
+templates = [ { name = "nginx", version = "1.24" } ]
 [[environment]]
 name = "database"
 veid = 102
@@ -26,7 +28,7 @@ transition = 4
 name = "unnumbered"
 """
 
-NUMBER_OF_VALUES = 2 + 3 * 9
+NUMBER_OF_VALUES = 2 + 3 * 9 + 2 + 2
 
 
 def typed(host, tool, *arguments):
@@ -37,14 +39,15 @@ def typed(host, tool, *arguments):
 
 
 @pytest.mark.parametrize("tool", ["snmpwalk", "snmpbulkwalk"])
-def test_a_walk_shows_the_scalars_and_the_containers_and_ends(describedHost, tool):
+def test_a_walk_shows_the_scalars_and_the_tables_and_ends(describedHost, tool):
     *shown, end = "\n".join(typed(describedHost, tool, SUBTREE)).split("\n.")
     assert "No more variables left in this MIB View" in end
     assert len(shown) == NUMBER_OF_VALUES
     assert f'{SUBTREE}.2.0 = STRING: "7.0.1-42"' in shown
     assert f'{SUBTREE}.4.1.4.101 = STRING: "web.example"' in shown
     assert f"{SUBTREE}.4.1.1.4294967295 = Gauge32: 4294967295" in shown
-    assert shown[-1] == f"{SUBTREE}.4.1.9.4294967295 = INTEGER: 0"
+    assert f"{SUBTREE}.5.1.2.101.192.0.2.1 = IpAddress: 255.255.255.0" in shown
+    assert shown[-1] == f"{SUBTREE}.6.1.2.101.5.110.103.105.110.120 = Gauge32: 1"
 
 
 def test_a_get_shows_one_value(describedHost):
@@ -63,19 +66,21 @@ def test_snmptable_style_bulk_get_of_columns_is_answered(describedHost):
     assert len(shown) == 9
 
 
+def shownTables(host):
+    command = [PROJECT / "scripts/show-tables", "--port", str(host.snmpd.port)]
+    return subprocess.run(command, capture_output=True, text=True, check=True, timeout=60).stdout
+
+
 def test_show_tables_names_the_columns_and_the_states(describedHost):
-    done = subprocess.run(
-        [PROJECT / "scripts/show-tables", "--port", str(describedHost.snmpd.port)],
-        capture_output=True, text=True, check=True, timeout=60,
-    )  # fmt: skip
-    lines = done.stdout.splitlines()
+    shown = shownTables(describedHost)
+    lines = shown.splitlines()
     header = next(line for line in lines if line.startswith("VEID"))
     row = next(line for line in lines if line.startswith("101 "))
 
     def cell(name):
         return row[header.index(name) :].split("  ")[0].strip()
 
-    assert "7.0.1-42" in done.stdout
+    assert "7.0.1-42" in shown
     assert cell("NAME") == "web"
     assert cell("HOSTNAME") == "web.example"
     assert cell("OS TEMPLATE") == "debian/12"
@@ -84,3 +89,10 @@ def test_show_tables_names_the_columns_and_the_states(describedHost):
     assert cell("DESCRIPTION").startswith("a description") and cell("DESCRIPTION").endswith("…")
     assert any("3 frozen" in line and "4 thawing" in line for line in lines)
     assert any(line.startswith("4294967295") and "unnumbered" in line for line in lines)
+
+
+def test_show_tables_shows_addresses_and_templates_with_their_containers(describedHost):
+    rows = [line.split() for line in shownTables(describedHost).splitlines()]
+    assert ["101", "192.0.2.1", "255.255.255.0"] in rows
+    assert ["101", "nginx", "1"] in rows
+    assert ["VEID", "ADDRESS", "MASK"] in rows and ["VEID", "TEMPLATE", "VERSION"] in rows
