@@ -21,8 +21,9 @@ Hello makeHello(std::string_view program) {
     hello.set_protocol_major(kProtocolMajor);
     hello.set_protocol_minor(kProtocolMinor);
     hello.set_program(std::string(program.substr(0, kMaxNameBytes)));
-    hello.add_capabilities(std::string(kCapabilitySnapshot));
-    hello.add_capabilities(std::string(kCapabilityVocabulary));
+    for (const auto capability : {kCapabilitySnapshot, kCapabilityVocabulary, kCapabilityEvents, kCapabilityRaise}) {
+        hello.add_capabilities(std::string(capability));
+    }
     return hello;
 }
 

@@ -17,6 +17,15 @@ inline constexpr std::uint32_t kProtocolMinor = 0;
 /// Capabilities named in Hello: what a side can do once the handshake is done.
 inline constexpr std::string_view kCapabilitySnapshot = "snapshot";      ///< snapshots and their deltas
 inline constexpr std::string_view kCapabilityVocabulary = "vocabulary";  ///< vocabulary sets
+inline constexpr std::string_view kCapabilityEvents = "events";          ///< event subscriptions
+inline constexpr std::string_view kCapabilityRaise = "raise";            ///< answers requests to raise an alert
+
+/// What an event subscription names.
+inline constexpr std::string_view kEventsName = "events";
+
+/// Type names of events.
+inline constexpr std::string_view kEventTypeResourceAlert = "resource_alert";
+inline constexpr std::string_view kEventTypeEnvironmentChange = "environment_change";
 
 /// Environments in one snapshot chunk: bounds what a reader must hold per frame.
 inline constexpr std::size_t kMaxEnvironmentsPerChunk = 1000;
