@@ -8,17 +8,21 @@
 #include <memory>
 #include <string>
 
+#include <kxl/KXLAsyncConnectionPrototype.h>
 #include <kxl/KXLConnectionInfo.h>
 #include <kxl/KXLEnvCache.h>
 #include <kxl/KXLEventLoopPrototype.h>
 #include <kxl/KXLGUID.h>
 #include <kxl/KXLRefCounter.h>
 #include <kxl/KXLRequestHandlerPrototype.h>
+#include <kxl/KXLTimeoutHandlerPrototype.h>
 #include <kxl/KXLVocMap.h>
 
 namespace kx::client {
+class LoopTimers;
 class Session;
-}
+class SessionDirectory;
+}  // namespace kx::client
 
 /// @brief Access to agents: what an access point is made from.
 class KXLAccessPrototype : public virtual KXLRefCounter {
@@ -27,6 +31,29 @@ public:
     virtual boost::intrusive_ptr<KXLEventLoopPrototype> getEventLoop() const = 0;
     /// @return the cache that access points made from this fill; null: each makes its own
     virtual boost::intrusive_ptr<KXLEnvCache> getCache() const = 0;
+
+    /// @brief Opens an event connection to an agent. Answers at once, from any thread: a failure to connect is told to
+    /// those who subscribe on it, by handleFailure. Several handlers may subscribe on one connection.
+    /// @param eid the agent's own identifier
+    /// @param name empty: of no meaning yet
+    /// @return null when no access point of this access is connected to that agent, or the event loop does not run
+    virtual boost::intrusive_ptr<KXLAsyncConnectionPrototype> openEventConnection(const KXLEID& eid,
+                                                                                  const std::string& name) = 0;
+
+    /// @brief The same, for the caller's own use: its owner closes it.
+    /// @param eid the agent's own identifier
+    /// @param peer KXLEID::EID_INVALID: the agent itself
+    /// @param info where to connect; null: where the access point is connected
+    virtual boost::intrusive_ptr<KXLAsyncConnectionPrototype> openDedicatedConnection(
+        const KXLEID& eid, const KXLEID& peer, const KXLConnectivityInfo* info) = 0;
+
+    /// @brief Has a timeout fire once, on the event loop's thread. Answers at once, from any thread.
+    /// @param handler kept until it has fired or the loop has stopped
+    /// @return 0; -1 when the event loop does not run
+    virtual int registerTimeout(boost::intrusive_ptr<KXLTimeoutHandlerPrototype> handler) = 0;
+
+    /// @return the library's own list of access points; null where there is none
+    virtual std::shared_ptr<kx::client::SessionDirectory> directory() const { return nullptr; }
 };
 
 /// @brief Access to agents over registered transports.
@@ -40,6 +67,12 @@ public:
 
     boost::intrusive_ptr<KXLEventLoopPrototype> getEventLoop() const override { return eventLoop_; }
     boost::intrusive_ptr<KXLEnvCache> getCache() const override { return cache_; }
+    boost::intrusive_ptr<KXLAsyncConnectionPrototype> openEventConnection(const KXLEID& eid,
+                                                                          const std::string& name) override;
+    boost::intrusive_ptr<KXLAsyncConnectionPrototype> openDedicatedConnection(const KXLEID& eid, const KXLEID& peer,
+                                                                              const KXLConnectivityInfo* info) override;
+    int registerTimeout(boost::intrusive_ptr<KXLTimeoutHandlerPrototype> handler) override;
+    std::shared_ptr<kx::client::SessionDirectory> directory() const override { return directory_; }
 
 private:
     KXLAccessAgentPrototype(boost::intrusive_ptr<KXLEnvCache> cache,
@@ -47,6 +80,8 @@ private:
 
     boost::intrusive_ptr<KXLEnvCache> cache_;
     boost::intrusive_ptr<KXLEventLoopPrototype> eventLoop_;
+    std::shared_ptr<kx::client::SessionDirectory> directory_;
+    std::shared_ptr<kx::client::LoopTimers> timers_;
 };
 
 /// @brief Something that gives access to one agent. The order of the virtual functions is part of the contract.

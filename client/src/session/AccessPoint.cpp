@@ -1,15 +1,7 @@
 #include <kxl/KXLAccessPointPrototype.h>
 
 #include "client/src/session/Session.h"
-
-KXLAccessAgentPrototype::KXLAccessAgentPrototype(boost::intrusive_ptr<KXLEnvCache> cache,
-                                                 boost::intrusive_ptr<KXLEventLoopPrototype> eventLoop)
-    : cache_(std::move(cache)), eventLoop_(std::move(eventLoop)) {}
-
-boost::intrusive_ptr<KXLAccessAgentPrototype> KXLAccessAgentPrototype::createInstance(
-    boost::intrusive_ptr<KXLEnvCache> cache, boost::intrusive_ptr<KXLEventLoopPrototype> eventLoop, void*) {
-    return new KXLAccessAgentPrototype(std::move(cache), std::move(eventLoop));
-}
+#include "client/src/session/SessionDirectory.h"
 
 boost::intrusive_ptr<KXLAccessPointPrototype> KXLAccessPointPrototype::createInstance(
     boost::intrusive_ptr<KXLAccessPrototype> access, boost::intrusive_ptr<KXLEnvCache> cache) {
@@ -26,7 +18,11 @@ KXLAccessPointPrototype::KXLAccessPointPrototype(boost::intrusive_ptr<KXLAccessP
                                                  boost::intrusive_ptr<KXLEnvCache> cache)
     : access_(std::move(access)),
       cache_(std::move(cache)),
-      session_(kx::client::Session::create(access_->getEventLoop()->loop(), cache_)) {}
+      session_(kx::client::Session::create(access_->getEventLoop()->loop(), cache_)) {
+    if (const auto directory = access_->directory()) {
+        directory->add(session_);
+    }
+}
 
 KXLAccessPointPrototype::~KXLAccessPointPrototype() {
     session_->shutDown();

@@ -75,6 +75,12 @@ boost::intrusive_ptr<KXLRequestContext> Session::makeContext() {
     });
 }
 
+std::shared_ptr<EventLink> Session::openEventLink(const KXLConnectivityInfo* info) {
+    const auto link = std::make_shared<EventLink>(loop_, weak_from_this());
+    const auto own = info == nullptr ? std::nullopt : std::optional(*info);
+    return loop_->post([self = shared_from_this(), link, own] { self->beginEventLink(link, own); }) ? link : nullptr;
+}
+
 void Session::shutDown() {
     if (!loop_->post([self = shared_from_this()] { self->reset(); })) {
         // No loop thread, or one on its way out: once it has ended this thread may touch its state.

@@ -14,7 +14,10 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
+#include <optional>
+#include <vector>
 
 #include <kxl/KXLConnectionInfo.h>
 #include <kxl/KXLEnvCache.h>
@@ -23,6 +26,7 @@
 #include "client/src/cache/EnvFeed.h"
 #include "client/src/cache/Guarded.h"
 #include "client/src/cache/VocabularyStore.h"
+#include "client/src/events/EventLink.h"
 #include "client/src/loop/Loop.h"
 #include "client/src/session/InitializeAttempt.h"
 #include "client/src/session/ReconnectBackoff.h"
@@ -33,7 +37,10 @@ namespace kx::client {
 
 using HandlerPtr = boost::intrusive_ptr<KXLRequestHandlerPrototype>;
 
-class Session : public std::enable_shared_from_this<Session>, public LoopClient, public FrameListener {
+class Session : public std::enable_shared_from_this<Session>,
+                public LoopClient,
+                public FrameListener,
+                public EventLinkOwner {
 public:
     static std::shared_ptr<Session> create(std::shared_ptr<Loop> loop, boost::intrusive_ptr<KXLEnvCache> cache);
     ~Session() override;
@@ -47,6 +54,11 @@ public:
     /// @return KXLEID::EID_INVALID before the first connection
     KXLEID serverEid() const { return serverEid_.load(); }
     const VocabularyStore& vocabularies() const { return vocabularies_; }
+
+    /// @brief Opens an event connection. At once: whether it comes about is told to its handlers.
+    /// @param info where to connect; null: where the session is connected
+    /// @return null when the loop does not run
+    std::shared_ptr<EventLink> openEventLink(const KXLConnectivityInfo* info);
 
 private:
     enum class Phase { Idle, Connecting, Handshake, Filling, Up, Waiting };
@@ -97,7 +109,14 @@ private:
     void setTimer(std::chrono::milliseconds delay, void (Session::*then)());
     void deadlinePassed() { fail(KXL_ERROR_TIMEOUT); }
 
-    void deliver(std::function<void()> delivery);
+    void deliver(std::function<void()> delivery) override;
+
+    void beginEventLink(const std::shared_ptr<EventLink>& link, const std::optional<KXLConnectivityInfo>& info);
+    void eventLinkFailed(const std::shared_ptr<EventLink>& link) override;
+    void logEventTrouble(const std::string& line) override { logOnChange(line); }
+    void handlePong(std::uint64_t requestId);
+    void tellEventFailure(const std::shared_ptr<EventLink>& link);
+    std::vector<std::shared_ptr<EventLink>> takeEventLinks();
 
     const std::shared_ptr<Loop> loop_;
     const boost::intrusive_ptr<KXLEnvCache> cache_;
@@ -124,6 +143,10 @@ private:
     KXLEID helloEid_;
     bool heardSinceCheck_ = false;
     std::string lastLogged_;
+
+    std::vector<std::weak_ptr<EventLink>> eventLinks_;
+    std::map<std::uint64_t, std::shared_ptr<EventLink>> failedEventLinks_;  ///< by the ping whose answer they wait for
+    std::uint64_t lastPing_ = 0;
 
     boost::asio::steady_timer timer_;
     std::uint64_t timerTicket_ = 0;  ///< tells an expiry that was queued before the timer was set anew

@@ -1,8 +1,7 @@
 // The loop-thread half of a session: its states and what moves it between them.
-#include <cerrno>
-
 #include "client/src/cache/EnvDecoder.h"
 #include "client/src/session/Deliveries.h"
+#include "client/src/session/Handshake.h"
 #include "client/src/session/Session.h"
 #include "client/src/session/Timeouts.h"
 #include "client/src/values/Log.h"
@@ -57,8 +56,12 @@ void Session::cancelRequest() {
         return;
     }
     const HandlerPtr handler = handler_;
+    const auto links = takeEventLinks();
     reset();
     handler->handleCancel();
+    for (const auto& link : links) {
+        link->tellFailure();
+    }
 }
 
 void Session::loopStopping() {
@@ -73,6 +76,9 @@ void Session::reset() {
     dropHandler();
     heldFor_.reset();
     deferred_.clear();
+    for (const auto& link : takeEventLinks()) {
+        link->close();
+    }
     phase_ = Phase::Idle;
 }
 
@@ -113,6 +119,11 @@ void Session::fail(int code) {
     waitBeforeReconnecting();
     if (wasUp) {
         deliver([handler = handler_, code] { deliverFailure(*handler, code); });
+        // After the handler, which may have unsubscribed some of them.
+        for (const auto& link : takeEventLinks()) {
+            link->fail();
+            tellEventFailure(link);
+        }
     }
 }
 
@@ -184,22 +195,16 @@ void Session::connected(boost::system::error_code error, const std::shared_ptr<S
     connection_ = std::make_shared<FrameConnection>(socket, weak_from_this());
     connection_->start();
     phase_ = Phase::Handshake;
-    wire::Frame frame;
-    *frame.mutable_hello() = wire::makeHello(program_invocation_short_name);
-    connection_->send(frame);
+    connection_->send(helloFrame());
 }
 
 void Session::handleHello(const wire::Frame& frame) {
-    if (frame.body_case() != wire::Frame::kHello) {
-        protocolError("the handshake was answered by something else");
+    const std::string problem = helloProblem(frame);
+    if (!problem.empty()) {
+        protocolError(problem);
         return;
     }
     const wire::Hello& hello = frame.hello();
-    if (hello.protocol_major() != wire::kProtocolMajor) {
-        protocolError("it speaks protocol version " + std::to_string(hello.protocol_major()) + ", not " +
-                      std::to_string(wire::kProtocolMajor));
-        return;
-    }
     if (!decodeEid(hello.server_eid(), helloEid_)) {
         protocolError("its identifier is not 16 bytes long");
         return;
@@ -269,7 +274,10 @@ void Session::handleData(const wire::Frame& frame) {
             connection_->send(answer);
             break;
         }
-        default:  // a pong, or what a newer agent says
+        case wire::Frame::kPong:
+            handlePong(frame.request_id());
+            break;
+        default:  // what a newer agent says
             break;
     }
 }
@@ -328,6 +336,57 @@ void Session::becomeUp() {
     if (!attempt->succeed()) {
         reset();  // its caller gave up in the last moment, and does not want the link
     }
+}
+
+// ---- event connections ------------------------------------------------------------------------------------------
+
+void Session::beginEventLink(const std::shared_ptr<EventLink>& link, const std::optional<KXLConnectivityInfo>& info) {
+    std::erase_if(eventLinks_, [](const auto& known) { return known.expired(); });
+    if (phase_ != Phase::Up) {
+        link->fail();
+        tellEventFailure(link);
+        return;
+    }
+    eventLinks_.push_back(link);
+    link->connect(info ? *info : info_.connectivity);
+}
+
+// An agent that goes away closes all its connections, in no particular order as seen from here. Whoever relies on both
+// must hear of the link's loss first. A sign of life on the link shows that only the event connection was lost.
+void Session::eventLinkFailed(const std::shared_ptr<EventLink>& link) {
+    if (phase_ != Phase::Up) {
+        tellEventFailure(link);
+        return;
+    }
+    failedEventLinks_[++lastPing_] = link;
+    wire::Frame frame;
+    frame.set_request_id(lastPing_);
+    frame.mutable_ping();
+    connection_->send(frame);
+}
+
+void Session::handlePong(std::uint64_t requestId) {
+    const auto failed = failedEventLinks_.find(requestId);
+    if (failed != failedEventLinks_.end()) {
+        const auto link = failed->second;
+        failedEventLinks_.erase(failed);
+        tellEventFailure(link);
+    }
+}
+
+void Session::tellEventFailure(const std::shared_ptr<EventLink>& link) {
+    deliver([link] { link->tellFailure(); });
+}
+
+std::vector<std::shared_ptr<EventLink>> Session::takeEventLinks() {
+    std::vector<std::shared_ptr<EventLink>> links;
+    for (const auto& weak : std::exchange(eventLinks_, {})) {
+        if (auto link = weak.lock()) {
+            links.push_back(std::move(link));
+        }
+    }
+    failedEventLinks_.clear();
+    return links;
 }
 
 // ---- the peer's errors ------------------------------------------------------------------------------------------

@@ -1,0 +1,101 @@
+// One event connection to the agent: its socket, its handshake, and whom it delivers to.
+//
+// Thread promise: subscribe(), unsubscribe() and close() from any thread, at once; everything else, and all state below
+// the line in the class, belongs to the loop thread. The lock guards the list of handlers only and is never held while
+// one of them runs.
+//
+//   Made ──connect──► Connecting ─► Handshake ─► Subscribing ─► Subscribed
+//                         └──────────────┴────────────┴─────────────┴─ failed ─► Failed
+//   close() leads to Closed from everywhere. A link is never connected twice: who wants another one opens it.
+#pragma once
+
+#include <boost/asio/steady_timer.hpp>
+#include <boost/intrusive_ptr.hpp>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <kxl/KXLConnectionInfo.h>
+#include <kxl/KXLTaskHandlerPrototype.h>
+
+#include "client/src/loop/Loop.h"
+#include "client/src/transport/FrameConnection.h"
+
+namespace kx::client {
+
+class EventLink;
+using TaskHandlerPtr = boost::intrusive_ptr<KXLTaskHandlerPrototype>;
+
+/// @brief Whose access point a link belongs to. Loop thread.
+class EventLinkOwner {
+public:
+    virtual ~EventLinkOwner() = default;
+
+    /// @brief Runs a delivery in its turn.
+    virtual void deliver(std::function<void()> delivery) = 0;
+    /// @brief The link has failed; the owner calls tellFailure() when it is its turn.
+    virtual void eventLinkFailed(const std::shared_ptr<EventLink>& link) = 0;
+    /// @brief Logs a line about the agent, once until another is logged.
+    virtual void logEventTrouble(const std::string& line) = 0;
+};
+
+class EventLink : public std::enable_shared_from_this<EventLink>, public FrameListener {
+public:
+    EventLink(std::shared_ptr<Loop> loop, std::weak_ptr<EventLinkOwner> owner);
+
+    /// @brief Adds a handler. One that comes after the failure is told of it at once, on the loop.
+    /// @return false when the loop does not run
+    bool subscribe(const TaskHandlerPtr& handler);
+    /// @brief Removes a handler; the link closes with its last.
+    /// @return false when it was not there
+    bool unsubscribe(const TaskHandlerPtr& handler);
+    /// @brief Closes the socket and forgets the handlers.
+    void close();
+
+    /// @brief Connects and subscribes to the agent's events.
+    void connect(const KXLConnectivityInfo& info);
+    /// @brief Closes the socket of a link that is of no use any more. The handlers stay for tellFailure().
+    void fail();
+    /// @brief Tells the handlers that are still there that the link has failed, and forgets them.
+    void tellFailure();
+
+private:
+    enum class Phase { Made, Connecting, Handshake, Subscribing, Subscribed, Failed, Closed };
+
+    std::vector<TaskHandlerPtr> handlers() const;
+    std::vector<TaskHandlerPtr> takeHandlers();
+
+    void frameReceived(const FrameConnection& connection, const wire::Frame& frame) override;
+    void connectionEnded(const FrameConnection& connection) override;
+    void connectionMalformed(const FrameConnection& connection, const std::string& reason) override;
+
+    void connected(boost::system::error_code error, const std::shared_ptr<StreamSocket>& socket);
+    void takeHello(const wire::Frame& frame);
+    void takeData(const wire::Frame& frame);
+    void takeSubscribed();
+    void answerPing(const wire::Frame& ping);
+    void deliver(void (EventLink::*delivery)(const std::shared_ptr<const std::string>&),
+                 std::shared_ptr<const std::string> message);
+    void handMessage(const std::shared_ptr<const std::string>& message);
+    void handSubscribed(const std::shared_ptr<const std::string>&);
+    void closeNow();
+    void closeSocket();
+    void failed();
+    void failed(const std::string& reason);
+
+    const std::shared_ptr<Loop> loop_;
+    const std::weak_ptr<EventLinkOwner> owner_;
+
+    mutable std::mutex mutex_;
+    std::vector<TaskHandlerPtr> handlers_;  ///< guarded by mutex_
+
+    // ---- loop thread only ----
+    Phase phase_ = Phase::Made;
+    std::shared_ptr<StreamSocket> connecting_;
+    std::shared_ptr<FrameConnection> connection_;
+    boost::asio::steady_timer deadline_;  ///< from connect() to Subscribed
+};
+
+}  // namespace kx::client
