@@ -1,9 +1,19 @@
 #include "traps/InitTraps.h"
 
 #include "link/SNMPNodeLocal.h"
+#include "traps/SNMPVeQoSAlertReceiver.h"
+#include "traps/SNMPVeQoSNotificationSender.h"
+
+namespace {
+
+using ReceiverPtr = boost::intrusive_ptr<KXLReceiver<KXLEvent>>;
+
+}  // namespace
 
 void init_traps() {
-    // Receivers of events are registered with the link here, before anything else can reach it; the first use of
-    // the link is what makes it and starts the client library's thread.
-    SNMPNodeLocal::instance();
+    // Receivers are registered before anything else can reach the link; this first use of it is what makes it and
+    // starts the client library's thread. The alert receiver comes first, so that it is offered every event before the
+    // sender.
+    SNMPNodeLocal::instance()->addReceiver(ReceiverPtr(new SNMPVeQoSAlertReceiver));
+    SNMPNodeLocal::instance()->addReceiver(ReceiverPtr(new SNMPVeQoSNotificationSender));
 }

@@ -1,0 +1,13 @@
+#include "traps/SNMPNotificationData.h"
+
+#include <algorithm>
+
+const std::string SNMPNotificationData::category("ve_qos_notification");
+
+void OwnedOid::assign(std::size_t length, const oid* subIds) {
+    // The new array is complete before the old one goes.
+    auto copy = length == 0 ? nullptr : std::make_unique<oid[]>(length);
+    std::copy_n(subIds, length, copy.get());
+    subIds_ = std::move(copy);
+    length_ = length;
+}
