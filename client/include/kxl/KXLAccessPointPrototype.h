@@ -11,6 +11,7 @@
 #include <kxl/KXLAsyncConnectionPrototype.h>
 #include <kxl/KXLConnectionInfo.h>
 #include <kxl/KXLEnvCache.h>
+#include <kxl/KXLEvent.h>
 #include <kxl/KXLEventLoopPrototype.h>
 #include <kxl/KXLGUID.h>
 #include <kxl/KXLRefCounter.h>
@@ -123,6 +124,16 @@ public:
     /// @return 0, or a KXLRequestError
     int initializeSync(const KXLConnectionInfo& info, boost::intrusive_ptr<KXLRequestHandlerPrototype> handler,
                        int flags);
+
+    /// @brief Has a described host report an alert, as if it had happened there; real hosts refuse. Waits for the
+    /// answer, at most 500 ms.
+    ///
+    /// Must not be called on the loop thread, nor by what answers requests of others meanwhile.
+    /// @param alert what to report; its `eid` counts where `veid` is null
+    /// @param veid the number of a container; null: none
+    /// @param refusal receives the agent's words when it refuses
+    /// @return 0, or a KXLRequestError, KXL_ERROR_REFUSED among them
+    int raiseAlertSync(const KXLResourceAlertData& alert, const std::int32_t* veid, std::string& refusal);
 
     /// @return the cache, never null; empty before the first connection, and what was last received after a loss
     boost::intrusive_ptr<KXLEnvCache> getEnvCache() const;

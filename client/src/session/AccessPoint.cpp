@@ -2,6 +2,7 @@
 
 #include "client/src/session/Session.h"
 #include "client/src/session/SessionDirectory.h"
+#include "client/src/session/Timeouts.h"
 
 boost::intrusive_ptr<KXLAccessPointPrototype> KXLAccessPointPrototype::createInstance(
     boost::intrusive_ptr<KXLAccessPrototype> access, boost::intrusive_ptr<KXLEnvCache> cache) {
@@ -42,6 +43,28 @@ int KXLAccessPointPrototype::initializeSync(const KXLConnectionInfo& info,
     return session_->initialize(info, handler);
 }
 // NOLINTEND(performance-unnecessary-value-param)
+
+int KXLAccessPointPrototype::raiseAlertSync(const KXLResourceAlertData& alert, const std::int32_t* veid,
+                                            std::string& refusal) {
+    kx::wire::Frame request;
+    kx::wire::AlertRaise& raise = *request.mutable_alert_raise();
+    if (veid != nullptr) {
+        raise.set_veid(*veid);
+    } else {
+        const auto& bytes = alert.eid.bytes();
+        raise.set_eid(std::string(bytes.begin(), bytes.end()));
+    }
+    raise.set_code(alert.alertCode);
+    raise.set_text(alert.alertText);
+    raise.set_value(alert.alertValue);
+    kx::wire::Frame answer;
+    const int code = session_->call(std::move(request), answer, kx::client::kCallDeadline);
+    if (code != 0 || answer.has_done()) {
+        return code;
+    }
+    refusal = answer.has_refusal() ? answer.refusal().text() : std::string("the agent answered with something else");
+    return KXL_ERROR_REFUSED;
+}
 
 boost::intrusive_ptr<KXLEnvCache> KXLAccessPointPrototype::getEnvCache() const {
     return cache_;

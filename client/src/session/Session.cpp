@@ -1,6 +1,8 @@
 // The public half of a session: what runs on the threads of its callers.
 #include "client/src/session/Session.h"
 
+#include <condition_variable>
+#include <mutex>
 #include <random>
 
 #include "client/src/session/Deliveries.h"
@@ -73,6 +75,57 @@ boost::intrusive_ptr<KXLRequestContext> Session::makeContext() {
             self->loop_->post([self] { self->cancelRequest(); });
         }
     });
+}
+
+namespace {
+
+/// One call and its caller. The caller waits on its own thread; the answer comes from the loop thread.
+class PendingCall {
+public:
+    /// @param frame null: the connection was lost
+    void finish(const wire::Frame* frame) {
+        const std::lock_guard guard(mutex_);
+        if (frame != nullptr) {
+            answer_ = *frame;
+        }
+        code_ = frame != nullptr ? 0 : static_cast<int>(KXL_ERROR_DISCONNECT);
+        finished_ = true;
+        changed_.notify_all();
+    }
+
+    int wait(std::chrono::steady_clock::time_point deadline, wire::Frame& answer) {
+        std::unique_lock guard(mutex_);
+        if (!changed_.wait_until(guard, deadline, [this] { return finished_; })) {
+            return KXL_ERROR_TIMEOUT;
+        }
+        answer = std::move(answer_);
+        return code_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool finished_ = false;
+    int code_ = 0;
+    wire::Frame answer_;
+};
+
+}  // namespace
+
+int Session::call(wire::Frame request, wire::Frame& answer, std::chrono::milliseconds deadline) {
+    const auto until = Clock::now() + deadline;
+    if (loop_->onLoopThread()) {
+        return KXL_ERROR_STOPPED;  // it would wait for itself
+    }
+    const auto pending = std::make_shared<PendingCall>();
+    const bool runs = loop_->post([self = shared_from_this(), request = std::move(request), pending] {
+        if (self->phase_ == Phase::Up) {
+            self->ask(request, [pending](const wire::Frame* frame) { pending->finish(frame); });
+        } else {
+            pending->finish(nullptr);
+        }
+    });
+    return runs ? pending->wait(until, answer) : static_cast<int>(KXL_ERROR_STOPPED);
 }
 
 std::shared_ptr<EventLink> Session::openEventLink(const KXLConnectivityInfo* info) {

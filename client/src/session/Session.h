@@ -60,6 +60,12 @@ public:
     /// @return null when the loop does not run
     std::shared_ptr<EventLink> openEventLink(const KXLConnectivityInfo* info);
 
+    /// @brief Sends a request and waits for its answer, not on the loop thread.
+    /// @param request its number is set here
+    /// @param answer receives the frame that has the request's number
+    /// @return 0, or a KXLRequestError: not connected, lost meanwhile, or no answer in time
+    int call(wire::Frame request, wire::Frame& answer, std::chrono::milliseconds deadline);
+
 private:
     enum class Phase { Idle, Connecting, Handshake, Filling, Up, Waiting };
 
@@ -114,7 +120,13 @@ private:
     void beginEventLink(const std::shared_ptr<EventLink>& link, const std::optional<KXLConnectivityInfo>& info);
     void eventLinkFailed(const std::shared_ptr<EventLink>& link) override;
     void logEventTrouble(const std::string& line) override { logOnChange(line); }
-    void handlePong(std::uint64_t requestId);
+
+    /// Gets the answer; null when the connection was lost before it came.
+    using Answered = std::function<void(const wire::Frame*)>;
+    void ask(wire::Frame request, Answered answered);
+    bool handleAnswer(const wire::Frame& frame);
+    void dropQuestions();
+
     void tellEventFailure(const std::shared_ptr<EventLink>& link);
     std::vector<std::shared_ptr<EventLink>> takeEventLinks();
 
@@ -145,8 +157,8 @@ private:
     std::string lastLogged_;
 
     std::vector<std::weak_ptr<EventLink>> eventLinks_;
-    std::map<std::uint64_t, std::shared_ptr<EventLink>> failedEventLinks_;  ///< by the ping whose answer they wait for
-    std::uint64_t lastPing_ = 0;
+    std::map<std::uint64_t, Answered> questions_;  ///< by the number of the request
+    std::uint64_t lastRequest_ = 0;
 
     boost::asio::steady_timer timer_;
     std::uint64_t timerTicket_ = 0;  ///< tells an expiry that was queued before the timer was set anew

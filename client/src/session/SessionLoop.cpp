@@ -92,6 +92,7 @@ void Session::closeConnection() {
     if (const auto connection = std::exchange(connection_, nullptr)) {
         connection->close();
     }
+    dropQuestions();
     if (handlerContext_) {
         handlerContext_->setConnection(nullptr);
     }
@@ -257,6 +258,9 @@ void Session::frameReceived(const FrameConnection& connection, const wire::Frame
 }
 
 void Session::handleData(const wire::Frame& frame) {
+    if (handleAnswer(frame)) {
+        return;
+    }
     switch (frame.body_case()) {
         case wire::Frame::kSnapshotChunk:
             handleEnvironments(feed_.take(frame.snapshot_chunk()));
@@ -274,9 +278,6 @@ void Session::handleData(const wire::Frame& frame) {
             connection_->send(answer);
             break;
         }
-        case wire::Frame::kPong:
-            handlePong(frame.request_id());
-            break;
         default:  // what a newer agent says
             break;
     }
@@ -338,6 +339,31 @@ void Session::becomeUp() {
     }
 }
 
+// ---- questions and answers --------------------------------------------------------------------------------------
+
+void Session::ask(wire::Frame request, Answered answered) {
+    request.set_request_id(++lastRequest_);
+    questions_[lastRequest_] = std::move(answered);
+    connection_->send(request);
+}
+
+bool Session::handleAnswer(const wire::Frame& frame) {
+    const auto question = questions_.find(frame.request_id());
+    if (question == questions_.end()) {
+        return false;
+    }
+    const Answered answered = std::move(question->second);
+    questions_.erase(question);
+    answered(&frame);
+    return true;
+}
+
+void Session::dropQuestions() {
+    for (const auto& [number, answered] : std::exchange(questions_, {})) {
+        answered(nullptr);
+    }
+}
+
 // ---- event connections ------------------------------------------------------------------------------------------
 
 void Session::beginEventLink(const std::shared_ptr<EventLink>& link, const std::optional<KXLConnectivityInfo>& info) {
@@ -358,20 +384,13 @@ void Session::eventLinkFailed(const std::shared_ptr<EventLink>& link) {
         tellEventFailure(link);
         return;
     }
-    failedEventLinks_[++lastPing_] = link;
     wire::Frame frame;
-    frame.set_request_id(lastPing_);
     frame.mutable_ping();
-    connection_->send(frame);
-}
-
-void Session::handlePong(std::uint64_t requestId) {
-    const auto failed = failedEventLinks_.find(requestId);
-    if (failed != failedEventLinks_.end()) {
-        const auto link = failed->second;
-        failedEventLinks_.erase(failed);
-        tellEventFailure(link);
-    }
+    ask(frame, [this, link](const wire::Frame* alive) {
+        if (alive != nullptr) {
+            tellEventFailure(link);
+        }
+    });
 }
 
 void Session::tellEventFailure(const std::shared_ptr<EventLink>& link) {
@@ -385,7 +404,6 @@ std::vector<std::shared_ptr<EventLink>> Session::takeEventLinks() {
             links.push_back(std::move(link));
         }
     }
-    failedEventLinks_.clear();
     return links;
 }
 

@@ -23,6 +23,9 @@ inline constexpr std::chrono::seconds kReconnectDeadline{5};
 /// An idle agent is asked for a sign of life this often; one that sent nothing since the last question is lost.
 inline constexpr std::chrono::seconds kKeepAliveInterval{10};
 
+/// A synchronous request waits this long for its answer, for the same reason as initializeSync.
+inline constexpr std::chrono::milliseconds kCallDeadline{500};
+
 /// First pause before a reconnection, and the longest.
 inline constexpr std::chrono::milliseconds kBackoffFirst{100};
 inline constexpr std::chrono::milliseconds kBackoffLongest{5000};
