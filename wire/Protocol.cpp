@@ -21,7 +21,8 @@ Hello makeHello(std::string_view program) {
     hello.set_protocol_major(kProtocolMajor);
     hello.set_protocol_minor(kProtocolMinor);
     hello.set_program(std::string(program.substr(0, kMaxNameBytes)));
-    for (const auto capability : {kCapabilitySnapshot, kCapabilityVocabulary, kCapabilityEvents, kCapabilityRaise}) {
+    for (const auto capability :
+         {kCapabilitySnapshot, kCapabilityVocabulary, kCapabilityEvents, kCapabilityRaise, kCapabilityCounters}) {
         hello.add_capabilities(std::string(capability));
     }
     return hello;

@@ -19,6 +19,10 @@ inline constexpr std::string_view kCapabilitySnapshot = "snapshot";      ///< sn
 inline constexpr std::string_view kCapabilityVocabulary = "vocabulary";  ///< vocabulary sets
 inline constexpr std::string_view kCapabilityEvents = "events";          ///< event subscriptions
 inline constexpr std::string_view kCapabilityRaise = "raise";            ///< answers requests to raise an alert
+inline constexpr std::string_view kCapabilityCounters = "counters";      ///< monitors and counter queries
+
+/// Numbers of one counter in one row of a counter group.
+inline constexpr std::size_t kNumbersPerCounter = 3;
 
 /// What an event subscription names.
 inline constexpr std::string_view kEventsName = "events";
