@@ -1,6 +1,7 @@
 // The public half of a session: what runs on the threads of its callers.
 #include "client/src/session/Session.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <random>
@@ -83,19 +84,25 @@ namespace {
 class PendingCall {
 public:
     /// @param frame null: the connection was lost
-    void finish(const wire::Frame* frame) {
+    /// @return false when the caller has given up
+    bool finish(const wire::Frame* frame) {
         const std::lock_guard guard(mutex_);
+        if (state_ != State::Waiting) {
+            return false;
+        }
         if (frame != nullptr) {
             answer_ = *frame;
         }
         code_ = frame != nullptr ? 0 : static_cast<int>(KXL_ERROR_DISCONNECT);
-        finished_ = true;
+        state_ = State::Finished;
         changed_.notify_all();
+        return true;
     }
 
     int wait(std::chrono::steady_clock::time_point deadline, wire::Frame& answer) {
         std::unique_lock guard(mutex_);
-        if (!changed_.wait_until(guard, deadline, [this] { return finished_; })) {
+        if (!changed_.wait_until(guard, deadline, [this] { return state_ == State::Finished; })) {
+            state_ = State::GivenUp;
             return KXL_ERROR_TIMEOUT;
         }
         answer = std::move(answer_);
@@ -103,29 +110,50 @@ public:
     }
 
 private:
+    enum class State { Waiting, Finished, GivenUp };
+
     std::mutex mutex_;
     std::condition_variable changed_;
-    bool finished_ = false;
+    State state_ = State::Waiting;
     int code_ = 0;
     wire::Frame answer_;
 };
 
 }  // namespace
 
-int Session::call(wire::Frame request, wire::Frame& answer, std::chrono::milliseconds deadline) {
-    const auto until = Clock::now() + deadline;
+int Session::call(wire::Frame request, wire::Frame& answer, std::chrono::milliseconds deadline,
+                  std::function<void(const wire::Frame&)> late) {
     if (loop_->onLoopThread()) {
         return KXL_ERROR_STOPPED;  // it would wait for itself
     }
+    const auto wait = patience(deadline);
+    const auto until = Clock::now() + wait;
     const auto pending = std::make_shared<PendingCall>();
-    const bool runs = loop_->post([self = shared_from_this(), request = std::move(request), pending] {
+    auto answered = [pending, late = std::move(late)](std::uint64_t, const wire::Frame* frame) {
+        if (!pending->finish(frame) && frame != nullptr && late) {
+            late(*frame);
+        }
+    };
+    const bool runs = loop_->post([self = shared_from_this(), request = std::move(request), answered] {
         if (self->phase_ == Phase::Up) {
-            self->ask(request, [pending](const wire::Frame* frame) { pending->finish(frame); });
+            self->ask(request, answered);
         } else {
-            pending->finish(nullptr);
+            answered(0, nullptr);
         }
     });
-    return runs ? pending->wait(until, answer) : static_cast<int>(KXL_ERROR_STOPPED);
+    const int code = runs ? pending->wait(until, answer) : static_cast<int>(KXL_ERROR_STOPPED);
+    if (code == KXL_ERROR_TIMEOUT && wait == deadline) {
+        lastCallTimeout_ = Clock::now().time_since_epoch().count();
+    }
+    return code;
+}
+
+// As after an initialisation that timed out: one SNMP request may lead to many calls, and all of them together must
+// stay within its second.
+std::chrono::milliseconds Session::patience(std::chrono::milliseconds deadline) const {
+    const Clock::time_point last{Clock::duration(lastCallTimeout_.load())};
+    const bool followsUp = last != Clock::time_point() && Clock::now() - last < kFollowUpWindow;
+    return followsUp ? std::min(kFollowUpDeadline, deadline) : deadline;
 }
 
 std::shared_ptr<EventLink> Session::openEventLink(const KXLConnectivityInfo* info) {

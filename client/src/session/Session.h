@@ -10,6 +10,7 @@
 //    └── initialize() gave up, cancelled, shut down
 #pragma once
 
+#include <atomic>
 #include <boost/asio/steady_timer.hpp>
 #include <cstdint>
 #include <deque>
@@ -26,6 +27,8 @@
 #include "client/src/cache/EnvFeed.h"
 #include "client/src/cache/Guarded.h"
 #include "client/src/cache/VocabularyStore.h"
+#include "client/src/counters/CounterRequest.h"
+#include "client/src/counters/Monitors.h"
 #include "client/src/events/EventLink.h"
 #include "client/src/loop/Loop.h"
 #include "client/src/session/InitializeAttempt.h"
@@ -64,15 +67,28 @@ public:
     /// @param request its number is set here
     /// @param answer receives the frame that has the request's number
     /// @return 0, or a KXLRequestError: not connected, lost meanwhile, or no answer in time
-    int call(wire::Frame request, wire::Frame& answer, std::chrono::milliseconds deadline);
+    /// @param late called on the loop thread with an answer that came after the caller had given up; may be empty
+    int call(wire::Frame request, wire::Frame& answer, std::chrono::milliseconds deadline,
+             std::function<void(const wire::Frame&)> late = {});
+
+    /// @brief Starts a monitor on the present connection. At once.
+    /// @param periodSeconds between two reports, above 0
+    /// @return 0, or a KXLRequestError
+    int startMonitor(const CounterRequest& request, int periodSeconds, const MonitorHandlerPtr& handler);
+    /// @brief Asks for one report and waits for it.
+    /// @return 0, or a KXLRequestError
+    int queryCounters(const CounterRequest& request, std::vector<KXLMonitorData>& output);
 
 private:
     enum class Phase { Idle, Connecting, Handshake, Filling, Up, Waiting };
 
     Session(std::shared_ptr<Loop> loop, boost::intrusive_ptr<KXLEnvCache> cache);
 
-    // On the caller's thread of initialize().
     using Clock = std::chrono::steady_clock;
+
+    std::chrono::milliseconds patience(std::chrono::milliseconds deadline) const;
+
+    // On the caller's thread of initialize().
     int takeTurn(const KXLConnectionInfo& info, const HandlerPtr& handler,
                  const std::shared_ptr<InitializeAttempt>& attempt);
     int attemptWithin(const KXLConnectionInfo& info, const HandlerPtr& handler,
@@ -121,11 +137,18 @@ private:
     void eventLinkFailed(const std::shared_ptr<EventLink>& link) override;
     void logEventTrouble(const std::string& line) override { logOnChange(line); }
 
-    /// Gets the answer; null when the connection was lost before it came.
-    using Answered = std::function<void(const wire::Frame*)>;
-    void ask(wire::Frame request, Answered answered);
+    /// Gets the number of the question and the answer; null when the connection was lost before that came.
+    using Answered = std::function<void(std::uint64_t, const wire::Frame*)>;
+    std::uint64_t ask(wire::Frame request, Answered answered);
     bool handleAnswer(const wire::Frame& frame);
+    void answer(std::uint64_t number, const wire::Frame& frame);
     void dropQuestions();
+
+    void beginMonitor(const wire::Frame& request, const std::set<std::string>& classes,
+                      const MonitorHandlerPtr& handler);
+    void stopMonitor(std::uint64_t number);
+    void takeSample(wire::CounterSample sample);
+    void takeLateSample(const wire::CounterSample& sample);
 
     void tellEventFailure(const std::shared_ptr<EventLink>& link);
     std::vector<std::shared_ptr<EventLink>> takeEventLinks();
@@ -134,6 +157,9 @@ private:
     const boost::intrusive_ptr<KXLEnvCache> cache_;
     VocabularyStore vocabularies_;
     Guarded<KXLEID> serverEid_;
+
+    std::atomic<bool> isUp_{false};               ///< written by the loop thread, for callers that must not wait
+    std::atomic<Clock::rep> lastCallTimeout_{0};  ///< when a call last used up its deadline; 0: never
 
     Turn initializing_;                    ///< one initialize() at a time; never taken on the loop thread
     Clock::time_point lastFullTimeout_{};  ///< guarded by initializing_
@@ -159,6 +185,8 @@ private:
     std::vector<std::weak_ptr<EventLink>> eventLinks_;
     std::map<std::uint64_t, Answered> questions_;  ///< by the number of the request
     std::uint64_t lastRequest_ = 0;
+    Monitors monitors_{[this](std::function<void()> delivery) { deliver(std::move(delivery)); }};
+    SampleAssembler samples_;  ///< by monitor, or by the number of the request that is answered
 
     boost::asio::steady_timer timer_;
     std::uint64_t timerTicket_ = 0;  ///< tells an expiry that was queued before the timer was set anew

@@ -79,10 +79,12 @@ void Session::reset() {
     for (const auto& link : takeEventLinks()) {
         link->close();
     }
+    monitors_.drop();
     phase_ = Phase::Idle;
 }
 
 void Session::closeConnection() {
+    isUp_ = false;
     ++timerTicket_;
     timer_.cancel();
     if (const auto socket = std::exchange(connecting_, nullptr)) {
@@ -120,6 +122,7 @@ void Session::fail(int code) {
     waitBeforeReconnecting();
     if (wasUp) {
         deliver([handler = handler_, code] { deliverFailure(*handler, code); });
+        monitors_.endAll(code);
         // After the handler, which may have unsubscribed some of them.
         for (const auto& link : takeEventLinks()) {
             link->fail();
@@ -271,11 +274,14 @@ void Session::handleData(const wire::Frame& frame) {
         case wire::Frame::kVocabularySet:
             handleVocabularies(frame.vocabulary_set());
             break;
+        case wire::Frame::kCounterSample:
+            takeSample(frame.counter_sample());
+            break;
         case wire::Frame::kPing: {
-            wire::Frame answer;
-            answer.set_request_id(frame.request_id());
-            answer.mutable_pong();
-            connection_->send(answer);
+            wire::Frame pong;
+            pong.set_request_id(frame.request_id());
+            pong.mutable_pong();
+            connection_->send(pong);
             break;
         }
         default:  // what a newer agent says
@@ -324,6 +330,7 @@ void Session::becomeUp() {
     serverEid_.store(helloEid_);
     publish();
     phase_ = Phase::Up;
+    isUp_ = true;
     backoff_.reset();
     lastLogged_.clear();
     startKeepAlive();
@@ -341,26 +348,49 @@ void Session::becomeUp() {
 
 // ---- questions and answers --------------------------------------------------------------------------------------
 
-void Session::ask(wire::Frame request, Answered answered) {
-    request.set_request_id(++lastRequest_);
-    questions_[lastRequest_] = std::move(answered);
+std::uint64_t Session::ask(wire::Frame request, Answered answered) {
+    const std::uint64_t number = ++lastRequest_;
+    request.set_request_id(number);
+    questions_[number] = std::move(answered);
     connection_->send(request);
+    return number;
 }
 
 bool Session::handleAnswer(const wire::Frame& frame) {
-    const auto question = questions_.find(frame.request_id());
-    if (question == questions_.end()) {
+    const std::uint64_t number = frame.request_id();
+    if (questions_.find(number) == questions_.end()) {
         return false;
     }
-    const Answered answered = std::move(question->second);
-    questions_.erase(question);
-    answered(&frame);
+    if (!frame.has_counter_sample()) {
+        answer(number, frame);
+        return true;
+    }
+    // Only these are large enough to come in several frames. Their number is no monitor's: those are requests too.
+    wire::Frame whole = frame;
+    switch (samples_.take(number, *whole.mutable_counter_sample())) {
+        case SampleAssembler::Outcome::Complete:
+            answer(number, whole);
+            break;
+        case SampleAssembler::Outcome::Pending:
+            break;
+        case SampleAssembler::Outcome::TooLarge:
+            protocolError("an answer with counters in too many frames");
+            break;
+    }
     return true;
 }
 
+void Session::answer(std::uint64_t number, const wire::Frame& frame) {
+    const auto question = questions_.find(number);
+    const Answered answered = std::move(question->second);
+    questions_.erase(question);
+    answered(number, &frame);
+}
+
 void Session::dropQuestions() {
+    samples_.clear();
     for (const auto& [number, answered] : std::exchange(questions_, {})) {
-        answered(nullptr);
+        answered(number, nullptr);
     }
 }
 
@@ -386,7 +416,7 @@ void Session::eventLinkFailed(const std::shared_ptr<EventLink>& link) {
     }
     wire::Frame frame;
     frame.mutable_ping();
-    ask(frame, [this, link](const wire::Frame* alive) {
+    ask(frame, [this, link](std::uint64_t, const wire::Frame* alive) {
         if (alive != nullptr) {
             tellEventFailure(link);
         }
