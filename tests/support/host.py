@@ -31,14 +31,14 @@ def buildFolder():
 class Host:
     """Starts nothing by itself but the syslog collector. close() ends whatever runs."""
 
-    def __init__(self, build=None, port=1161):
+    def __init__(self, build=None, port=1161, trapPorts=()):
         build = Path(build) if build else buildFolder()
         self.folder = Path(tempfile.mkdtemp(prefix="kxhost"))
         self.folder.chmod(0o755)
         self.reportFolder = self.folder / "reports"
         self.reportFolder.mkdir()
         self.syslog = SyslogCollector()
-        self.snmpd = Snmpd(self.folder / "snmpd", port)
+        self.snmpd = Snmpd(self.folder / "snmpd", port, trapPorts)
         self.agent = Agent(self.folder / "agent", build / "agent/kxagentd", self.reportFolder)
         self.kxsnmp = Kxsnmp(self.folder / "kxsnmp", build / "daemon/kxsnmp", self.snmpd.socket, self.reportFolder)
         self.client = SnmpClient(port)

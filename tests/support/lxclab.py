@@ -45,6 +45,18 @@ class LxcLab:
         """Writes a file inside the lab, where /var/lib/lxc is the lab's own."""
         subprocess.run([*self.launcher, "tee", path], input=text, stdout=subprocess.DEVNULL, text=True, check=True)
 
+    def ip(self, name, *arguments):
+        """Runs `ip` in the network namespace of a running container."""
+        init = self.do("exec", "lxc-info", "-pH", "-n", name).strip()
+        self.do("exec", "nsenter", "--net", "--target", init, "--", "ip", *arguments)
+
+    def configuredAddress(self, name):
+        """The one address of a container, as the lab has put it into its configuration: ADDRESS, PREFIX LENGTH."""
+        path = f"/var/lib/lxc/{name}/config"
+        text = self.do("exec", "sed", "-n", "s/^lxc.net.0.ipv4.address = //p", path).strip()
+        address, prefix = text.split("/")
+        return address, int(prefix)
+
     def close(self):
         self._holder.stdin.close()
         self._holder.wait(_COMMAND_DEADLINE_S)

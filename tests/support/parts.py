@@ -60,7 +60,7 @@ def _end(popen, signalNumber, what):
 class Snmpd:
     """net-snmp's master agent on a port of its own; "public" may read and "private" may write our subtree."""
 
-    def __init__(self, folder, port=1161):
+    def __init__(self, folder, port=1161, trapPorts=()):
         self.port = port
         self.folder = Path(folder)
         self.socket = self.folder / "agentx"
@@ -77,6 +77,7 @@ class Snmpd:
             f"view kx included .{SUBTREE}\n"
             "rocommunity public 127.0.0.1 -V kx\n"
             "rwcommunity private 127.0.0.1 -V kx\n"
+            + "".join(f"trap2sink 127.0.0.1:{trapPort} public\n" for trapPort in trapPorts)
         )
 
     @property
@@ -101,6 +102,42 @@ class Snmpd:
 
     def stop(self, signalNumber=signal.SIGTERM):
         return _end(self._popen, signalNumber, "snmpd")
+
+
+class Snmptrapd:
+    """net-snmp's trap receiver on a port of its own; what it gets it writes into a file, a line a trap."""
+
+    # Sender's address, then the variables, separated so that no text can look like the separator's line end.
+    _FORMAT = "%b\\t%v\\n"
+
+    def __init__(self, folder, port=1162):
+        self.port = port
+        self.folder = Path(folder)
+        self.log = self.folder / "log"
+        self._popen = None
+        self.folder.mkdir(parents=True)
+        self._config = self.folder / "snmptrapd.conf"
+        self._config.write_text(f"disableAuthorization yes\nformat2 {self._FORMAT}\n")
+
+    def start(self):
+        arguments = ["-f", "-n", "-m", "", "-On", "-C", "-c", self._config, "-Lf", self.log]
+        arguments.append(f"udp:127.0.0.1:{self.port}")
+        self._popen = _launch("/usr/sbin/snmptrapd", arguments, _librarySettings(self.folder), self.folder / "output")
+        waitUntil(self._listens, START_DEADLINE_S, f"snmptrapd listens on port {self.port}")
+
+    def _listens(self):
+        if self._popen.poll() is not None:
+            raise AssertionError(f"snmptrapd ended with status {self._popen.returncode}:\n{self.log.read_text()}")
+        return f":{self.port:04X} " in Path("/proc/net/udp").read_text()
+
+    def traps(self):
+        """A list of the variables of each trap: pairs of an OID and a value as net-snmp prints it."""
+        lines = self.log.read_text(errors="replace").splitlines() if self.log.exists() else []
+        shown = (line.split("\t")[1:] for line in lines if line.startswith("UDP: "))
+        return [[tuple(variable.split(" = ", 1)) for variable in variables] for variables in shown]
+
+    def stop(self, signalNumber=signal.SIGTERM):
+        return _end(self._popen, signalNumber, "snmptrapd")
 
 
 class Agent:

@@ -19,6 +19,7 @@ MAX_OID_LENGTH = 128  # RFC 3416, section 4.1
 
 _SEQUENCE = 0x30
 _GET, _GETNEXT, _RESPONSE, _SET, _GETBULK = 0xA0, 0xA1, 0xA2, 0xA3, 0xA5
+_TRAP_2 = 0xA7
 _VERSION_2C = 1
 _MAX_DATAGRAM_BYTES = 65535
 _UNSIGNED_TAGS = (COUNTER32, UNSIGNED32, TIMETICKS, COUNTER64)
@@ -159,6 +160,18 @@ def _decodeVarbinds(body):
         tag, content = one.element()
         varbinds.append(Varbind(oid, tag, _decodeValue(tag, content)))
     return varbinds
+
+
+def parseTrap(datagram):
+    """The varbinds of an SNMPv2 trap. Raises ValueError for anything else."""
+    message = _Reader(_Reader(datagram).expect(_SEQUENCE))
+    if message.integer() != _VERSION_2C:
+        raise ValueError("no SNMPv2c message")
+    message.expect(OCTET_STRING)
+    pdu = _Reader(message.expect(_TRAP_2))
+    for _ in range(3):
+        pdu.integer()
+    return _decodeVarbinds(pdu.expect(_SEQUENCE))
 
 
 # ---- the client ---------------------------------------------------------------------------------------------
