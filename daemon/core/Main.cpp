@@ -4,6 +4,8 @@
 #include <cstdlib>
 
 #include "core/MibModule.h"
+#include "core/RequestLoop.h"
+#include "mib/LibraryLock.h"
 #include "mib/NetSnmp.h"
 
 namespace {
@@ -39,6 +41,8 @@ void startLibrary() {
     daemonize();
     init_agent(agentName);
     init_mib_module();
+    // From here on alerts may come, and traps be sent, on another thread.
+    const InLibrary library;
     // Whether a master agent is there is not looked at: connecting, now or later, is the library's affair.
     init_snmp(agentName);
     if (!isSubAgent) {
@@ -63,7 +67,7 @@ int main(int /*argc*/, char** /*argv*/) {
     // Debugging output may be asked for by the library's configuration, but only for start-up.
     snmp_set_do_debugging(0);
     while (running != 0) {
-        agent_check_and_process(1);
+        serveRequests();
     }
     finalize_mib_module();
     snmp_shutdown(agentName);

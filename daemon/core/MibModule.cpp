@@ -1,6 +1,7 @@
 #include "core/MibModule.h"
 
 #include "link/SNMPNodeLocal.h"
+#include "mib/LibraryLock.h"
 #include "mib/NetSnmp.h"
 #include "mib/Registration.h"
 #include "traps/InitTraps.h"
@@ -11,6 +12,7 @@
 void init_mib_module() {
     snmp_log(LOG_WARNING, "CorvaneMIB: Initializing the CorvaneMIB module\n");
     init_traps();
+    const InLibrary library;  // not before: making the link waits for its thread
     register_tables();
     register_scalars();
     snmp_log(LOG_WARNING, "CorvaneMIB: Done initalizing CorvaneMIB module\n");

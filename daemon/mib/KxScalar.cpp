@@ -4,6 +4,7 @@
 #include <string>
 
 #include "link/SNMPNodeLocal.h"
+#include "mib/LibraryLock.h"
 #include "mib/OidLayout.h"
 
 namespace {
@@ -60,6 +61,7 @@ void answerGet(const netsnmp_handler_registration* reginfo, netsnmp_request_info
 
 extern "C" int KxScalar_get_handler(netsnmp_mib_handler* /*handler*/, netsnmp_handler_registration* reginfo,
                                     netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) noexcept {
+    const OutOfLibrary outside;  // both values are asked of the link
     switch (reqinfo->mode) {
         case MODE_GET:
             for (netsnmp_request_info* request = requests; request != nullptr; request = request->next) {

@@ -21,6 +21,7 @@
 #include <memory>
 
 #include "mib/ColumnValue.h"
+#include "mib/LibraryLock.h"
 #include "mib/TableDataContext.h"
 
 namespace kx::mib {
@@ -65,6 +66,7 @@ public:
     static netsnmp_variable_list* first_data_point(void** loop_context, void** /*data_context*/,
                                                    netsnmp_variable_list* put_index_data,
                                                    netsnmp_iterator_info* iinfo) noexcept {
+        const OutOfLibrary outside;  // taking a snapshot asks the link
         endWalk(iinfo);
         auto walk = std::make_unique<TableWalk<T>>();
         auto cursor = std::make_unique<Cursor>(walk->snapshot.begin());
@@ -123,6 +125,7 @@ public:
     /// @return always 0: errors are set on the requests
     static int final_handler(netsnmp_mib_handler* /*handler*/, netsnmp_handler_registration* /*reginfo*/,
                              netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) noexcept {
+        const OutOfLibrary outside;  // a column may ask the link
         kx::mib::answerRequests(reqinfo, requests, T::maxColumn, &readColumn);
         return SNMP_ERR_NOERROR;
     }

@@ -2,6 +2,7 @@
 
 #include <boost/pointer_cast.hpp>
 
+#include "mib/LibraryLock.h"
 #include "mib/Varbind.h"
 #include "traps/SNMPNotificationData.h"
 
@@ -40,6 +41,7 @@ int SNMPVeQoSNotificationSender::receive(const KXLEvent& event) {
     const auto notification = boost::dynamic_pointer_cast<SNMPNotificationData>(event.getData());
     const auto& enterprise = notification->enterprise;
     const VarbindPtr variables = makeVariables(notification->variables);
+    const InLibrary library;  // the main thread may be answering a request on the same session
     send_enterprise_trap_vars(notification->genericTrap, notification->specificTrap, enterprise.subIds(),
                               static_cast<int>(enterprise.length()), variables.get());
     return 0;

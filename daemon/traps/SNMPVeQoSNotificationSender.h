@@ -2,7 +2,7 @@
 //
 // Thread promise: receive() sends on the thread that dispatches the event, with the link's lock held: the event loop's,
 // not the main one. That is the design: a trap leaves as soon as its alert is known, with no queue in between. It is
-// the one use of the agent library outside the main thread.
+// the one use of the agent library outside the main thread; it takes its turn there (LibraryLock.h).
 #pragma once
 
 #include "events/KXLReceiver.h"

@@ -1,0 +1,64 @@
+#include "core/RequestLoop.h"
+
+#include <sys/select.h>
+
+#include "mib/LibraryLock.h"
+#include "mib/NetSnmp.h"
+
+// clang-format off
+#include <net-snmp/library/large_fd_set.h>
+#include <net-snmp/library/fd_event_manager.h>
+// clang-format on
+
+namespace {
+
+/// What the library waits for: input on its sockets, and its next alarm.
+class Awaited {
+public:
+    Awaited() {
+        netsnmp_large_fd_set_init(&readable_, FD_SETSIZE);
+        netsnmp_large_fd_set_init(&writable_, FD_SETSIZE);
+        netsnmp_large_fd_set_init(&exceptional_, FD_SETSIZE);
+        // The library is asked how long it would wait at most; it says by `block` that it would wait for ever.
+        int block = 1;
+        snmp_select_info2(&descriptors_, &readable_, &timeout_, &block);
+        netsnmp_external_event_info2(&descriptors_, &readable_, &writable_, &exceptional_);
+        hasTimeout_ = block == 0;
+    }
+    ~Awaited() {
+        netsnmp_large_fd_set_cleanup(&readable_);
+        netsnmp_large_fd_set_cleanup(&writable_);
+        netsnmp_large_fd_set_cleanup(&exceptional_);
+    }
+    Awaited(const Awaited&) = delete;
+    Awaited& operator=(const Awaited&) = delete;
+
+    /// @return false when a signal came first
+    bool wait() {
+        return netsnmp_large_fd_set_select(descriptors_, &readable_, &writable_, &exceptional_,
+                                           hasTimeout_ ? &timeout_ : nullptr) >= 0;
+    }
+
+private:
+    int descriptors_ = 0;
+    netsnmp_large_fd_set readable_{};
+    netsnmp_large_fd_set writable_{};
+    netsnmp_large_fd_set exceptional_{};
+    timeval timeout_{};
+    bool hasTimeout_ = false;
+};
+
+}  // namespace
+
+void serveRequests() {
+    const InLibrary library;
+    Awaited awaited;
+    bool isReady = false;
+    {
+        const OutOfLibrary waiting;
+        isReady = awaited.wait();
+    }
+    if (isReady) {
+        agent_check_and_process(1);
+    }
+}

@@ -1,0 +1,66 @@
+// Who may be inside the agent library, which is not made for several threads.
+//
+// Traps are sent on the client library's event-loop thread, at any moment; all else that uses the agent library runs on
+// the main thread. Both send on the one session with the master agent, which has one buffer and one list of what is
+// unanswered: without turns, a trap that is sent while a request is being answered takes the answer's place in the
+// buffer, and one of the two is lost, or the master agent closes a session that makes no sense to it.
+//
+// Thread promise: any thread. Turns are given in the order in which they were asked for. Not recursive.
+//
+// The lock is the last of all: whoever holds it waits for no other lock and for no other thread. The main thread
+// therefore gives it up while it waits for requests, and while it is in a callback of ours that asks the link for
+// anything: the link's lock is held by whoever sends a trap.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+
+/// @brief The turns. Works with std::lock_guard.
+class LibraryLock {
+public:
+    /// The one of the process.
+    static LibraryLock& instance();
+
+    void lock();
+    void unlock();
+
+    /// @return whether the calling thread holds it
+    static bool isHeldHere();
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::uint64_t nextTicket_ = 0;
+    std::uint64_t served_ = 0;
+};
+
+/// @brief The calling thread may use the agent library for as long as this lives.
+class InLibrary {
+public:
+    InLibrary() { LibraryLock::instance().lock(); }
+    ~InLibrary() { LibraryLock::instance().unlock(); }
+    InLibrary(const InLibrary&) = delete;
+    InLibrary& operator=(const InLibrary&) = delete;
+};
+
+/// @brief Inside a callback of the agent library: others may use it for as long as this lives. What the callback may
+/// use meanwhile is what belongs to its own request.
+class OutOfLibrary {
+public:
+    OutOfLibrary() : wasIn_(LibraryLock::isHeldHere()) {
+        if (wasIn_) {
+            LibraryLock::instance().unlock();
+        }
+    }
+    ~OutOfLibrary() {
+        if (wasIn_) {
+            LibraryLock::instance().lock();
+        }
+    }
+    OutOfLibrary(const OutOfLibrary&) = delete;
+    OutOfLibrary& operator=(const OutOfLibrary&) = delete;
+
+private:
+    const bool wasIn_;
+};
