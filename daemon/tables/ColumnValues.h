@@ -16,6 +16,13 @@ inline ColumnValue numberColumn(std::uint8_t asnType, std::int32_t value) {
     return column;
 }
 
+/// @brief A 64-bit counter.
+inline ColumnValue counterColumn(std::int64_t value) {
+    ColumnValue column(ASN_COUNTER64);
+    column.setInt64(value);
+    return column;
+}
+
 /// @brief What a text says as a value of a type, see ColumnValue::setFromString.
 inline ColumnValue parsedColumn(std::uint8_t asnType, const std::string& text) {
     ColumnValue column(asnType);

@@ -13,3 +13,9 @@
 inline void logUnknownTag(unsigned tag) {
     snmp_log(LOG_ERR, "problem encountered in %s: unknown tag %d\n", "operator[]", static_cast<int>(tag));
 }
+
+/// @brief The same of the network-counter table, whose message is formatted by "%ld"; both formats are kept as they
+/// are.
+inline void logUnknownLongTag(unsigned tag) {
+    snmp_log(LOG_ERR, "problem encountered in %s: unknown tag %ld\n", "operator[]", static_cast<long>(tag));
+}

@@ -1,11 +1,81 @@
-// Tables of per-container performance counters.
+// Tables of per-container performance counters. Which counter a column shows is said by the agent's vocabulary: the
+// order of the names in a class's category is the order of the columns.
 //
 // Thread promise: main thread, inside the handling of one request.
+//
+// What a row class offers:
+//     static constexpr const char* className          the counter class
+//     Row(int veid, const std::string& instance, InstanceCounters counters)
 #pragma once
 
-#include "tables/NoRows.h"
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
 
-/// @brief The table type of a counter table, for TableHelperHelper. Its row source has not landed yet.
+#include "link/SNMPNodeLocal.h"
+#include "perf/ClassStats.h"
+
+#include <kxl/KXLPerfStat.h>
+
+/// @brief The counters of one instance. Rows are copied for every look at their index, so copies share the map; one
+/// that grows takes a map of its own.
+class InstanceCounters {
+public:
+    explicit InstanceCounters(CounterMap counters)
+        : counters_(std::make_shared<const CounterMap>(std::move(counters))) {}
+
+    /// @brief A counter's statistics. One that is missing reads 0 and is there from then on, in this copy.
+    const KXLPerfStat& at(const std::string& name) {
+        const auto found = counters_->find(name);
+        return found == counters_->end() ? add(name) : found->second;
+    }
+
+    std::size_t size() const { return counters_->size(); }
+
+private:
+    const KXLPerfStat& add(const std::string& name) {
+        auto grown = std::make_shared<CounterMap>(*counters_);
+        const KXLPerfStat& added = (*grown)[name];
+        counters_ = std::move(grown);
+        return added;
+    }
+
+    std::shared_ptr<const CounterMap> counters_;
+};
+
+/// @brief The names of a class's counters, in the order of the vocabulary, fetched anew with every call.
+std::vector<std::string> counterNames(const std::string& className);
+
+/// @brief The rows as they were when the walk began: by container, then by the name of the instance.
+template <typename RowT>
+class CountersSnapshot {
+public:
+    using Cursor = typename std::vector<RowT>::const_iterator;
+
+    /// Takes the link's data; empty when there is no link.
+    CountersSnapshot() : CountersSnapshot(statsOfLink()) {}
+    explicit CountersSnapshot(ClassStats stats) {
+        for (auto& [veid, instances] : stats) {
+            for (auto& [instance, counters] : instances) {
+                rows_.emplace_back(veid, instance, InstanceCounters(std::move(counters)));
+            }
+        }
+    }
+
+    Cursor begin() const { return rows_.begin(); }
+    Cursor end() const { return rows_.end(); }
+
+private:
+    static ClassStats statsOfLink() {
+        SNMPNodeLocal* const link = SNMPNodeLocal::instance();
+        return link == nullptr ? ClassStats() : link->getStats(RowT::className);
+    }
+
+    std::vector<RowT> rows_;
+};
+
+/// @brief The table type of a counter table, for TableHelperHelper.
 /// @tparam KeysT the key list: the container's number first, as a foreign key
 /// @tparam RowT the row class
 /// @tparam firstColumn,lastColumn the columns that requests can name
@@ -13,8 +83,8 @@ template <typename KeysT, typename RowT, unsigned firstColumn, unsigned lastColu
 struct VeCountersTable {
     using Keys = KeysT;
     using Row = RowT;
-    using Cursor = NoRowsCursor<Row>;
-    using Snapshot = NoRowsSnapshot<Row>;
+    using Cursor = typename std::vector<Row>::const_iterator;
+    using Snapshot = CountersSnapshot<Row>;
 
     static constexpr unsigned minColumn = firstColumn;
     static constexpr unsigned maxColumn = lastColumn;
