@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "agent/alerts/Alert.h"
+#include "agent/counters/CounterImage.h"
 #include "agent/inventory/Environment.h"
 #include "agent/vocabulary/Vocabulary.h"
 
@@ -25,6 +27,10 @@ public:
 
     /// @brief The host's whole image, at the start and after every change. The inventory finds the differences.
     virtual void hostChanged(HostImage image) = 0;
+
+    /// @brief A resource has run out, is about to, or has recovered. Not before the image with the environment that
+    /// it is about.
+    virtual void alert(AlertSignal /*signal*/) {}
 };
 
 /// A source of environments.
@@ -41,6 +47,13 @@ public:
 
     /// @return the backend's name for log lines: "lxc", "simulated"
     virtual std::string name() const = 0;
+
+    /// @brief Reads the counters of all containers.
+    /// @param sink called once, before this returns or soon after, unless the backend is stopped before
+    virtual void readCounters(const CounterSink& sink) { sink({std::chrono::steady_clock::now(), {}}); }
+
+    /// @return whether there is no real host behind it, so that alerts may be made up as clients wish
+    virtual bool isDescribed() const { return false; }
 };
 
 }  // namespace kx::agent

@@ -64,7 +64,11 @@ Agent::Agent(AgentSettings settings)
       config_(loadConfig(settings_.configFile, settings_.configMustExist)),
       machineId_(machineId(kSystemMachineIdFile, config_.stateDirectory)),
       content_(hostEnvironment(machineId_)),
+      counters_(
+          io_, [this](const CounterSink& sink) { slot_->readCounters(sink); }, config_.periodScale),
       server_(makeServer(config_)),
+      alerts_(io_, content_.inventory().environments().front().eid, config_.alerts,
+              [this](const std::vector<Alert>& alerts) { server_->publish(alerts); }),
       slot_(makeSlot(chooseBackend(config_), config_)) {
     waitForSignal();
     firstImageTimer_.expires_after(kFirstImagePatience);
@@ -87,17 +91,21 @@ void Agent::run() {
 std::unique_ptr<Server> Agent::makeServer(const Config& config) {
     const AccessPolicy access = AccessPolicy::ofSystem();
     warnWithoutGroup(access);
-    ServerSettings settings{config.socket, settings_.program, content_.inventory().environments().front().eid, access,
-                            ServerLimits()};
+    ServerSettings settings{config.socket, settings_.program, content_.inventory().environments().front().eid,
+                            access,        ServerLimits(),    this,
+                            &counters_};
     return std::make_unique<Server>(io_, std::move(settings), content_);
 }
 
 std::unique_ptr<BackendSlot> Agent::makeSlot(BackendKind kind, const Config& config) {
-    return std::make_unique<BackendSlot>(io_, kind, config, machineId_,
-                                         [this](HostImage image) { hostChanged(std::move(image)); });
+    const auto make = [&](BackendListener& listener) { return makeBackend(io_, kind, config, machineId_, listener); };
+    return std::make_unique<BackendSlot>(
+        kind, make, [this](HostImage image) { hostChanged(std::move(image)); },
+        [this](AlertSignal signal) { alerts_.take(std::move(signal)); });
 }
 
 void Agent::hostChanged(HostImage image) {
+    counters_.setVocabularies(image.vocabularies);
     const HostUpdate update = content_.apply(std::move(image));
     server_->publish(update);
     if (!serving_) {
@@ -107,6 +115,14 @@ void Agent::hostChanged(HostImage image) {
     if (isLarge(update)) {
         ::malloc_trim(0);
     }
+}
+
+std::string Agent::whyNoAlerts() const {
+    return slot_->isDescribed() ? "" : "only a described host can be told to report alerts; this one is real";
+}
+
+void Agent::raise(AlertSignal signal) {
+    alerts_.take(std::move(signal));
 }
 
 void Agent::beginToServe() {
@@ -175,8 +191,11 @@ void Agent::switchTo(const Config& fresh) {
     if (slot) {
         slot_ = std::move(slot);
         slot_->activate();
+        counters_.readAnew();
     }
     config_ = fresh;
+    counters_.setPeriodScale(fresh.periodScale);
+    alerts_.setLimits(fresh.alerts);
     log::info(fmt::format("read the configuration again; {}", summary()));
 }
 

@@ -12,8 +12,10 @@
 #include <memory>
 #include <string>
 
+#include "agent/alerts/AlertService.h"
 #include "agent/core/BackendSlot.h"
 #include "agent/core/Config.h"
+#include "agent/counters/CounterService.h"
 #include "agent/inventory/HostContent.h"
 #include "agent/server/Server.h"
 
@@ -27,17 +29,20 @@ struct AgentSettings {
 };
 
 /// One per process: it takes the process's signals.
-class Agent {
+class Agent : private AlertRaiser {
 public:
     /// @brief Reads the configuration, listens on the socket and starts the backend.
     /// @throws std::runtime_error, ConfigError among them, when one of these fails; the text says which and why
     explicit Agent(AgentSettings settings);
-    ~Agent();
+    ~Agent() override;
 
     /// @brief Serves clients until a signal says to stop.
     void run();
 
 private:
+    std::string whyNoAlerts() const override;
+    void raise(AlertSignal signal) override;
+
     std::unique_ptr<Server> makeServer(const Config& config);
     std::unique_ptr<BackendSlot> makeSlot(BackendKind kind, const Config& config);
     std::unique_ptr<BackendSlot> startNewBackend(BackendKind kind, const Config& config);
@@ -57,7 +62,9 @@ private:
     Config config_;
     std::string machineId_;  ///< kept for the life of the process: all identifiers come from it
     HostContent content_;
+    CounterService counters_;  ///< outlives the server, which tells it whose connections have gone
     std::unique_ptr<Server> server_;
+    AlertService alerts_;
     std::unique_ptr<BackendSlot> slot_;
     bool serving_ = false;
 };

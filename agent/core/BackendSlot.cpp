@@ -4,9 +4,8 @@
 
 namespace kx::agent {
 
-BackendSlot::BackendSlot(boost::asio::io_context& io, BackendKind kind, const Config& config,
-                         const std::string& machineId, Sink sink)
-    : kind_(kind), sink_(std::move(sink)), backend_(makeBackend(io, kind, config, machineId, *this)) {}
+BackendSlot::BackendSlot(BackendKind kind, const Maker& maker, Sink sink, AlertSink alertSink)
+    : kind_(kind), sink_(std::move(sink)), alertSink_(std::move(alertSink)), backend_(maker(*this)) {}
 
 BackendSlot::~BackendSlot() {
     backend_->stop();
@@ -17,6 +16,9 @@ void BackendSlot::activate() {
     if (heldBack_) {
         sink_(*std::exchange(heldBack_, std::nullopt));
     }
+    for (AlertSignal& signal : std::exchange(alertsHeldBack_, {})) {
+        alertSink_(std::move(signal));
+    }
 }
 
 void BackendSlot::hostChanged(HostImage image) {
@@ -24,6 +26,14 @@ void BackendSlot::hostChanged(HostImage image) {
         sink_(std::move(image));
     } else {
         heldBack_ = std::move(image);
+    }
+}
+
+void BackendSlot::alert(AlertSignal signal) {
+    if (active_) {
+        alertSink_(std::move(signal));
+    } else {
+        alertsHeldBack_.push_back(std::move(signal));
     }
 }
 

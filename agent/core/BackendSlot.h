@@ -4,11 +4,11 @@
 // Main thread only.
 #pragma once
 
-#include <boost/asio/io_context.hpp>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "agent/core/BackendChoice.h"
 
@@ -18,33 +18,44 @@ namespace kx::agent {
 class BackendSlot : private BackendListener {
 public:
     using Sink = std::function<void(HostImage)>;
+    using AlertSink = std::function<void(AlertSignal)>;
 
-    /// @param io must outlive the slot
+    /// Makes the backend; the listener is the slot's own.
+    using Maker = std::function<std::unique_ptr<Backend>(BackendListener&)>;
+
+    /// @param kind what the maker makes
     /// @param sink takes the images, from activate() to stop()
-    BackendSlot(boost::asio::io_context& io, BackendKind kind, const Config& config, const std::string& machineId,
-                Sink sink);
+    /// @param alertSink takes the alerts likewise
+    BackendSlot(BackendKind kind, const Maker& maker, Sink sink, AlertSink alertSink);
     ~BackendSlot() override;
 
     /// @brief Starts watching.
     /// @throws std::runtime_error when there is nothing to watch; the slot can be thrown away then
     void start() { backend_->start(); }
 
-    /// @brief Lets the images through, at once the last one held back.
+    /// @brief Lets images and alerts through, at once the last image and all alerts that were held back.
     void activate();
 
     /// @brief Stops watching; may be followed by start().
     void stop() { backend_->stop(); }
 
+    /// @brief See Backend::readCounters().
+    void readCounters(const CounterSink& sink) { backend_->readCounters(sink); }
+
     BackendKind kind() const { return kind_; }
     std::string name() const { return backend_->name(); }
+    bool isDescribed() const { return backend_->isDescribed(); }
 
 private:
     void hostChanged(HostImage image) override;
+    void alert(AlertSignal signal) override;
 
     BackendKind kind_;
     Sink sink_;
+    AlertSink alertSink_;
     bool active_ = false;
     std::optional<HostImage> heldBack_;
+    std::vector<AlertSignal> alertsHeldBack_;
     std::unique_ptr<Backend> backend_;
 };
 

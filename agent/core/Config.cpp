@@ -35,9 +35,10 @@ public:
                        {"backend", [this](const Node& node) { config_.backend = backendOf(node); }},
                        {"lxc", section("lxc", {{"path", path(config_.lxcPath)}})},
                        {"simulated", section("simulated", {{"inventory", path(config_.inventory)}})},
-                       {"monitoring", section("monitoring", {{"period_scale", [this](const Node& node) {
-                                                                  config_.periodScale = scaleOf(node);
-                                                              }}})}});
+                       {"monitoring",
+                        section("monitoring",
+                                {{"period_scale", [this](const Node& node) { config_.periodScale = scaleOf(node); }}})},
+                       {"alerts", alertsSection()}});
     }
 
     [[noreturn]] void fail(const toml::source_position& at, const std::string& what) const {
@@ -63,6 +64,22 @@ private:
             }
             readTable(*table, name + ".", handlers);
         };
+    }
+
+    Handler alertsSection() {
+        AlertLimits& limits = config_.alerts;
+        return section("alerts",
+                       {{"repeat_seconds",
+                         [this, &limits](const Node& node) {
+                             const double most = std::chrono::duration<double>(AlertLimits::kMaxRepeat).count();
+                             const std::chrono::duration<double> seconds(numberOf(node, 0.0, most));
+                             limits.repeat = std::chrono::round<std::chrono::milliseconds>(seconds);
+                         }},
+                        {"per_second",
+                         [this, &limits](const Node& node) {
+                             limits.perSecond = numberOf(node, AlertLimits::kMinPerSecond, AlertLimits::kMaxPerSecond);
+                         }},
+                        {"burst", [this, &limits](const Node& node) { limits.burst = burstOf(node); }}});
     }
 
     template <typename Handlers>
@@ -131,6 +148,29 @@ private:
             fail(node, fmt::format("must be above 0 and at most {}", kMaxPeriodScale));
         }
         return scale;
+    }
+
+    double numberOf(const Node& node, double least, double most) const {
+        if (!node.value.is_number()) {
+            fail(node, "must be a number");
+        }
+        const double number = node.value.value<double>().value_or(least - 1.0);
+        // Written so that "nan" is refused too.
+        if (!(number >= least && number <= most)) {
+            fail(node, fmt::format("must be at least {} and at most {}", least, most));
+        }
+        return number;
+    }
+
+    std::uint32_t burstOf(const Node& node) const {
+        const auto* number = node.value.as_integer();
+        if (number == nullptr) {
+            fail(node, "must be a whole number");
+        }
+        if (number->get() < 1 || number->get() > AlertLimits::kMaxBurst) {
+            fail(node, fmt::format("must be at least 1 and at most {}", AlertLimits::kMaxBurst));
+        }
+        return static_cast<std::uint32_t>(number->get());
     }
 
     const std::string& fileName_;

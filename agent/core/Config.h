@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "agent/alerts/AlertLimits.h"
+
 namespace kx::agent {
 
 /// Where the configuration is looked for when the command line names no file. It need not exist.
@@ -24,6 +26,7 @@ struct Config {
     std::string lxcPath = "/var/lib/lxc";
     std::string inventory = "/etc/kxagent/inventory.toml";
     double periodScale = 1.0;  ///< a requested reporting period is multiplied by this; above 0, at most 1000
+    AlertLimits alerts;
 
     bool operator==(const Config&) const = default;
 };

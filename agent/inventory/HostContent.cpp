@@ -21,7 +21,8 @@ HostContent::HostContent(Environment host) : inventory_(std::move(host)), vocabu
 
 HostUpdate HostContent::apply(HostImage image) {
     HostUpdate update;
-    update.deltas = inventory_.apply(std::move(image.environments));
+    update.deltas = inventory_.apply(std::move(image.environments), begun_ ? &update.changes : nullptr);
+    begun_ = true;
     if (image.vocabularies != vocabularies_) {
         vocabularies_ = std::move(image.vocabularies);
         update.vocabularySet = encodeSet(vocabularies_);

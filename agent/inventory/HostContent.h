@@ -12,8 +12,9 @@ namespace kx::agent {
 
 /// What is new to clients that know the content before.
 struct HostUpdate {
-    std::vector<FrameBody> deltas;  ///< in order; empty when the environments are the same
-    FrameBody vocabularySet;        ///< null when the vocabularies are the same
+    std::vector<FrameBody> deltas;           ///< in order; empty when the environments are the same
+    FrameBody vocabularySet;                 ///< null when the vocabularies are the same
+    std::vector<EnvironmentChange> changes;  ///< what the deltas change; nothing for the first image
 };
 
 /// The present content.
@@ -22,7 +23,9 @@ public:
     /// @param host see Inventory
     explicit HostContent(Environment host);
 
-    /// @brief Takes over what a backend has found. Vocabularies that do not fit into a frame are logged and not taken.
+    /// @brief Takes over what a backend has found. The first image is the beginning and no change, though clients may
+    /// have been shown the host without containers before it. Vocabularies that do not fit into a frame are logged and
+    /// not taken.
     /// @return what has changed by it
     HostUpdate apply(HostImage image);
 
@@ -36,6 +39,7 @@ private:
     Inventory inventory_;
     std::vector<Vocabulary> vocabularies_;
     FrameBody vocabularySet_;
+    bool begun_ = false;  ///< an image has been applied
 };
 
 }  // namespace kx::agent

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <functional>
 #include <string_view>
 #include <unordered_set>
@@ -16,19 +17,23 @@ namespace {
 /// Tag and length of an identifier in a delta.
 constexpr std::size_t kRemovedBytes = wire::kEidBytes + 2;
 
-/// Fills deltas, beginning a new one whenever a frame is full.
+/// Fills deltas, beginning a new one whenever a frame is full, and keeps a list of what is in them.
 class DeltaWriter {
 public:
-    explicit DeltaWriter(std::uint64_t& generation) : generation_(generation) {}
+    DeltaWriter(std::uint64_t& generation, std::vector<EnvironmentChange>* changes)
+        : generation_(generation), changes_(changes) {}
 
-    void remove(const Eid& eid) {
+    void remove(const Environment& environment) {
         makeRoom(kRemovedBytes);
-        frame_.mutable_delta()->add_removed_eids(eid.toWire());
+        frame_.mutable_delta()->add_removed_eids(environment.eid.toWire());
+        note(environment, ChangeKind::Removed);
     }
 
-    void change(const Environment& environment) {
+    /// @param kind Added or Modified, which are the same in a delta
+    void change(const Environment& environment, ChangeKind kind) {
         makeRoom(wireBytesAtMost(environment));
         toWire(environment, *frame_.mutable_delta()->add_changed());
+        note(environment, kind);
     }
 
     std::vector<FrameBody> finish() {
@@ -37,6 +42,12 @@ public:
     }
 
 private:
+    void note(const Environment& environment, ChangeKind kind) {
+        if (changes_ != nullptr) {
+            changes_->push_back({environment.eid, kind, environment.name, environment.state, environment.transition});
+        }
+    }
+
     void makeRoom(std::size_t bytes) {
         if (bytes_ + bytes > Inventory::kFrameBytes) {
             flush();
@@ -55,6 +66,7 @@ private:
     }
 
     std::uint64_t& generation_;
+    std::vector<EnvironmentChange>* changes_;
     wire::Frame frame_;
     std::size_t bytes_ = 0;
     std::vector<FrameBody> bodies_;
@@ -78,20 +90,20 @@ Inventory::Inventory(Environment host) {
     environments_.push_back(std::move(host));
 }
 
-std::vector<FrameBody> Inventory::apply(std::vector<Environment> containers) {
+std::vector<FrameBody> Inventory::apply(std::vector<Environment> containers, std::vector<EnvironmentChange>* told) {
     Changes changes = takeOver(withoutUnfit(std::move(containers)));
-    DeltaWriter writer(generation_);
+    DeltaWriter writer(generation_, told);
     for (std::size_t i = 0; i < environments_.size(); ++i) {
         if (!changes.present[i]) {
-            writer.remove(environments_[i].eid);
+            writer.remove(environments_[i]);
         }
     }
     for (const std::size_t position : changes.changed) {
-        writer.change(environments_[position]);
+        writer.change(environments_[position], ChangeKind::Modified);
     }
     removeGone(changes.present);
     for (Environment& environment : changes.added) {
-        writer.change(environment);
+        writer.change(environment, ChangeKind::Added);
         positions_.emplace(environment.eid, environments_.size());
         environments_.push_back(std::move(environment));
     }
@@ -100,6 +112,12 @@ std::vector<FrameBody> Inventory::apply(std::vector<Environment> containers) {
         chunks_.clear();
     }
     return deltas;
+}
+
+std::optional<Eid> Inventory::findByNumber(std::int32_t veid) const {
+    const auto found = std::find_if(environments_.begin(), environments_.end(),
+                                    [veid](const Environment& environment) { return environment.veid == veid; });
+    return found == environments_.end() ? std::nullopt : std::optional(found->eid);
 }
 
 /// Leaves out what cannot be published: a second environment of one identifier, and one too large for a frame.

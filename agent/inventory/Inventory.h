@@ -6,12 +6,14 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
 #include "agent/inventory/Environment.h"
+#include "agent/inventory/EnvironmentChange.h"
 #include "agent/inventory/FrameBody.h"
 
 namespace kx::agent {
@@ -46,7 +48,11 @@ public:
     /// @param containers in the backend's order
     /// @return the deltas that lead from the old list to the new one, one generation each; none when nothing differs,
     /// more than one only when a single one would not fit into a frame
-    std::vector<FrameBody> apply(std::vector<Environment> containers);
+    /// @param told gets one element for each environment that differs, in the order of the deltas; may be null
+    std::vector<FrameBody> apply(std::vector<Environment> containers, std::vector<EnvironmentChange>* told = nullptr);
+
+    /// @return the first environment of the list with this number; nothing when there is none
+    std::optional<Eid> findByNumber(std::int32_t veid) const;
 
     /// @brief The present list in chunks, in order.
     std::vector<FrameBody> snapshot();

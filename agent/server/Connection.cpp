@@ -50,17 +50,48 @@ void Connection::refuse(wire::ErrorCode code, std::string_view reason) {
 }
 
 void Connection::send(std::uint64_t requestId, const FrameBody& body) {
-    if (!isServed()) {
+    if (!isServed() || !takesMore(unsentLimit())) {
         return;
     }
     outbox_.push(requestId, body);
-    if (outbox_.load() > limits_.maxUnsentBytes) {
-        log::warning(fmt::format("dropped {}: it does not read, more than {} bytes are waiting for it",
-                                 peer_.describe(), limits_.maxUnsentBytes));
-        close();
+    if (takesMore(limits_.maxUnsentBytes)) {
+        waitForRoom();
+    }
+}
+
+void Connection::sendTogether(const std::vector<FrameBody>& bodies) {
+    if (!isServed() || !takesMore(unsentLimit())) {
         return;
     }
+    for (const FrameBody& body : bodies) {
+        outbox_.push(0, body);
+        if (!takesMore(limits_.maxUnsentBytes)) {
+            return;
+        }
+    }
     waitForRoom();
+}
+
+std::size_t Connection::unsentLimit() const {
+    const bool eventsOnly = interests_.events && !interests_.environments;
+    return eventsOnly ? limits_.maxUnsentEventBytes : limits_.maxUnsentBytes;
+}
+
+/// Drops the peer if it has not read more than the limit.
+bool Connection::takesMore(std::size_t limit) {
+    if (outbox_.load() <= limit) {
+        return true;
+    }
+    log::warning(
+        fmt::format("dropped {}: it does not read, more than {} bytes are waiting for it", peer_.describe(), limit));
+    close();
+    return false;
+}
+
+void Connection::flush() {
+    if (isServed()) {
+        writeSome();
+    }
 }
 
 void Connection::abandon() {

@@ -17,6 +17,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "agent/server/Outbox.h"
 #include "agent/server/PeerIdentity.h"
@@ -63,6 +64,14 @@ public:
     /// @param body not null
     void send(std::uint64_t requestId, const FrameBody& body);
 
+    /// @brief Queues frames that happened at once. Only what was queued before them can be too much, as long as they
+    /// do not exceed what every connection may have queued.
+    /// @param bodies not null, in order
+    void sendTogether(const std::vector<FrameBody>& bodies);
+
+    /// @brief Writes what is queued, as much as the socket takes now, instead of in its turn.
+    void flush();
+
     /// @brief Says good-bye for the whole agent and closes at once: what does not fit into the socket is lost.
     /// Nothing of the owner is called from here on.
     void abandon();
@@ -77,6 +86,7 @@ public:
     struct Interests {
         bool environments = false;
         bool vocabularies = false;
+        bool events = false;
     };
     Interests& interests() { return interests_; }
 
@@ -88,6 +98,8 @@ private:
     void takeFrames();
     void takeFrame(std::string_view payload);
     void takeHello(const wire::Hello& hello);
+    std::size_t unsentLimit() const;
+    bool takesMore(std::size_t limit);
     void waitForRoom();
     void writeSome();
     void setDeadline(std::chrono::milliseconds fromNow);

@@ -10,6 +10,9 @@
 namespace kx::agent {
 namespace {
 
+/// Source of alerts that a client had raised.
+constexpr const char* kRaisedSource = "raised";
+
 FrameBody encodeHello(const ServerSettings& settings) {
     wire::Frame frame;
     *frame.mutable_hello() = wire::makeHello(settings.program);
@@ -23,6 +26,43 @@ FrameBody encodePong() {
     return encodeBody(frame);
 }
 
+FrameBody encodeDone() {
+    wire::Frame frame;
+    frame.mutable_done();
+    return encodeBody(frame);
+}
+
+/// @return what is wrong with the form of a request; empty when it is good
+std::string faultOf(const wire::AlertRaise& request) {
+    if (request.target_case() == wire::AlertRaise::TARGET_NOT_SET) {
+        return "the alert has no target: neither an identifier nor a container's number";
+    }
+    if (request.has_eid() && request.eid().size() != wire::kEidBytes) {
+        return fmt::format("an identifier has {} bytes, this one has {}", wire::kEidBytes, request.eid().size());
+    }
+    if (request.text().size() > kMaxAlertTextBytes) {
+        return fmt::format("the alert's text has {} bytes, the limit is {}", request.text().size(), kMaxAlertTextBytes);
+    }
+    return {};
+}
+
+Eid eidOf(const std::string& bytes) {
+    Eid eid;
+    std::copy(bytes.begin(), bytes.end(), eid.bytes.begin());
+    return eid;
+}
+
+constexpr const char* kNoCounters = "there are no counters here";
+
+/// Counters are told while their client is there.
+CounterService::Send sendingTo(Connection& connection) {
+    return [weak = connection.weak_from_this()](std::uint64_t requestId, const FrameBody& body) {
+        if (const auto client = weak.lock()) {
+            client->send(requestId, body);
+        }
+    };
+}
+
 }  // namespace
 
 Server::Server(boost::asio::io_context& io, ServerSettings settings, HostContent& content)
@@ -31,12 +71,16 @@ Server::Server(boost::asio::io_context& io, ServerSettings settings, HostContent
       file_(settings_.socketPath, settings_.access.group),
       hello_(encodeHello(settings_)),
       pong_(encodePong()),
+      done_(encodeDone()),
       acceptor_(io, boost::asio::local::stream_protocol(), file_.releaseListener()),
       acceptTimer_(io) {}
 
 Server::~Server() {
     for (auto& [key, connection] : connections_) {
         connection->abandon();
+        if (settings_.counters != nullptr) {
+            settings_.counters->forget(key);
+        }
     }
 }
 
@@ -108,6 +152,9 @@ std::size_t Server::leaving() const {
 }
 
 void Server::connectionClosed(Connection& connection) {
+    if (settings_.counters != nullptr) {
+        settings_.counters->forget(&connection);
+    }
     connections_.erase(&connection);
 }
 
@@ -119,6 +166,16 @@ void Server::frameReceived(Connection& from, const wire::Frame& frame) {
         from.send(frame.request_id(), content_.vocabularySet());
     } else if (frame.has_ping()) {
         from.send(frame.request_id(), pong_);
+    } else if (frame.has_event_subscribe()) {
+        subscribe(from, frame);
+    } else if (frame.has_alert_raise()) {
+        raise(from, frame);
+    } else if (frame.has_monitor_start()) {
+        startMonitor(from, frame);
+    } else if (frame.has_monitor_stop() && settings_.counters != nullptr) {
+        settings_.counters->stop(&from, frame.monitor_stop().monitor());
+    } else if (frame.has_counter_query()) {
+        answerCounters(from, frame);
     }
     // Anything else comes from a newer minor version, or answers what was not asked.
 }
@@ -131,7 +188,109 @@ void Server::sendSnapshot(Connection& to, std::uint64_t requestId) {
     }
 }
 
+void Server::subscribe(Connection& from, const wire::Frame& frame) {
+    const std::string& name = frame.event_subscribe().name();
+    if (name != wire::kEventsName) {
+        refuse(from, frame.request_id(),
+               fmt::format("there is nothing called \"{}\" to subscribe to, only \"{}\"", wire::printable(name),
+                           wire::kEventsName));
+        return;
+    }
+    from.send(frame.request_id(), done_);
+    from.interests().events = true;
+}
+
+void Server::raise(Connection& from, const wire::Frame& frame) {
+    std::string why;
+    auto signal = signalFor(frame.alert_raise(), why);
+    if (!signal) {
+        refuse(from, frame.request_id(), why);
+        return;
+    }
+    from.send(frame.request_id(), done_);
+    settings_.raiser->raise(std::move(*signal));
+}
+
+/// @param why in words, when nothing is returned
+std::optional<AlertSignal> Server::signalFor(const wire::AlertRaise& request, std::string& why) const {
+    why = faultOf(request);
+    if (why.empty()) {
+        why = settings_.raiser == nullptr ? "nobody here can raise alerts" : settings_.raiser->whyNoAlerts();
+    }
+    if (!why.empty()) {
+        return std::nullopt;
+    }
+    const auto about = request.has_eid() ? eidOf(request.eid()) : content_.inventory().findByNumber(request.veid());
+    if (!about) {
+        why = fmt::format("there is no container with the number {}", request.veid());
+        return std::nullopt;
+    }
+    return AlertSignal{*about, kRaisedSource, request.code(), request.text(), request.value()};
+}
+
+void Server::startMonitor(Connection& from, const wire::Frame& frame) {
+    const std::string why =
+        settings_.counters == nullptr
+            ? kNoCounters
+            : settings_.counters->start(&from, sendingTo(from), frame.request_id(), frame.monitor_start());
+    if (why.empty()) {
+        from.send(frame.request_id(), done_);
+    } else {
+        refuse(from, frame.request_id(), why);
+    }
+}
+
+void Server::answerCounters(Connection& from, const wire::Frame& frame) {
+    const std::string why =
+        settings_.counters == nullptr
+            ? kNoCounters
+            : settings_.counters->query(&from, sendingTo(from), frame.request_id(), frame.counter_query());
+    if (!why.empty()) {
+        refuse(from, frame.request_id(), why);
+    }
+}
+
+void Server::refuse(Connection& from, std::uint64_t requestId, std::string_view why) {
+    wire::Frame frame;
+    frame.mutable_refusal()->set_text(std::string(why));
+    from.send(requestId, encodeBody(frame));
+}
+
+/// Deltas are on their way before the events about them, so that who learns of a new container by an event can find
+/// it. Most clients have a connection for either.
 void Server::publish(const HostUpdate& update) {
+    publishEnvironments(update);
+    if (update.changes.empty() || !hasSubscribers()) {
+        return;
+    }
+    for (const auto& [key, connection] : connections_) {
+        if (connection->interests().environments) {
+            connection->flush();
+        }
+    }
+    publishEvents(encodeEvents(update.changes, settings_.clock()));
+}
+
+void Server::publish(const std::vector<Alert>& alerts) {
+    if (hasSubscribers()) {
+        publishEvents(encodeEvents(alerts, settings_.clock()));
+    }
+}
+
+bool Server::hasSubscribers() const {
+    return std::any_of(connections_.begin(), connections_.end(),
+                       [](const auto& entry) { return entry.second->interests().events; });
+}
+
+void Server::publishEvents(const std::vector<FrameBody>& events) {
+    for (const auto& [key, connection] : connections_) {
+        if (connection->interests().events) {
+            connection->sendTogether(events);
+        }
+    }
+}
+
+void Server::publishEnvironments(const HostUpdate& update) {
     for (const auto& [key, connection] : connections_) {
         if (connection->interests().environments) {
             for (const FrameBody& delta : update.deltas) {

@@ -6,10 +6,17 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <chrono>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
+#include "agent/alerts/Alert.h"
+#include "agent/counters/CounterService.h"
+#include "agent/inventory/EventFrames.h"
 #include "agent/inventory/HostContent.h"
 #include "agent/server/AccessPolicy.h"
 #include "agent/server/Connection.h"
@@ -18,6 +25,18 @@
 
 namespace kx::agent {
 
+/// Makes alerts up, where that may be.
+class AlertRaiser {
+public:
+    virtual ~AlertRaiser() = default;
+
+    /// @return why the host cannot be told to report alerts, in words; empty when it can
+    virtual std::string whyNoAlerts() const = 0;
+
+    /// @brief Has an alert reported as if it had happened.
+    virtual void raise(AlertSignal signal) = 0;
+};
+
 /// What a server is told of its surroundings.
 struct ServerSettings {
     std::string socketPath;  ///< absolute
@@ -25,6 +44,9 @@ struct ServerSettings {
     Eid serverEid;           ///< the identifier of this host's agent
     AccessPolicy access;
     ServerLimits limits;
+    AlertRaiser* raiser = nullptr;       ///< null: nobody; else must outlive the server
+    CounterService* counters = nullptr;  ///< null: there are none; else must outlive the server
+    std::function<WallTime()> clock = std::chrono::system_clock::now;
 };
 
 /// The socket and its connections.
@@ -45,6 +67,9 @@ public:
     /// @brief Sends what has changed to those who asked to be kept informed.
     void publish(const HostUpdate& update);
 
+    /// @brief Sends alerts to those who have subscribed to events.
+    void publish(const std::vector<Alert>& alerts);
+
     const std::string& socketPath() const { return file_.path(); }
 
 private:
@@ -55,6 +80,15 @@ private:
     void accepted(const boost::system::error_code& error, Connection::Socket socket);
     void acceptFailed(const boost::system::error_code& error);
     void admit(Connection::Socket socket);
+    void publishEnvironments(const HostUpdate& update);
+    void publishEvents(const std::vector<FrameBody>& events);
+    bool hasSubscribers() const;
+    void subscribe(Connection& from, const wire::Frame& frame);
+    void raise(Connection& from, const wire::Frame& frame);
+    void startMonitor(Connection& from, const wire::Frame& frame);
+    void answerCounters(Connection& from, const wire::Frame& frame);
+    std::optional<AlertSignal> signalFor(const wire::AlertRaise& request, std::string& why) const;
+    static void refuse(Connection& from, std::uint64_t requestId, std::string_view why);
     void sendSnapshot(Connection& to, std::uint64_t requestId);
     std::size_t served() const;
     std::size_t leaving() const;
@@ -64,6 +98,7 @@ private:
     SocketFile file_;
     FrameBody hello_;
     FrameBody pong_;
+    FrameBody done_;
     boost::asio::local::stream_protocol::acceptor acceptor_;
     boost::asio::steady_timer acceptTimer_;
     boost::system::error_code acceptTrouble_;  ///< the last one logged: repeated trouble is one line

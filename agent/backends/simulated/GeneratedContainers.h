@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <string>
 
+#include "agent/backends/simulated/InventoryFile.h"
 #include "agent/inventory/Environment.h"
 
 namespace kx::agent::simulated {
@@ -15,5 +16,9 @@ inline constexpr std::int32_t kFirstGeneratedVeId = 2001;
 /// @param index which one, 0..kMaxGenerated - 1; the same index gives the same container
 /// @param machineId what tells this machine from others
 Environment generateContainer(std::size_t index, const std::string& machineId);
+
+/// @brief Makes the counters of one container up: a quota, and one interface unless it is stopped.
+/// @param index which one, as above
+Counters generateCounters(std::size_t index);
 
 }  // namespace kx::agent::simulated

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "agent/backends/simulated/FileWatch.h"
+#include "agent/backends/simulated/SimulatedCounters.h"
 #include "agent/backends/simulated/SimulatedHost.h"
 #include "agent/core/Log.h"
 
@@ -40,6 +41,12 @@ public:
     void stop() override { watch_.reset(); }
 
     std::string name() const override { return "simulated"; }
+
+    bool isDescribed() const override { return true; }
+
+    void readCounters(const CounterSink& sink) override {
+        sink(simulated::readCounters(counters_, std::chrono::steady_clock::now() - countersFrom_));
+    }
 
 private:
     void fileChanged() {
@@ -79,6 +86,7 @@ private:
 
     void deliver(SimulatedHost host) {
         counters_ = std::move(host.counters);
+        countersFrom_ = std::chrono::steady_clock::now();
         listener_.hostChanged(std::move(host.image));
     }
 
@@ -90,6 +98,7 @@ private:
     std::optional<std::size_t> lastRead_;  ///< hash of the text read last, good or not; absent when it was unreadable
     std::string lastError_;                ///< logged last; empty when the file is good
     std::map<Eid, simulated::Counters> counters_;
+    std::chrono::steady_clock::time_point countersFrom_;  ///< when the file was read: counters grow from then on
 };
 
 }  // namespace

@@ -74,9 +74,11 @@ std::vector<Vocabulary> makeVocabularies(const std::optional<std::string>& produ
 }
 
 std::optional<InventoryError> addGenerated(std::size_t count, const std::string& machineId, const EidRegister& eids,
-                                           std::vector<Environment>& environments) {
+                                           SimulatedHost& host) {
+    auto& environments = host.image.environments;
     for (std::size_t index = 0; index < count; ++index) {
         environments.push_back(generateContainer(index, machineId));
+        host.counters.emplace(environments.back().eid, generateCounters(index));
         if (const auto place = eids.placeOf(environments.back().eid)) {
             return InventoryError{place->line, place->column, "this is the eid of one of the generated containers"};
         }
@@ -122,7 +124,7 @@ std::variant<SimulatedHost, InventoryError> makeHost(InventoryFile file, const s
         }
         host.image.environments.push_back(std::move(described.environment));
     }
-    if (auto error = addGenerated(file.generate, machineId, eids, host.image.environments)) {
+    if (auto error = addGenerated(file.generate, machineId, eids, host)) {
         return std::move(*error);
     }
     host.image.vocabularies = makeVocabularies(file.productVersion, std::move(file.categories));

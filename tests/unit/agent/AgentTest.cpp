@@ -66,10 +66,10 @@ protected:
         }
     }
 
-    void writeConfig(const std::string& socket, const std::string& inventory) {
+    void writeConfig(const std::string& socket, const std::string& inventory, const std::string& more = "") {
         ASSERT_EQ(replaceFile(config_, "socket = '" + (folder_ / socket) + "'\nstate_directory = '" +
                                            folder_ / "state" + "'\nbackend = 'simulated'\n[simulated]\n" +
-                                           "inventory = '" + folder_ / inventory + "'\n"),
+                                           "inventory = '" + folder_ / inventory + "'\n" + more),
                   "");
     }
 
@@ -209,6 +209,71 @@ TEST_F(AgentTest, ASocketThatCannotBeMadeLeavesTheOldOneServed) {
     ::kill(child_, SIGHUP);
     EXPECT_TRUE(isLogged("kept the old configuration: cannot listen on")) << logged();
     EXPECT_TRUE(shows("agent.sock", {"first"}));
+}
+
+/// Tells the agent to report an alert about a container.
+/// @return the answer
+wire::Frame raise(Peer& peer, std::int32_t veid, const std::string& text) {
+    wire::Frame frame;
+    frame.set_request_id(1);
+    frame.mutable_alert_raise()->set_veid(veid);
+    frame.mutable_alert_raise()->set_text(text);
+    peer.send(frame);
+    return peer.receive().value_or(wire::Frame());
+}
+
+/// @return the texts of as many alerts as are asked for, as they come
+std::vector<std::string> nextTexts(Peer& subscriber, std::size_t count) {
+    std::vector<std::string> texts;
+    while (texts.size() < count) {
+        const auto frame = subscriber.receive();
+        if (!frame) {
+            break;
+        }
+        for (const wire::Event& event : frame->event_message().events()) {
+            texts.push_back(event.resource_alert().text());
+        }
+    }
+    return texts;
+}
+
+TEST_F(AgentTest, AlertsOfADescribedHostGoThroughTheEngineWithTheLimitsOfTheConfiguration) {
+    writeConfig("agent.sock", "inventory.toml", "[alerts]\nrepeat_seconds = 0.2\n");
+    ASSERT_EQ(replaceFile(folder_ / "inventory.toml", "[[environment]]\nname = 'first'\nveid = 101\n"), "");
+    start();
+    ASSERT_TRUE(shows("agent.sock", {"first"}));
+    Peer subscriber(folder_ / "agent.sock");
+    subscriber.shakeHands();
+    wire::Frame frame;
+    frame.mutable_event_subscribe()->set_name("events");
+    subscriber.send(frame);
+    ASSERT_TRUE(subscriber.receive()->has_done());
+    Peer peer(folder_ / "agent.sock");
+    peer.shakeHands();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(raise(peer, 101, "oom").has_done());
+    }
+    EXPECT_THAT(raise(peer, 102, "oom").refusal().text(), HasSubstr("102"));
+    EXPECT_THAT(nextTexts(subscriber, 2), testing::ElementsAre("oom", "oom (and 1 more)"));
+    writeConfig("agent.sock", "inventory.toml", "[alerts]\nrepeat_seconds = 0\n");
+    ::kill(child_, SIGHUP);
+    ASSERT_TRUE(isLogged("read the configuration again")) << logged();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(raise(peer, 101, "again").has_done());
+    }
+    EXPECT_THAT(nextTexts(subscriber, 3), testing::ElementsAre("again", "again", "again"));
+}
+
+TEST_F(AgentTest, ARealHostTakesNoAlertsFromClients) {
+    ASSERT_EQ(
+        replaceFile(config_, "socket = '" + (folder_ / "agent.sock") + "'\nstate_directory = '" + folder_ / "state" +
+                                 "'\nbackend = 'lxc'\n[lxc]\npath = '" + folder_ / "lxc" + "'\n"),
+        "");
+    start();
+    ASSERT_TRUE(shows("agent.sock", {}));
+    Peer peer(folder_ / "agent.sock");
+    peer.shakeHands();
+    EXPECT_THAT(raise(peer, 101, "oom").refusal().text(), HasSubstr("only a described host"));
 }
 
 TEST_F(AgentTest, CheckingSaysNothingOfAGoodConfigurationAndWritesNothing) {

@@ -30,9 +30,7 @@ inline Environment container(const std::string& name) {
 inline wire::Frame decode(const FrameBody& body) {
     wire::Frame frame;
     if (!body || !wire::decodeFrame(*body, frame)) {
-        {
-            { frame.Clear(); }
-        }
+        frame.Clear();
     }
     return frame;
 }

@@ -32,14 +32,19 @@ TEST(Config, AnEmptyFileMeansTheDefaults) {
     EXPECT_EQ(config.lxcPath, "/var/lib/lxc");
     EXPECT_EQ(config.inventory, "/etc/kxagent/inventory.toml");
     EXPECT_EQ(config.periodScale, 1.0);
+    EXPECT_EQ(config.alerts.repeat, std::chrono::seconds(60));
+    EXPECT_EQ(config.alerts.perSecond, 50.0);
+    EXPECT_EQ(config.alerts.burst, 100U);
 }
 
 TEST(Config, EverySettingIsTaken) {
     const Config config = parseConfig(
         "socket = '/run/a.sock'\nstate_directory = '/run/state'\nbackend = 'simulated'\n"
-        "[lxc]\npath = '/srv/lxc'\n[simulated]\ninventory = '/srv/i.toml'\n[monitoring]\nperiod_scale = 0.01\n",
+        "[lxc]\npath = '/srv/lxc'\n[simulated]\ninventory = '/srv/i.toml'\n[monitoring]\nperiod_scale = 0.01\n"
+        "[alerts]\nrepeat_seconds = 0.5\nper_second = 7\nburst = 3\n",
         "a.toml");
-    EXPECT_EQ(config, (Config{"/run/a.sock", "/run/state", BackendKind::Simulated, "/srv/lxc", "/srv/i.toml", 0.01}));
+    EXPECT_EQ(config, (Config{"/run/a.sock", "/run/state", BackendKind::Simulated, "/srv/lxc", "/srv/i.toml", 0.01,
+                              AlertLimits{std::chrono::milliseconds(500), 7.0, 3}}));
 }
 
 TEST(Config, EveryBackendHasItsWord) {
@@ -79,6 +84,34 @@ TEST(Config, APeriodScaleOutsideItsRangeIsRefused) {
     for (const std::string value : {"0", "0.0", "-1", "1000.5", "inf", "nan"}) {
         EXPECT_THAT(errorOf("[monitoring]\nperiod_scale = " + value), HasSubstr("above 0 and at most 1000")) << value;
     }
+}
+
+TEST(Config, AlertLimitsOutsideTheirRangesAreRefusedWithTheirPlace) {
+    const auto errorOfAlerts = [](const std::string& line) { return errorOf("[alerts]\n" + line); };
+    EXPECT_EQ(errorOfAlerts("repeat_seconds = -1"),
+              "a.toml:2:18: \"alerts.repeat_seconds\" must be at least 0 and at most 86400");
+    EXPECT_EQ(errorOfAlerts("per_second = 0"),
+              "a.toml:2:14: \"alerts.per_second\" must be at least 0.01 and at most 100000");
+    EXPECT_EQ(errorOfAlerts("burst = 0"), "a.toml:2:9: \"alerts.burst\" must be at least 1 and at most 100000");
+    for (const std::string line : {"repeat_seconds = 86400.1", "repeat_seconds = nan", "per_second = 100001",
+                                   "per_second = nan", "per_second = inf", "burst = 100001", "burst = -1"}) {
+        EXPECT_THAT(errorOfAlerts(line), HasSubstr("must be at least")) << line;
+    }
+}
+
+TEST(Config, AlertLimitsOfAWrongTypeAreRefusedWithTheirPlace) {
+    EXPECT_EQ(errorOf("[alerts]\nrepeat_seconds = 'long'"), "a.toml:2:18: \"alerts.repeat_seconds\" must be a number");
+    EXPECT_EQ(errorOf("[alerts]\nper_second = true"), "a.toml:2:14: \"alerts.per_second\" must be a number");
+    EXPECT_EQ(errorOf("[alerts]\nburst = 1.5"), "a.toml:2:9: \"alerts.burst\" must be a whole number");
+    EXPECT_EQ(errorOf("[alerts]\nbrust = 1"), "a.toml:2:1: there is no setting \"alerts.brust\"");
+    EXPECT_EQ(errorOf("alerts = 1"), "a.toml:1:10: \"alerts\" must be a table");
+}
+
+TEST(Config, TheEndsOfTheRangesOfAlertLimitsAreTaken) {
+    const Config least = parseConfig("[alerts]\nrepeat_seconds = 0\nper_second = 0.01\nburst = 1", "a.toml");
+    EXPECT_EQ(least.alerts, (AlertLimits{std::chrono::milliseconds(0), 0.01, 1}));
+    const Config most = parseConfig("[alerts]\nrepeat_seconds = 86400\nper_second = 100000\nburst = 100000", "a.toml");
+    EXPECT_EQ(most.alerts, (AlertLimits{std::chrono::hours(24), 100000.0, 100000}));
 }
 
 TEST(Config, TextThatIsNotTomlIsNamedWithItsPlace) {

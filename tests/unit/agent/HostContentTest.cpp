@@ -40,6 +40,20 @@ TEST(HostContent, TellsOnlyWhatIsNew) {
     EXPECT_TRUE(update.vocabularySet);
 }
 
+TEST(HostContent, TheFirstImageIsTheBeginningAndNoChange) {
+    HostContent content(hostOf());
+    EXPECT_THAT(content.apply({{container("a")}, {}}).changes, IsEmpty());
+    const HostUpdate update = content.apply({{container("a"), container("b")}, {}});
+    ASSERT_THAT(update.changes, SizeIs(1));
+    EXPECT_EQ(update.changes[0].name, "b");
+}
+
+TEST(HostContent, AFirstImageOfNothingIsTheBeginningToo) {
+    HostContent content(hostOf());
+    content.apply({});
+    EXPECT_THAT(content.apply({{container("a")}, {}}).changes, SizeIs(1));
+}
+
 TEST(HostContent, VocabulariesArriveInOrderAndWhole) {
     HostContent content(hostOf());
     content.apply({{}, {counters(), Vocabulary{"", {}, {}}}});

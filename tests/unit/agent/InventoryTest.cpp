@@ -246,6 +246,52 @@ TEST(Inventory, TextsAndListsArriveByteForByte) {
     EXPECT_FALSE(chunks[0].environments(0).configuration().has_veid());
 }
 
+TEST(Inventory, TellsWhatBecameOfEachEnvironmentInTheOrderOfTheDelta) {
+    Inventory inventory(hostOf());
+    Environment gone = container("a");
+    gone.state = 2;
+    inventory.apply({gone, container("b"), container("c")});
+    Environment changed = container("c");
+    changed.state = 3;
+    changed.transition = 4;
+    std::vector<EnvironmentChange> changes;
+    inventory.apply({container("d"), changed, container("b")}, &changes);
+    EXPECT_THAT(changes, ElementsAre(EnvironmentChange{gone.eid, ChangeKind::Removed, "a", 2, 0},
+                                     EnvironmentChange{changed.eid, ChangeKind::Modified, "c", 3, 4},
+                                     EnvironmentChange{container("d").eid, ChangeKind::Added, "d", 0, 0}));
+    changes.clear();
+    inventory.apply({container("d"), changed, container("b")}, &changes);
+    EXPECT_THAT(changes, IsEmpty());
+}
+
+TEST(Inventory, AnyDifferenceIsAModification) {
+    Inventory inventory(hostOf());
+    Environment one = container("a");
+    inventory.apply({one});
+    const auto isModified = [&] {
+        std::vector<EnvironmentChange> changes;
+        inventory.apply({one}, &changes);
+        return changes.size() == 1 && changes[0].kind == ChangeKind::Modified;
+    };
+    one.description = "";
+    EXPECT_TRUE(isModified());
+    one.addresses = std::vector<Address>();
+    EXPECT_TRUE(isModified());
+    one.veid = 0;
+    EXPECT_TRUE(isModified());
+    EXPECT_FALSE(isModified());
+}
+
+TEST(Inventory, FindsTheFirstEnvironmentOfANumber) {
+    Inventory inventory(hostOf());
+    Environment one = container("a");
+    Environment other = container("b");
+    one.veid = other.veid = -5;
+    inventory.apply({container("none"), one, other});
+    EXPECT_EQ(inventory.findByNumber(-5), one.eid);
+    EXPECT_EQ(inventory.findByNumber(0), std::nullopt) << "no number is not the number 0";
+}
+
 TEST(Inventory, TakesTenThousandContainersQuickly) {
     std::vector<Environment> containers;
     for (int i = 0; i < 10000; ++i) {

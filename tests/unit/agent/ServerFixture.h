@@ -33,11 +33,7 @@ public:
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof address.sun_path - 1);
         if (::connect(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-            {
-                {
-                    { throw std::runtime_error("cannot connect to " + path); }
-                }
-            }
+            throw std::runtime_error("cannot connect to " + path);
         }
     }
 
@@ -45,13 +41,7 @@ public:
         while (!bytes.empty()) {
             const ssize_t sent = ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
             if (sent <= 0) {
-                {
-                    {
-                        {
-                            return;  // the server has closed, which is what the test then finds
-                        }
-                    }
-                }
+                return;  // the server has closed, which is what the test then finds
             }
             bytes.remove_prefix(static_cast<std::size_t>(sent));
         }
@@ -90,11 +80,7 @@ public:
                 return frame;
             }
             if (!readMore()) {
-                {
-                    {
-                        { return std::nullopt; }
-                    }
-                }
+                return std::nullopt;
             }
         }
     }
@@ -113,11 +99,7 @@ public:
         ping(number);
         while (const auto frame = receive()) {
             if (frame->has_pong() && frame->request_id() == number) {
-                {
-                    {
-                        { return true; }
-                    }
-                }
+                return true;
             }
         }
         return false;
@@ -125,6 +107,12 @@ public:
 
     /// @return whether the server ended the connection in order: no reset, which would have thrown away its last frame
     bool endedInOrder() const { return ended_ && lastError_ == 0; }
+
+    /// @return whether there is something to read at this moment
+    bool hasInput() const {
+        pollfd readable{socket_.get(), POLLIN, 0};
+        return ::poll(&readable, 1, 0) == 1;
+    }
 
     int descriptor() const { return socket_.get(); }
 
@@ -166,11 +154,7 @@ protected:
         work_.reset();
         thread_.join();
         if (capturing_) {
-            {
-                {
-                    { testing::internal::GetCapturedStderr(); }
-                }
-            }
+            testing::internal::GetCapturedStderr();
         }
     }
 
@@ -218,14 +202,13 @@ protected:
         onLoop([this, &image] {
             const agent::HostUpdate update = content_.apply(std::move(image));
             if (server_) {
-                {
-                    {
-                        { server_->publish(update); }
-                    }
-                }
+                server_->publish(update);
             }
         });
     }
+
+    /// What is served; to be touched on the server's thread.
+    agent::HostContent& content() { return content_; }
 
     Peer connect() const { return Peer(settings_.socketPath); }
 
@@ -240,11 +223,7 @@ protected:
         const std::string log = logged();
         EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 1) << log;
         for (const std::string& word : words) {
-            {
-                {
-                    { EXPECT_THAT(log, testing::HasSubstr(word)); }
-                }
-            }
+            EXPECT_THAT(log, testing::HasSubstr(word));
         }
     }
 

@@ -154,6 +154,12 @@ TEST_F(SimulatedBackendTest, DeliversTheImageBeforeStartReturns) {
     EXPECT_EQ(image_.vocabularies, standardVocabularies("7"));
 }
 
+TEST_F(SimulatedBackendTest, IsADescribedHost) {
+    writeFile(file_, kOne);
+    start();
+    EXPECT_TRUE(backend_->isDescribed());
+}
+
 TEST_F(SimulatedBackendTest, DoesNotStartWithAWrongFile) {
     writeFile(file_, kWrong);
     EXPECT_EQ(errorOfStart(file_), file_.string() + ":3:8: veid must be an integer, not a string");

@@ -1,0 +1,94 @@
+#include "agent/inventory/EventFrames.h"
+
+#include <algorithm>
+
+#include "wire/Protocol.h"
+
+namespace kx::agent {
+namespace {
+
+/// Tags, lengths and numbers of an event: below this.
+constexpr std::size_t kFixedBytes = 128;
+
+std::uint64_t millisecondsOf(WallTime time) {
+    const auto sinceEpoch = std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
+    return static_cast<std::uint64_t>(std::max<std::int64_t>(sinceEpoch, 0));
+}
+
+/// Fills frames, beginning a new one whenever one is full.
+class EventWriter {
+public:
+    /// @param textBytes of the texts that will be in the event
+    wire::Event& add(std::string_view type, WallTime time, std::size_t textBytes) {
+        if (bytes_ + textBytes + kFixedBytes > kEventFrameBytes) {
+            flush();
+        }
+        bytes_ += textBytes + kFixedBytes;
+        wire::Event& event = *frame_.mutable_event_message()->add_events();
+        event.set_type(std::string(type));
+        event.set_time_ms(millisecondsOf(time));
+        return event;
+    }
+
+    std::vector<FrameBody> finish() {
+        flush();
+        return std::move(bodies_);
+    }
+
+private:
+    void flush() {
+        if (frame_.has_event_message()) {
+            bodies_.push_back(encodeBody(frame_));
+            frame_.Clear();
+            bytes_ = 0;
+        }
+    }
+
+    wire::Frame frame_;
+    std::size_t bytes_ = 0;
+    std::vector<FrameBody> bodies_;
+};
+
+wire::EnvironmentChangeKind toWire(ChangeKind kind) {
+    switch (kind) {
+        case ChangeKind::Added:
+            return wire::CHANGE_ADDED;
+        case ChangeKind::Modified:
+            return wire::CHANGE_MODIFIED;
+        case ChangeKind::Removed:
+            return wire::CHANGE_REMOVED;
+    }
+    return wire::CHANGE_UNSPECIFIED;
+}
+
+}  // namespace
+
+std::vector<FrameBody> encodeEvents(const std::vector<EnvironmentChange>& changes, WallTime time) {
+    EventWriter writer;
+    for (const EnvironmentChange& change : changes) {
+        wire::Event& event = writer.add(wire::kEventTypeEnvironmentChange, time, change.name.size());
+        wire::EnvironmentChange& into = *event.mutable_environment_change();
+        into.set_eid(change.eid.toWire());
+        into.set_kind(toWire(change.kind));
+        into.set_name(change.name);
+        into.set_state(change.state);
+        into.set_transition(change.transition);
+    }
+    return writer.finish();
+}
+
+std::vector<FrameBody> encodeEvents(const std::vector<Alert>& alerts, WallTime now) {
+    EventWriter writer;
+    for (const Alert& alert : alerts) {
+        const auto age = std::chrono::duration_cast<WallTime::duration>(alert.age);
+        wire::Event& event = writer.add(wire::kEventTypeResourceAlert, now - age, alert.signal.text.size());
+        wire::ResourceAlert& into = *event.mutable_resource_alert();
+        into.set_eid(alert.signal.about.toWire());
+        into.set_code(alert.signal.code);
+        into.set_text(alert.signal.text);
+        into.set_value(alert.signal.value);
+    }
+    return writer.finish();
+}
+
+}  // namespace kx::agent

@@ -1,0 +1,208 @@
+#include "agent/counters/CounterService.h"
+
+#include <gmock/gmock.h>
+
+namespace kx::agent {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr auto kNet = "counters_kx_net";
+
+/// Longer than anything here takes.
+constexpr std::chrono::seconds kPatience{10};
+
+wire::MonitorStart monitorOf(std::uint32_t periodSeconds, const std::vector<std::string>& classes = {kNet}) {
+    wire::MonitorStart request;
+    for (const std::string& name : classes) {
+        request.add_classes(name);
+    }
+    request.set_period_seconds(periodSeconds);
+    return request;
+}
+
+wire::CounterQuery queryOf(const std::vector<std::string>& classes = {kNet}) {
+    wire::CounterQuery request;
+    for (const std::string& name : classes) {
+        request.add_classes(name);
+    }
+    return request;
+}
+
+/// Keeps what it is sent.
+struct Peer {
+    CounterService::Send send = [this](std::uint64_t requestId, const FrameBody& body) {
+        wire::Frame frame;
+        frame.ParseFromString(*body);
+        frame.set_request_id(requestId);
+        frames.push_back(frame);
+    };
+    std::vector<wire::Frame> frames;
+};
+
+class Service : public testing::Test {
+protected:
+    Service()
+        : service_(
+              io_, [this](const CounterSink& sink) { readings_.push_back(sink); }, 0.01) {}
+
+    /// Runs the loop until a condition holds.
+    bool runUntil(const std::function<bool()>& condition) {
+        const auto end = std::chrono::steady_clock::now() + kPatience;
+        while (!condition()) {
+            if (std::chrono::steady_clock::now() > end) {
+                return false;
+            }
+            io_.restart();
+            io_.run_one_for(milliseconds(10));
+        }
+        return true;
+    }
+    /// Ends the reading that is under way.
+    void finish(std::int64_t value) {
+        const auto sink = readings_.back();
+        Eid eid;
+        eid.bytes.fill(1);
+        const auto names = std::make_shared<const std::vector<std::string>>(std::vector<std::string>{"bytes_in"});
+        sink({std::chrono::steady_clock::now(), {{kNet, names, {{eid, "1", {value}}}}}});
+    }
+    static std::int64_t valueOf(const wire::Frame& frame) { return frame.counter_sample().groups(0).values(0); }
+
+    boost::asio::io_context io_;
+    std::vector<CounterSink> readings_;  ///< that were asked for
+    CounterService service_;
+    Peer peer_;
+    Peer other_;
+};
+
+TEST_F(Service, ReadsAtOnceForAQuestionAndAnswersIt) {
+    EXPECT_THAT(service_.query(&peer_, peer_.send, 5, queryOf()), IsEmpty());
+    ASSERT_THAT(readings_, SizeIs(1));
+    EXPECT_THAT(peer_.frames, IsEmpty());
+    finish(42);
+    ASSERT_THAT(peer_.frames, SizeIs(1));
+    EXPECT_EQ(peer_.frames[0].request_id(), 5U);
+    EXPECT_EQ(peer_.frames[0].counter_sample().monitor(), 0U);
+    EXPECT_EQ(valueOf(peer_.frames[0]), 42);
+    EXPECT_GT(peer_.frames[0].counter_sample().time_ms(), 1700000000000U);
+}
+
+TEST_F(Service, ReadsAgainForAQuestionThatComesWhileItReads) {
+    service_.query(&peer_, peer_.send, 1, queryOf());
+    service_.query(&peer_, peer_.send, 2, queryOf());
+    service_.query(&other_, other_.send, 3, queryOf());
+    EXPECT_THAT(readings_, SizeIs(1));
+    finish(10);
+    EXPECT_THAT(peer_.frames, SizeIs(1));
+    EXPECT_THAT(other_.frames, IsEmpty());
+    ASSERT_THAT(readings_, SizeIs(2));
+    finish(20);
+    ASSERT_THAT(peer_.frames, SizeIs(2));
+    EXPECT_EQ(peer_.frames[1].request_id(), 2U);
+    EXPECT_EQ(valueOf(peer_.frames[1]), 20);
+    ASSERT_THAT(other_.frames, SizeIs(1));
+    EXPECT_THAT(readings_, SizeIs(2));
+}
+
+TEST_F(Service, ReadsOncePerPeriodHoweverManyMonitorsThereAre) {
+    for (std::uint64_t number = 1; number <= 10; ++number) {
+        EXPECT_THAT(service_.start(&peer_, peer_.send, number, monitorOf(5)), IsEmpty());
+        EXPECT_THAT(service_.start(&other_, other_.send, number, monitorOf(5)), IsEmpty());
+    }
+    EXPECT_EQ(service_.monitors(), 20U);
+    EXPECT_THAT(readings_, IsEmpty()) << "the first report comes at the period's end";
+    for (int round = 1; round <= 3; ++round) {
+        ASSERT_TRUE(runUntil([&] { return !readings_.empty(); }));
+        ASSERT_THAT(readings_, SizeIs(1));
+        finish(round);
+        readings_.clear();
+        EXPECT_THAT(peer_.frames, SizeIs(10));
+        EXPECT_THAT(other_.frames, SizeIs(10));
+        EXPECT_EQ(peer_.frames[0].request_id(), 0U);
+        EXPECT_EQ(peer_.frames[9].counter_sample().monitor(), 10U);
+        peer_.frames.clear();
+        other_.frames.clear();
+    }
+}
+
+TEST_F(Service, ScalesThePeriod) {
+    service_.setPeriodScale(0.001);
+    service_.start(&peer_, peer_.send, 1, monitorOf(100));
+    const auto start = std::chrono::steady_clock::now();
+    for (int round = 0; round < 5; ++round) {
+        ASSERT_TRUE(runUntil([&] { return !readings_.empty(); }));
+        finish(round);
+        readings_.clear();
+    }
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, milliseconds(400));
+    EXPECT_LT(took, milliseconds(5000));
+}
+
+TEST_F(Service, ReportsNothingOfAMonitorThatWasStoppedOrWhoseClientHasGone) {
+    service_.start(&peer_, peer_.send, 1, monitorOf(1));
+    service_.start(&peer_, peer_.send, 2, monitorOf(1));
+    service_.start(&other_, other_.send, 1, monitorOf(1));
+    service_.stop(&peer_, 1);
+    service_.stop(&peer_, 99);
+    service_.forget(&other_);
+    EXPECT_EQ(service_.monitors(), 1U);
+    ASSERT_TRUE(runUntil([&] { return !readings_.empty(); }));
+    finish(1);
+    EXPECT_THAT(peer_.frames, SizeIs(1));
+    EXPECT_EQ(peer_.frames[0].counter_sample().monitor(), 2U);
+    EXPECT_THAT(other_.frames, IsEmpty());
+}
+
+TEST_F(Service, ForgetsAClientWhoseAnswerIsUnderWay) {
+    service_.query(&peer_, peer_.send, 1, queryOf());
+    service_.forget(&peer_);
+    finish(1);
+    EXPECT_THAT(peer_.frames, IsEmpty());
+}
+
+TEST_F(Service, RefusesWhatMakesNoSense) {
+    EXPECT_THAT(service_.start(&peer_, peer_.send, 1, monitorOf(0)), HasSubstr("1 to 86400 seconds, not 0"));
+    EXPECT_THAT(service_.start(&peer_, peer_.send, 1, monitorOf(86401)), HasSubstr("not 86401"));
+    EXPECT_THAT(service_.start(&peer_, peer_.send, 1, monitorOf(1, {})), HasSubstr("no counter class"));
+    EXPECT_THAT(service_.query(&peer_, peer_.send, 1, queryOf({})), HasSubstr("no counter class"));
+    wire::CounterQuery query = queryOf();
+    query.add_eids("short");
+    EXPECT_THAT(service_.query(&peer_, peer_.send, 1, query), HasSubstr("5 bytes, not 16"));
+    EXPECT_THAT(service_.query(&peer_, peer_.send, 1, queryOf(std::vector<std::string>(65, "x"))),
+                HasSubstr("more than 64"));
+    EXPECT_THAT(readings_, IsEmpty());
+    EXPECT_EQ(service_.monitors(), 0U);
+}
+
+TEST_F(Service, RefusesMoreMonitorsThanOneClientCanNeed) {
+    for (std::uint64_t number = 1; number <= CounterService::kMaxMonitors; ++number) {
+        EXPECT_THAT(service_.start(&peer_, peer_.send, number, monitorOf(30)), IsEmpty());
+    }
+    EXPECT_THAT(service_.start(&peer_, peer_.send, 100, monitorOf(30)), HasSubstr("64 monitors"));
+    EXPECT_THAT(service_.start(&other_, other_.send, 1, monitorOf(30)), IsEmpty()) << "others are not concerned";
+}
+
+TEST_F(Service, AnswersAQuestionAboutAClassThatNobodyKnowsWithNothing) {
+    service_.query(&peer_, peer_.send, 1, queryOf({"unknown"}));
+    finish(1);
+    ASSERT_THAT(peer_.frames, SizeIs(1));
+    EXPECT_TRUE(peer_.frames[0].has_counter_sample());
+    EXPECT_EQ(peer_.frames[0].counter_sample().groups_size(), 0);
+}
+
+TEST_F(Service, LeavesALateReadingAloneWhenItIsGone) {
+    auto service = std::make_unique<CounterService>(
+        io_, [this](const CounterSink& sink) { readings_.push_back(sink); }, 1.0);
+    service->query(&peer_, peer_.send, 1, queryOf());
+    service.reset();
+    finish(1);
+    EXPECT_THAT(peer_.frames, IsEmpty());
+}
+
+}  // namespace
+}  // namespace kx::agent
