@@ -23,7 +23,7 @@ std::unique_ptr<Backend> makeBackend(boost::asio::io_context& io, BackendKind ki
     if (kind == BackendKind::Simulated) {
         return makeSimulatedBackend(io, config.inventory, machineId, listener);
     }
-    return makeLxcBackend(io, {config.lxcPath, config.stateDirectory, machineId}, listener);
+    return makeLxcBackend(io, {config.lxcPath, config.stateDirectory, machineId, KX_VERSION}, listener);
 }
 
 bool differInBackend(BackendKind kind, const Config& one, const Config& other) {

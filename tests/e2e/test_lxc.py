@@ -1,11 +1,17 @@
 """Real containers: what LXC does is in the table within a second."""
 
+import re
+import subprocess
+from pathlib import Path
+
 import pytest
 from support import lxclab
-from support.host import ENTRY, Host
+from support.host import ENTRY, IP_ADDRESSES, PRODUCT_VERSION, Host
+from support.snmp import IP_ADDRESS
 from support.wait import waitUntil
 
 NOTICED_WITHIN_S = 1.0
+ADDRESS_NOTICED_WITHIN_S = 2.0
 STOPPED, RUNNING, FROZEN = 1, 2, 3
 FIRST_GIVEN_NUMBER = 1000000
 
@@ -55,6 +61,25 @@ def table(host):
     return rows
 
 
+def addresses(host, veid):
+    """The rows of a container in the address table: address -> column -> dotted quad. A walk is many requests, so a
+    row that comes or goes meanwhile may be seen in one column only."""
+    rows = {}
+    for varbind in host.client.bulkwalk(IP_ADDRESSES + (1,), 20):
+        assert varbind.tag == IP_ADDRESS
+        column, owner, *quad = varbind.oid[len(IP_ADDRESSES) + 1 :]
+        if owner == veid:
+            rows.setdefault(".".join(map(str, quad)), {})[column] = ".".join(map(str, varbind.value))
+    return rows
+
+
+def waitForAddresses(host, veid, masks):
+    expected = {address: {1: address, 2: mask} for address, mask in masks.items()}
+    waitUntil(
+        lambda: addresses(host, veid) == expected, ADDRESS_NOTICED_WITHIN_S, f"container {veid} is shown with {masks}"
+    )
+
+
 def waitForState(host, veid, state):
     def shown():
         row = table(host).get(veid)
@@ -85,6 +110,37 @@ def test_start_freeze_unfreeze_and_stop_are_seen_within_a_second(labHost, lab, n
         waitForState(labHost, veid, state)
     others = {other: row[STATE] for other, row in table(labHost).items() if other != veid}
     assert set(others.values()) == {STOPPED}
+
+
+def test_addresses_are_the_configured_ones_until_it_runs_and_then_those_it_has(labHost, lab):
+    address, prefix = lab.configuredAddress("101")
+    assert prefix == 16
+    waitForAddresses(labHost, 101, {address: "255.255.0.0"})
+    lab.do("start", "101")
+    waitForState(labHost, 101, RUNNING)
+    lab.ip("101", "addr", "add", "10.99.0.1/24", "dev", "eth0")
+    waitForAddresses(labHost, 101, {address: "255.255.0.0", "10.99.0.1": "255.255.255.0"})
+    lab.ip("101", "addr", "add", "10.99.1.1/32", "dev", "lo")
+    lab.ip("101", "addr", "del", f"{address}/{prefix}", "dev", "eth0")
+    waitForAddresses(labHost, 101, {"10.99.0.1": "255.255.255.0", "10.99.1.1": "255.255.255.255"})
+    lab.do("freeze", "101")
+    lab.ip("101", "addr", "del", "10.99.0.1/24", "dev", "eth0")
+    waitForAddresses(labHost, 101, {"10.99.1.1": "255.255.255.255"})
+    lab.do("stop", "101")
+    waitForAddresses(labHost, 101, {address: "255.255.0.0"})
+    assert set(addresses(labHost, 102)) == {lab.configuredAddress("102")[0]}
+
+
+def test_the_product_version_is_the_agents_own(labHost):
+    told = subprocess.run([labHost.agent.program, "--version"], stdout=subprocess.PIPE, text=True, check=True).stdout
+    assert labHost.client.get([PRODUCT_VERSION])[0].value.decode() == told.split()[-1]
+
+
+def test_the_agent_takes_all_descriptors_that_it_may_have(labHost, lab):
+    labHost.agent.stop()
+    labHost.agent.start([*lab.launcher, "prlimit", "--nofile=64:4000"])
+    limits = Path(f"/proc/{labHost.agent.pid}/limits").read_text()
+    assert re.search(r"Max open files\s+4000\s+4000", limits), limits
 
 
 def test_create_and_destroy_are_seen_within_a_second(labHost, lab):

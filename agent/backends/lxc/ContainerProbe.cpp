@@ -4,9 +4,11 @@
 #include <fmt/format.h>
 #include <lxc/lxccontainer.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "agent/backends/lxc/CommandSocket.h"
+#include "agent/backends/lxc/Ipv4Text.h"
 #include "agent/backends/lxc/RootFile.h"
 
 namespace kx::agent::lxc {
@@ -47,9 +49,26 @@ bool isBeingCreated(const std::string& folder) {
     return stampAt(AT_FDCWD, (folder + "/partial").c_str()).size >= 0;
 }
 
+void readNetworks(lxc_container* container, ContainerProbe& probe) {
+    // One line for each network, with its type. Their numbers need not be contiguous.
+    const std::string types = configItem(container, "lxc.net");
+    auto left = static_cast<unsigned>(std::count(types.begin(), types.end(), '\n'));
+    std::string lines;
+    for (unsigned number = 0; left > 0 && number < kMaxNetworks; ++number) {
+        const std::string key = fmt::format("lxc.net.{}.", number);
+        if (container->get_config_item(container, (key + "type").c_str(), nullptr, 0) >= 0) {
+            --left;
+            lines += configItem(container, (key + "ipv4.address").c_str()) + "\n";
+        }
+    }
+    probe.addresses = configuredAddresses(lines);
+    probe.networksLeftOut = left;
+}
+
 void readConfiguration(lxc_container* container, ContainerProbe& probe) {
     probe.hostname = configItem(container, "lxc.uts.name");
     probe.rootfs = configItem(container, "lxc.rootfs.path");
+    readNetworks(container, probe);
 }
 
 void askMonitor(lxc_container* container, ContainerProbe& probe) {

@@ -8,8 +8,10 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 #include "agent/backends/lxc/StuckCallBreaker.h"
+#include "agent/inventory/Environment.h"
 
 namespace kx::agent::lxc {
 
@@ -22,13 +24,19 @@ enum class ProbeResult {
     Gone,       ///< there is no such container
 };
 
+/// Networks of a configuration may have any number in their keys, lxc.net.N; those from here on are passed over, for
+/// liblxc tells how many there are, but has to be asked for each number.
+inline constexpr unsigned kMaxNetworks = 10'000;
+
 /// The findings. Which are filled: see ProbeResult.
 struct ContainerProbe {
     ProbeResult result = ProbeResult::Gone;
-    std::string hostname;  ///< lxc.uts.name; empty: not configured
-    std::string rootfs;    ///< lxc.rootfs.path as configured; empty: not configured
-    std::string lxcState;  ///< in LXC's words; empty when LXC could not tell
-    pid_t initPid = -1;    ///< -1: none
+    std::string hostname;            ///< lxc.uts.name; empty: not configured
+    std::string rootfs;              ///< lxc.rootfs.path as configured; empty: not configured
+    std::vector<Address> addresses;  ///< lxc.net.N.ipv4.address of all networks, in the order of their numbers
+    unsigned networksLeftOut = 0;    ///< with a number of kMaxNetworks or more
+    std::string lxcState;            ///< in LXC's words; empty when LXC could not tell
+    pid_t initPid = -1;              ///< -1: none
 };
 
 /// @brief Looks at a container.

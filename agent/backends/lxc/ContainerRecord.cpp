@@ -2,21 +2,16 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <poll.h>
 
 #include <fstream>
 #include <sstream>
 
+#include "agent/backends/lxc/Descriptors.h"
 #include "agent/backends/lxc/OsRelease.h"
 #include "agent/backends/lxc/RootfsPath.h"
 
 namespace kx::agent::lxc {
 namespace {
-
-bool hasEnded(int pidfd) {
-    pollfd query{pidfd, POLLIN, 0};
-    return ::poll(&query, 1, 0) != 0;
-}
 
 /// A file system that a process of the container serves could leave every lookup in it without an answer.
 bool rootIsServedByProcess(pid_t initPid) {
@@ -48,7 +43,7 @@ RootFolder openRunningRoot(const ContainerLife& life) {
     root.folder = openFolder(fmt::format("/proc/{}/root", life.initPid));
     root.bounds = Bounds::RootMount;
     // The number may be another process's by now; it was not if init has not ended since.
-    if (hasEnded(life.pidfd.get())) {
+    if (hasEnded(life.pidfd->get())) {
         root.folder.reset();
     }
     return root;
@@ -88,6 +83,11 @@ Environment environmentOf(const ContainerRecord& record) {
     environment.osTemplate = record.os;
     environment.baseSample = record.notes.baseSample;
     environment.templates = record.notes.templates;
+    if (record.life.addresses) {
+        environment.addresses = record.life.addresses;
+    } else if (!record.malformed) {
+        environment.addresses = record.configured;
+    }
     return environment;
 }
 

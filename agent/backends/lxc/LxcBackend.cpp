@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <utility>
 
-#include "agent/backends/lxc/LxcLog.h"
+#include "agent/backends/lxc/CounterThread.h"
 #include "agent/backends/lxc/LxcWatcher.h"
 
 namespace kx::agent {
@@ -13,8 +13,11 @@ namespace {
 /// The backend as its owner sees it. Main thread; the watcher has the worker.
 class LxcBackend : public Backend {
 public:
-    LxcBackend(boost::asio::io_context& io, LxcSettings settings, BackendListener& listener)
-        : io_(io), settings_(std::move(settings)), delivery_(std::make_shared<Delivery>(Delivery{&listener})) {}
+    LxcBackend(boost::asio::io_context& io, LxcSettings settings, BackendListener& listener, lxc::LogSink log)
+        : io_(io),
+          settings_(std::move(settings)),
+          log_(std::move(log)),
+          delivery_(std::make_shared<Delivery>(Delivery{&listener})) {}
 
     ~LxcBackend() override { stop(); }
 
@@ -22,12 +25,32 @@ public:
         // An image that a stopped run has posted must not arrive in the next one.
         delivery_ = std::make_shared<Delivery>(Delivery{delivery_->listener});
         delivery_->open = true;
-        watcher_ = std::make_unique<lxc::LxcWatcher>(settings_, sink(), lxc::agentLog());
+        counters_ = std::make_unique<lxc::CounterThread>(log_);
+        watcher_ = std::make_unique<lxc::LxcWatcher>(
+            settings_, sink(),
+            [counters = counters_.get()](std::vector<lxc::CounterTarget> running) {
+                counters->setTargets(std::move(running));
+            },
+            log_);
     }
 
     void stop() override {
         delivery_->open = false;
         watcher_.reset();
+        counters_.reset();
+    }
+
+    void readCounters(const CounterSink& sink) override {
+        if (!counters_) {
+            return;
+        }
+        counters_->read([&io = io_, delivery = delivery_, sink](CounterImage image) {
+            boost::asio::post(io, [delivery, sink, image = std::move(image)]() mutable {
+                if (delivery->open) {
+                    sink(std::move(image));
+                }
+            });
+        });
     }
 
     std::string name() const override { return "lxc"; }
@@ -40,19 +63,22 @@ private:
     };
 
     lxc::ContainersSink sink() {
-        return [&io = io_, delivery = delivery_](std::vector<Environment> containers) {
-            HostImage image{std::move(containers), standardVocabularies(std::nullopt)};
-            boost::asio::post(io, [delivery, image = std::move(image)]() mutable {
-                if (delivery->open) {
-                    delivery->listener->hostChanged(std::move(image));
-                }
-            });
-        };
+        return
+            [&io = io_, delivery = delivery_, version = settings_.productVersion](std::vector<Environment> containers) {
+                HostImage image{std::move(containers), standardVocabularies(version)};
+                boost::asio::post(io, [delivery, image = std::move(image)]() mutable {
+                    if (delivery->open) {
+                        delivery->listener->hostChanged(std::move(image));
+                    }
+                });
+            };
     }
 
     boost::asio::io_context& io_;
     const LxcSettings settings_;
+    const lxc::LogSink log_;
     std::shared_ptr<Delivery> delivery_;
+    std::unique_ptr<lxc::CounterThread> counters_;  ///< outlives the watcher, which tells it who runs
     std::unique_ptr<lxc::LxcWatcher> watcher_;
 };
 
@@ -71,8 +97,9 @@ bool lxcHasContainers(const std::string& path) {
     return false;
 }
 
-std::unique_ptr<Backend> makeLxcBackend(boost::asio::io_context& io, LxcSettings settings, BackendListener& listener) {
-    return std::make_unique<LxcBackend>(io, std::move(settings), listener);
+std::unique_ptr<Backend> makeLxcBackend(boost::asio::io_context& io, LxcSettings settings, BackendListener& listener,
+                                        lxc::LogSink log) {
+    return std::make_unique<LxcBackend>(io, std::move(settings), listener, std::move(log));
 }
 
 }  // namespace kx::agent

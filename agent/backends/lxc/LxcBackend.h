@@ -2,7 +2,8 @@
 //
 // Threads: one worker thread of its own, with every signal blocked, makes all calls into liblxc and reads all
 // files; they may wait for a disk or for a container's monitor and must not hold up the agent's clients. What it
-// finds is posted to the io_context as a whole image; the listener runs on the agent's main thread only.
+// finds is posted to the io_context as a whole image; the listener runs on the agent's main thread only. Two helpers
+// of the worker's have a thread each: StuckCallBreaker and AddressWatch.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
@@ -10,6 +11,8 @@
 #include <string>
 
 #include "agent/backends/Backend.h"
+#include "agent/backends/lxc/LogSink.h"
+#include "agent/backends/lxc/LxcLog.h"
 
 namespace kx::agent {
 
@@ -18,6 +21,7 @@ struct LxcSettings {
     std::string path;            ///< folder with one sub-folder a container, usually /var/lib/lxc
     std::string stateDirectory;  ///< where given VE ids are remembered; made when it does not exist
     std::string machineId;       ///< what tells this machine from others; identifiers are made from it
+    std::string productVersion;  ///< what a client is told as the product's version
 };
 
 /// @brief Tells whether a host has LXC containers: whether a sub-folder of the path has a `config`.
@@ -32,6 +36,8 @@ bool lxcHasContainers(const std::string& path);
 /// @param io runs on the main thread; must outlive the backend
 /// @param settings the path is taken as it is: liblxc finds a running container by this very text
 /// @param listener must outlive the backend's stop()
-std::unique_ptr<Backend> makeLxcBackend(boost::asio::io_context& io, LxcSettings settings, BackendListener& listener);
+/// @param log gets log lines, on the worker and in start()
+std::unique_ptr<Backend> makeLxcBackend(boost::asio::io_context& io, LxcSettings settings, BackendListener& listener,
+                                        lxc::LogSink log = lxc::agentLog());
 
 }  // namespace kx::agent

@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "agent/backends/lxc/Descriptors.h"
+#include "agent/backends/lxc/RootfsPath.h"
 #include "agent/backends/lxc/SignalMask.h"
 
 namespace kx::agent::lxc {
@@ -30,25 +32,20 @@ constexpr std::chrono::seconds kAfterFailure{5};
 
 constexpr std::uint64_t kStopTag = 1;
 constexpr std::uint64_t kInotifyTag = 2;
+constexpr std::uint64_t kAddressTag = 3;
 constexpr std::uint64_t kFirstLifeId = 16;
-
-OwnedDescriptor orThrow(int number, const char* what) {
-    if (number < 0) {
-        throw std::runtime_error(fmt::format("{}: {}", what, std::strerror(errno)));
-    }
-    return OwnedDescriptor(number);
-}
 
 }  // namespace
 
-LxcWatcher::LxcWatcher(LxcSettings settings, ContainersSink sink, LogSink log)
+LxcWatcher::LxcWatcher(LxcSettings settings, ContainersSink sink, RunningSink running, LogSink log)
     : settings_(std::move(settings)),
       sink_(std::move(sink)),
+      running_(std::move(running)),
       log_(std::move(log)),
       veIds_(settings_.stateDirectory, log_),
       breaker_(kAnswerLimit),
-      poll_(orThrow(::epoll_create1(EPOLL_CLOEXEC), "epoll")),
-      stopEvent_(orThrow(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")),
+      poll_(descriptorOrThrow(::epoll_create1(EPOLL_CLOEXEC), "epoll")),
+      stopEvent_(makeEventDescriptor()),
       lastLifeId_(kFirstLifeId) {
     if (!watchPath()) {
         throw std::runtime_error(
@@ -56,6 +53,7 @@ LxcWatcher::LxcWatcher(LxcSettings settings, ContainersSink sink, LogSink log)
     }
     addToPoll(stopEvent_.get(), kStopTag);
     addToPoll(inotify_.descriptor(), kInotifyTag);
+    addToPoll(addressWatch_.descriptor(), kAddressTag);
     const AllSignalsBlocked blocked;
     thread_ = std::thread([this] { run(); });
 }
@@ -122,6 +120,9 @@ void LxcWatcher::waitForEvents() {
         }
         if (tag == kInotifyTag && !inotify_.take([this](const Inotify::Notice& one) { notice(one); })) {
             compareAllAt_ = Clock::now();
+        }
+        if (tag == kAddressTag) {
+            takeAddressReports();
         }
     }
 }
@@ -210,20 +211,40 @@ void LxcWatcher::assignVeIds() {
 }
 
 void LxcWatcher::publish() {
+    // Looks may have taken longer than containers are held; what has been found out meanwhile is to be in it.
+    takeAddressReports();
     if (veIdsStale_) {
         assignVeIds();
     }
-    if (!changed_) {
+    publishRunning();
+    // The first list is whole, so it waits for every container; later ones show a held container as it was before.
+    if (!changed_ || (!begun_ && isAnyUnknown())) {
         return;
     }
     std::vector<Environment> containers;
     for (const auto& [name, record] : records_) {
-        if (record.defined) {
-            containers.push_back(record.published);
+        if (record.defined && record.published) {
+            containers.push_back(*record.published);
         }
     }
     changed_ = false;
+    begun_ = true;
     sink_(std::move(containers));
+}
+
+void LxcWatcher::publishRunning() {
+    if (!changed_ && !livesChanged_) {
+        return;
+    }
+    livesChanged_ = false;
+    std::vector<CounterTarget> running;
+    for (const auto& [name, record] : records_) {
+        if (record.defined && record.life.watched() && record.veid) {
+            running.push_back({record.eid, name, *record.veid, record.life.initPid, record.life.pidfd,
+                               rootfsFolder(record.rootfs).value_or("")});
+        }
+    }
+    running_(std::move(running));
 }
 
 void LxcWatcher::logOnChange(std::string& last, Severity severity, const std::string& line) {

@@ -7,7 +7,11 @@
 //                 the cgroups elsewhere: a look at the kernel's list of sockets, twice a second, finds those
 //   stopped       a pidfd on the container's init process, then short rechecks until LXC is through
 //   frozen        inotify on the files of its freezer, then short rechecks while it is on the way
+//   addresses     netlink inside each running container (AddressWatch)
 //   anything else, and whatever a full queue of notices lost      a full comparison every 5 s
+//
+// A container that is found running is published together with its addresses: the worker does not wait for them, it
+// holds back what is new of that container until they have been read, or a moment has passed (LxcWatcherAddresses.cpp).
 //
 // Threads: the constructor and the destructor belong to the main thread. Between them one worker thread owns all
 // the state; it has every signal blocked, and the functions handed in are called on it.
@@ -24,9 +28,11 @@
 #include <thread>
 #include <vector>
 
+#include "agent/backends/lxc/AddressWatch.h"
 #include "agent/backends/lxc/CgroupTree.h"
 #include "agent/backends/lxc/ContainerProbe.h"
 #include "agent/backends/lxc/ContainerRecord.h"
+#include "agent/backends/lxc/CounterThread.h"
 #include "agent/backends/lxc/Inotify.h"
 #include "agent/backends/lxc/LogSink.h"
 #include "agent/backends/lxc/LxcBackend.h"
@@ -39,15 +45,19 @@ namespace kx::agent::lxc {
 /// Takes all containers, in the order of their names, whenever one has changed. Called on the worker thread.
 using ContainersSink = std::function<void(std::vector<Environment>)>;
 
+/// Takes those that run, whenever one has started or ended, or is known by another number. Called on the worker thread.
+using RunningSink = std::function<void(std::vector<CounterTarget>)>;
+
 /// Watches from its construction to its destruction.
 class LxcWatcher {
 public:
     /// @brief Starts the worker; the first list follows soon, also when there is no container.
     /// @param settings see LxcSettings
     /// @param sink gets the containers
+    /// @param running gets those that run
     /// @param log gets log lines, on the worker and in the constructor
     /// @throws std::runtime_error when neither LXC's path nor its parent folder can be watched
-    LxcWatcher(LxcSettings settings, ContainersSink sink, LogSink log);
+    LxcWatcher(LxcSettings settings, ContainersSink sink, RunningSink running, LogSink log);
 
     /// @brief Stops and joins the worker; it waits for a call into liblxc or to the disk that is under way.
     ~LxcWatcher();
@@ -66,6 +76,7 @@ private:
     void folderNotice(const Inotify::Notice& notice);
     void lifeEnded(std::uint64_t id);
     void publish();
+    void publishRunning();
     void assignVeIds();
 
     // Comparing everything: LxcWatcherResync.cpp
@@ -97,11 +108,22 @@ private:
     bool hasPayloadCgroup(const std::string& name) const;
     void logOnChange(std::string& last, Severity severity, const std::string& line);
 
+    // Addresses of running containers: LxcWatcherAddresses.cpp
+    void watchAddresses(ContainerRecord& record);
+    void compareAddresses();
+    void takeAddressReports();
+    void takeAddresses(ContainerRecord& record, AddressReport report);
+    void complainOfAddresses(ContainerRecord& record, const AddressReport& report);
+    bool isHeld(const ContainerRecord& record) const;
+    bool isAnyUnknown() const;
+
     const LxcSettings settings_;
     const ContainersSink sink_;
+    const RunningSink running_;
     const LogSink log_;
     VeIdStore veIds_;
     StuckCallBreaker breaker_;
+    AddressWatch addressWatch_;
     Inotify inotify_;
     OwnedDescriptor poll_;
     OwnedDescriptor stopEvent_;
@@ -119,12 +141,15 @@ private:
     Clock::time_point compareAllAt_;
     Clock::time_point askForStartsAt_;
     unsigned comparisons_ = 0;
-    bool changed_ = true;      ///< something is to be published; the first list always is
-    bool veIdsStale_ = false;  ///< the set of containers has changed since ids were assigned
+    bool changed_ = true;        ///< something is to be published; the first list always is
+    bool begun_ = false;         ///< the first list has been published
+    bool livesChanged_ = false;  ///< containers have started or ended since those that run were told
+    bool veIdsStale_ = false;    ///< the set of containers has changed since ids were assigned
 
     std::string pathProblem_;  ///< these hold the last line logged of a kind, to log changes only
     std::string watchProblem_;
     std::string workerProblem_;
+    std::string descriptorProblem_;
 
     std::atomic<bool> ending_{false};
     std::thread thread_;

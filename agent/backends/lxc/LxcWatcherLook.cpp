@@ -2,13 +2,14 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/epoll.h>
 #include <sys/inotify.h>
-#include <sys/syscall.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+#include "agent/backends/lxc/Descriptors.h"
 #include "agent/backends/lxc/LxcWatcher.h"
 
 namespace kx::agent::lxc {
@@ -36,10 +37,6 @@ constexpr unsigned kUnansweredTriesLogged = 10;
 
 constexpr std::uint32_t kContainerEvents =
     IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ONLYDIR;
-
-int openPidfd(pid_t pid) {
-    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
-}
 
 }  // namespace
 
@@ -159,6 +156,13 @@ void LxcWatcher::takeConfiguration(ContainerRecord& record, const ContainerProbe
     record.malformed = false;
     record.hostname = probe.hostname;
     record.rootfs = probe.rootfs;
+    record.configured = probe.addresses;
+    logOnChange(record.configProblem, Severity::Warning,
+                probe.networksLeftOut == 0
+                    ? ""
+                    : fmt::format("container {}: {} of its networks have a number above {} in their keys; their "
+                                  "addresses are not published while it is stopped",
+                                  printable(record.name), probe.networksLeftOut, kMaxNetworks - 1));
     setDefined(record, true);
 }
 
@@ -215,16 +219,18 @@ bool LxcWatcher::watchLife(ContainerRecord& record, pid_t initPid) {
     if (initPid <= 0 || initPid == record.endedPid) {
         return false;
     }
-    OwnedDescriptor pidfd(openPidfd(initPid));
+    OwnedDescriptor pidfd = openPidfd(initPid);
     if (!pidfd) {
         return false;
     }
     ContainerLife& life = record.life;
     life.initPid = initPid;
     life.id = ++lastLifeId_;
-    life.pidfd = std::move(pidfd);
-    addToPoll(life.pidfd.get(), life.id);
+    life.pidfd = std::make_shared<const OwnedDescriptor>(std::move(pidfd));
+    addToPoll(life.pidfd->get(), life.id);
     nameOfLife_[life.id] = record.name;
+    livesChanged_ = true;
+    watchAddresses(record);
     life.freezer = cgroups_.freezerOf(initPid);
     if (life.freezer) {
         watchCgroupFolder(life.freezer->parent);
@@ -244,8 +250,13 @@ void LxcWatcher::forgetLife(ContainerRecord& record) {
     for (const int watch : record.life.freezerWatches) {
         inotify_.remove(watch);
     }
+    if (record.life.watched()) {
+        livesChanged_ = true;
+        // The address watch may hold it for a moment longer, so it does not leave the poll set by being closed.
+        ::epoll_ctl(poll_.get(), EPOLL_CTL_DEL, record.life.pidfd->get(), nullptr);
+        addressWatch_.forget(record.life.id);
+    }
     nameOfLife_.erase(record.life.id);
-    // Closing the only descriptor takes it out of the poll set.
     record.life = ContainerLife{};
 }
 
@@ -284,6 +295,10 @@ void LxcWatcher::scheduleNext(ContainerRecord& record, ProbeResult result) {
 }
 
 void LxcWatcher::refresh(ContainerRecord& record) {
+    if (isHeld(record)) {
+        rechecks_.add(record.name, kNeedNothing, record.life.heldUntil);
+        return;
+    }
     Environment fresh = environmentOf(record);
     if (fresh == record.published) {
         return;

@@ -85,6 +85,7 @@ void LxcWatcher::compareAll() {
     for (auto& [name, record] : records_) {
         compare(record, sockets);
     }
+    compareAddresses();
     veIdsStale_ = veIdsStale_ || veIds_.hasUnsaved();
 }
 

@@ -126,6 +126,21 @@ TEST(EnvironmentTest, aContainerWithoutAConfiguredHostNameHasItsOwnName) {
     EXPECT_EQ(environmentOf(record).hostname, "web.example");
     EXPECT_EQ(environmentOf(record).name, "web");
     EXPECT_EQ(environmentOf(record).type, "lumetra");
+}
+
+TEST(EnvironmentTest, addressesAreTheKernelsElseTheConfiguredOnesElseNotKnown) {
+    using Addresses = std::optional<std::vector<Address>>;
+    ContainerRecord record;
+    EXPECT_EQ(environmentOf(record).addresses, std::nullopt);
+    record.configured.emplace();
+    EXPECT_EQ(environmentOf(record).addresses, Addresses(std::in_place)) << "known to have none";
+    record.configured->push_back({"10.0.0.1", "255.255.255.0"});
+    EXPECT_EQ(environmentOf(record).addresses, record.configured);
+    record.life.addresses.emplace();
+    EXPECT_EQ(environmentOf(record).addresses, Addresses(std::in_place));
+    record.malformed = true;
+    EXPECT_EQ(environmentOf(record).addresses, Addresses(std::in_place)) << "it runs, so it need not be asked";
+    record.life = {};
     EXPECT_EQ(environmentOf(record).addresses, std::nullopt);
 }
 

@@ -1,7 +1,9 @@
 // Every kind of change of real containers is seen within a second.
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "agent/core/OwnedDescriptor.h"
 #include "tests/unit/lxc/LabRig.h"
 
 namespace kx::agent::lxc {
@@ -101,6 +103,32 @@ TEST_F(LabChangesTest, notesAreSeenWhenTheyChangeAndWrongOnesDoNotReplaceThem) {
     EXPECT_EQ(host_.images(), before + 1);
     std::filesystem::remove(file);
     EXPECT_TRUE(host_.waitUntil([&] { return described(std::nullopt); }));
+}
+
+TEST_F(LabChangesTest, aWrongNoteIsReportedOnceAChangeAndHidesNothing) {
+    make("web");
+    const std::string file = "/var/lib/lxc/web/kx.toml";
+    writeFile(file, "description = \"front\"\nno_such_key = 7\n");
+    host_.start();
+    ASSERT_TRUE(host_.waitUntil([&] { return host_.is("web", State::Stopped); }));
+    EXPECT_EQ(host_.logged(file + ":2:1: "), 1U);
+    EXPECT_EQ(host_.find("web")->description, std::nullopt);
+    for (const std::string name : {"one.example", "two.example"}) {
+        // Closing a file that may have been written is a reason to read it again; this one is the same as before.
+        ASSERT_TRUE(OwnedDescriptor(::open(file.c_str(), O_WRONLY | O_CLOEXEC)));
+        writeFile("/var/lib/lxc/web/config", "lxc.uts.name = " + name + "\n", true);
+        ASSERT_TRUE(host_.waitUntil([&] { return host_.find("web")->hostname == name; }));
+    }
+    EXPECT_EQ(host_.logged("kx.toml"), 1U);
+    writeFile(file, "\n\nno_such_key = 7\n");
+    EXPECT_TRUE(host_.waitUntil([&] { return host_.logged(file + ":3:1: ") == 1; }));
+    EXPECT_TRUE(host_.is("web", State::Stopped));
+}
+
+TEST_F(LabChangesTest, theProductsVersionIsTheOneTheBackendWasGiven) {
+    host_.start();
+    ASSERT_TRUE(host_.waitUntil([&] { return host_.images() > 0; }));
+    EXPECT_EQ(host_.vocabularies(), standardVocabularies(kLabVersion));
 }
 
 TEST_F(LabChangesTest, aChangedConfigurationIsSeen) {

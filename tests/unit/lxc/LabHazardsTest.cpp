@@ -14,15 +14,8 @@
 namespace kx::agent::lxc {
 namespace {
 
-pid_t parentOf(pid_t pid) {
-    std::ifstream status(fmt::format("/proc/{}/status", pid));
-    for (std::string word; status >> word;) {
-        if (word == "PPid:" && status >> pid) {
-            return pid;
-        }
-    }
-    return -1;
-}
+using ::testing::ElementsAre;
+using ::testing::Optional;
 
 class LabHazardsTest : public LabTest {
 protected:
@@ -79,6 +72,8 @@ TEST_F(LabHazardsTest, aStartThatWaitsForItsHookIsStartingAndHidesNoOther) {
     ASSERT_TRUE(host_.waitUntil([&] { return host_.is("slow", State::Stopped, Transition::Starting); }));
     expectOtherIsSeen();
     EXPECT_TRUE(host_.is("slow", State::Stopped, Transition::Starting));
+    EXPECT_THAT(host_.find("slow")->addresses, Optional(ElementsAre(Address{"10.77.1.3", "255.255.0.0"})))
+        << "nothing runs yet, so it is what the configuration says";
     writeFile("/var/lib/lxc/slow/go", "");
     EXPECT_TRUE(host_.waitUntil([&] { return start.ended(); }, kNoticed * 10));
     EXPECT_TRUE(host_.waitUntil([&] { return host_.is("slow", State::Running); }));

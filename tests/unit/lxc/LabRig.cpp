@@ -2,9 +2,11 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <linux/capability.h>
 #include <sched.h>
 #include <spawn.h>
 #include <stdio.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -91,6 +93,21 @@ private:
     OwnedDescriptor input_;
 };
 
+/// @return what the calling thread's lower 32 effective capabilities were before
+std::uint32_t changeEffective(const std::function<std::uint32_t(std::uint32_t)>& change) {
+    __user_cap_header_struct head{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3]{};
+    if (::syscall(SYS_capget, &head, sets) != 0) {
+        throw std::runtime_error("capget");
+    }
+    const std::uint32_t before = sets[0].effective;
+    sets[0].effective = change(before);
+    if (::syscall(SYS_capset, &head, sets) != 0) {
+        throw std::runtime_error("capset");
+    }
+    return before;
+}
+
 const auto* const lab_environment = ::testing::AddGlobalTestEnvironment(std::make_unique<Lab>().release());
 
 }  // namespace
@@ -128,7 +145,12 @@ std::vector<std::string> lab(const std::vector<std::string>& words) {
 }
 
 LabHost::LabHost(std::string path) : work_(io_.get_executor()) {
-    backend_ = makeLxcBackend(io_, {std::move(path), state_.path(), "the-machine"}, *this);
+    const auto log = [this](Severity, const std::string& line) {
+        const std::lock_guard lock(logMutex_);
+        log_.push_back(line);
+        fmt::print("[  logged   ] {}\n", line);
+    };
+    backend_ = makeLxcBackend(io_, {std::move(path), state_.path(), "the-machine", kLabVersion}, *this, log);
 }
 
 LabHost::~LabHost() {
@@ -171,9 +193,10 @@ void LabHost::act(const std::vector<std::string>& words, const std::function<boo
     const auto end = Clock::now();
     ASSERT_TRUE(ended && command.status() == 0) << words[0] << " " << words[1];
     ASSERT_TRUE(waitUntil(look)) << words[0] << " " << words[1] << " was not noticed";
+    lag_ = seenAt - end;
     const auto ms = [](Clock::duration span) { return std::chrono::duration<double, std::milli>(span).count(); };
     fmt::print("[  measured ] {:<9} {:<6} seen {:6.1f} ms after its start, {:+6.1f} ms from its end\n", words[0],
-               words[1], ms(seenAt - begin), ms(seenAt - end));
+               words[1], ms(seenAt - begin), ms(lag_));
 }
 
 const Environment* LabHost::find(const std::string& name) const {
@@ -195,6 +218,19 @@ bool LabHost::was(const std::string& name, State state, Transition transition) c
     });
 }
 
+std::vector<Environment> LabHost::pastOf(const std::string& name) const {
+    std::vector<Environment> result;
+    std::copy_if(past_.begin(), past_.end(), std::back_inserter(result),
+                 [&](const Environment& one) { return one.name == name; });
+    return result;
+}
+
+std::size_t LabHost::logged(const std::string& part) const {
+    const std::lock_guard lock(logMutex_);
+    return static_cast<std::size_t>(std::count_if(
+        log_.begin(), log_.end(), [&](const std::string& line) { return line.find(part) != std::string::npos; }));
+}
+
 void writeFile(const std::string& path, const std::string& text, bool append) {
     std::ofstream(path, append ? std::ios::app : std::ios::trunc) << text;
 }
@@ -202,6 +238,16 @@ void writeFile(const std::string& path, const std::string& text, bool append) {
 pid_t initOf(const std::string& name) {
     int status = 0;
     return std::atoi(outputOf("lxc-info -pH -n " + name, status).c_str());
+}
+
+pid_t parentOf(pid_t pid) {
+    std::ifstream status(fmt::format("/proc/{}/status", pid));
+    for (std::string word; status >> word;) {
+        if (word == "PPid:" && status >> pid) {
+            return pid;
+        }
+    }
+    return -1;
 }
 
 void tellFreezer(pid_t init, bool freeze) {
@@ -212,6 +258,20 @@ void tellFreezer(pid_t init, bool freeze) {
     } else {
         writeFile(files->state, freeze ? "FROZEN" : "THAWED");
     }
+}
+
+std::vector<std::string> ipCommand(pid_t process, const std::vector<std::string>& words) {
+    std::vector<std::string> command{"nsenter", "--net", "--target", std::to_string(process), "--", "ip"};
+    command.insert(command.end(), words.begin(), words.end());
+    return command;
+}
+
+WithoutCapability::WithoutCapability(unsigned number) {
+    effective_ = changeEffective([&](std::uint32_t before) { return before & ~(1U << number); });
+}
+
+WithoutCapability::~WithoutCapability() {
+    changeEffective([&](std::uint32_t) { return effective_; });
 }
 
 void LabTest::SetUp() {

@@ -8,8 +8,10 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -22,6 +24,9 @@ inline constexpr const char* kLabPath = "/var/lib/lxc";
 
 /// Within that long every change must have been seen.
 inline constexpr std::chrono::milliseconds kNoticed{1000};
+
+/// What the backend is told to be the product's version.
+inline constexpr const char* kLabVersion = "7.0-lab";
 
 /// A program running beside the test.
 class Command {
@@ -36,6 +41,9 @@ public:
 
     /// @return whether it has ended; does not wait
     bool ended();
+
+    /// @return its number; valid until it has ended
+    pid_t pid() const { return pid_; }
 
     /// @return 0 after a success; valid once it has ended
     int status() const { return status_; }
@@ -72,6 +80,9 @@ public:
     /// when it was seen, from the command's start and from its end.
     void act(const std::vector<std::string>& words, const std::function<bool()>& seen);
 
+    /// @return how long after the last act's end its effect was seen; negative: before
+    std::chrono::steady_clock::duration lag() const { return lag_; }
+
     /// @return a container as last delivered; null when there is none of that name
     const Environment* find(const std::string& name) const;
 
@@ -81,8 +92,15 @@ public:
     /// @return whether a container has been in a state at any time
     bool was(const std::string& name, State state, Transition transition) const;
 
+    /// @brief All that was delivered of a container, image by image.
+    std::vector<Environment> pastOf(const std::string& name) const;
+
+    /// @return how many log lines have a text in them
+    std::size_t logged(const std::string& part) const;
+
     std::size_t images() const { return images_; }
     std::size_t containers() const { return latest_.environments.size(); }
+    const std::vector<Vocabulary>& vocabularies() const { return latest_.vocabularies; }
     void forgetPast() { past_.clear(); }
 
 private:
@@ -95,6 +113,9 @@ private:
     HostImage latest_;
     std::vector<Environment> past_;
     std::size_t images_ = 0;
+    Clock::duration lag_{};
+    mutable std::mutex logMutex_;
+    std::vector<std::string> log_;
 };
 
 /// @brief Writes a file in the lab.
@@ -103,9 +124,31 @@ void writeFile(const std::string& path, const std::string& text, bool append = f
 /// @return the init process of a running container, seen from here
 pid_t initOf(const std::string& name);
 
+/// @return the parent of a process; that of a container's init process is its monitor
+pid_t parentOf(pid_t pid);
+
 /// @brief Freezes or thaws a container behind LXC's back.
 /// @param init its init process
 void tellFreezer(pid_t init, bool freeze);
+
+/// @return the words of an `ip` command run in the network namespace of a process
+std::vector<std::string> ipCommand(pid_t process, const std::vector<std::string>& words);
+
+/// The capability that entering namespaces takes: CAP_SYS_ADMIN.
+inline constexpr unsigned kEnterNamespaces = 21;
+
+/// Takes a capability from the calling thread, and so from threads it starts, until it goes.
+class WithoutCapability {
+public:
+    /// @param number below 32
+    explicit WithoutCapability(unsigned number);
+    ~WithoutCapability();
+    WithoutCapability(const WithoutCapability&) = delete;
+    WithoutCapability& operator=(const WithoutCapability&) = delete;
+
+private:
+    std::uint32_t effective_ = 0;  ///< as it was
+};
 
 /// Removes the containers a test has left, so that the next finds an empty lab.
 class LabTest : public ::testing::Test {

@@ -20,15 +20,7 @@ public:
     TestFolder() {
         std::string pattern = (std::filesystem::temp_directory_path() / "kxlxc.XXXXXX").string();
         if (::mkdtemp(pattern.data()) == nullptr) {
-            {
-                {
-                    {
-                        {
-                            { throw std::runtime_error("no temporary folder"); }
-                        }
-                    }
-                }
-            }
+            throw std::runtime_error("no temporary folder");
         }
         path_ = pattern;
     }
@@ -72,15 +64,7 @@ struct LogLines {
     std::size_t count(Severity severity) const {
         std::size_t result = 0;
         for (const auto& line : lines) {
-            {
-                {
-                    {
-                        {
-                            { result += line.first == severity ? 1U : 0U; }
-                        }
-                    }
-                }
-            }
+            result += line.first == severity ? 1U : 0U;
         }
         return result;
     }

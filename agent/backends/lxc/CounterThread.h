@@ -1,0 +1,83 @@
+// Reads the counters of running containers: what has passed through their interfaces, and their disk quotas.
+//
+// Reading thousands of containers takes a while, and a disk may keep a reader waiting; so it is done on a thread of its
+// own, apart from the worker that watches what containers do.
+//
+// Threads: setTargets() and read() from any thread, at once; the sink is called on this object's own thread, which has
+// every signal blocked.
+#pragma once
+
+#include <sys/types.h>
+
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "agent/backends/lxc/DiskQuota.h"
+#include "agent/backends/lxc/LogSink.h"
+#include "agent/backends/lxc/NetDevText.h"
+#include "agent/backends/lxc/NetworkSpace.h"
+#include "agent/core/OwnedDescriptor.h"
+#include "agent/counters/CounterImage.h"
+
+namespace kx::agent::lxc {
+
+/// A running container.
+struct CounterTarget {
+    Eid eid;
+    std::string name;
+    std::int32_t veid = 0;
+    pid_t initPid = -1;
+    std::shared_ptr<const OwnedDescriptor> pidfd;  ///< of that process
+    std::string rootFolder;                        ///< empty: none that can be seen from the host
+};
+
+/// Reads from its construction to its destruction.
+class CounterThread {
+public:
+    /// @param log gets log lines, on this object's thread
+    /// @throws std::runtime_error when the system has not what it needs
+    explicit CounterThread(LogSink log);
+
+    /// @brief Stops and joins the thread; a reading that is asked for and not begun is dropped.
+    ~CounterThread();
+
+    CounterThread(const CounterThread&) = delete;
+    CounterThread& operator=(const CounterThread&) = delete;
+
+    /// @brief Says which containers run.
+    void setTargets(std::vector<CounterTarget> targets);
+
+    /// @brief Reads the counters of all of them, soon.
+    void read(CounterSink sink);
+
+private:
+    using Targets = std::shared_ptr<const std::vector<CounterTarget>>;
+
+    void run();
+    CounterImage readAll(const std::vector<CounterTarget>& targets);
+    std::vector<CounterRow> networkRows(const CounterTarget& target);
+    CounterRow quotaRow(const CounterTarget& target);
+    void complainOfQuota(int error);
+
+    const LogSink log_;
+    const CounterNames networkNames_;
+    const CounterNames quotaNames_;
+    NetworkTraveller traveller_;
+    bool quotaIsMissed_ = false;  ///< that there are no project quotas has been logged
+
+    std::mutex mutex_;  ///< over the next four
+    std::condition_variable changed_;
+    Targets targets_;
+    std::vector<CounterSink> sinks_;
+    bool ending_ = false;
+
+    std::thread thread_;
+};
+
+}  // namespace kx::agent::lxc

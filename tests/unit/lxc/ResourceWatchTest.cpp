@@ -1,0 +1,254 @@
+// The watch with its thread, over files that take the place of the kernel's: inotify works on them as on cgroups of
+// v2. What v1 does is in ResourceWatchLabTest.cpp.
+#include "agent/backends/lxc/ResourceWatch.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <functional>
+#include <iterator>
+
+#include "tests/unit/lxc/TestFolder.h"
+
+namespace kx::agent::lxc {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::chrono::seconds kPatience{20};
+
+/// What is never due while a test runs.
+constexpr milliseconds kNever = std::chrono::hours(1);
+
+class ResourceWatchTest : public testing::Test {
+protected:
+    ResourceWatchTest() {
+        times_.look = milliseconds(50);
+        hostKills(100);
+    }
+
+    void start() {
+        watch_ = std::make_unique<ResourceWatch>(
+            ResourceWatchSettings{host_, times_, folder_ / "vmstat"},
+            [this](AlertSignal signal) {
+                const std::lock_guard lock(mutex_);
+                told_.push_back(std::move(signal));
+                changed_.notify_all();
+            },
+            [this](Severity, const std::string& line) {
+                const std::lock_guard lock(mutex_);
+                logged_.push_back(line);
+            });
+    }
+
+    void hostKills(int number) {
+        folder_.write("vmstat.new", "oom_kill " + std::to_string(number) + "\n");
+        std::filesystem::rename(folder_ / "vmstat.new", folder_ / "vmstat");
+    }
+
+    /// @return a container's cgroups of v2, as long as nothing is wrong with it
+    ResourceFolders make(const std::string& name) {
+        memory(name, 10);
+        events(name, 0, 0);
+        folder_.write(name + "/memory.max", "1000\n");
+        folder_.write(name + "/memory.stat", "");
+        folder_.write(name + "/pids.max", "100\n");
+        folder_.write(name + "/pids.current", "10\n");
+        pidsHits(name, 0);
+        return {{folder_ / name, true}, {folder_ / name, true}};
+    }
+
+    ResourceFolders makeV1(const std::string& name) {
+        make(name);
+        folder_.write(name + "/memory.oom_control", "oom_kill 0\n");
+        folder_.write(name + "/memory.failcnt", "0\n");
+        return {{folder_ / name, false}, {folder_ / name, false}};
+    }
+
+    void memory(const std::string& name, int used) {
+        folder_.write(name + "/memory.current", std::to_string(used) + "\n");
+    }
+    void events(const std::string& name, int hits, int kills) {
+        folder_.write(name + "/memory.events",
+                      "max " + std::to_string(hits) + "\noom_kill " + std::to_string(kills) + "\n");
+    }
+    void pidsHits(const std::string& name, int hits) {
+        folder_.write(name + "/pids.events", "max " + std::to_string(hits) + "\n");
+    }
+
+    static Eid eidOf(const std::string& name) { return Eid::fromName("machine", name); }
+
+    bool tells(const std::string& source, std::int32_t code, const Eid& about, milliseconds patience = kPatience) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, patience, [&] {
+            return std::any_of(told_.begin(), told_.end(), [&](const AlertSignal& signal) {
+                return signal.source == source && signal.code == code && signal.about == about;
+            });
+        });
+    }
+
+    /// Nothing tells from when on a container is watched; what has happened before is no alert, so it happens until
+    /// one comes.
+    /// @param happen is told how often it has happened
+    bool tellsInTheEnd(const std::string& source, const Eid& about, const std::function<void(int)>& happen) {
+        const auto deadline = std::chrono::steady_clock::now() + kPatience;
+        for (int times = 1; std::chrono::steady_clock::now() < deadline; ++times) {
+            happen(times);
+            const bool isWarning = source == kMemoryLimitSource;
+            if (tells(source, isWarning ? kAlertWarning : kAlertCritical, about, milliseconds(20))) {
+                happened_ = times;
+                return true;
+            }
+        }
+        return false;
+    }
+
+    std::vector<AlertSignal> told(const std::string& source) {
+        const std::lock_guard lock(mutex_);
+        std::vector<AlertSignal> found;
+        std::copy_if(told_.begin(), told_.end(), std::back_inserter(found),
+                     [&](const AlertSignal& signal) { return signal.source == source; });
+        return found;
+    }
+
+    void forgetTold() {
+        const std::lock_guard lock(mutex_);
+        told_.clear();
+    }
+
+    TestFolder folder_;
+    const Eid host_ = eidOf("host");
+    ResourceTimes times_;
+    int happened_ = 0;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<AlertSignal> told_;    ///< guarded by mutex_
+    std::vector<std::string> logged_;  ///< guarded by mutex_
+    std::unique_ptr<ResourceWatch> watch_;
+};
+
+TEST_F(ResourceWatchTest, aKillIsToldWhenTheKernelTellsOfIt) {
+    times_.look = times_.calmLook = kNever;
+    start();
+    watch_->track(eidOf("web"), make("web"));
+    ASSERT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("web"), [&](int times) { events("web", 0, times); }));
+    forgetTold();
+    events("web", 0, 1000);
+    ASSERT_TRUE(tells(kMemoryOomSource, kAlertCritical, eidOf("web")));
+    EXPECT_EQ(told(kMemoryOomSource).at(0).value, 1000);
+}
+
+TEST_F(ResourceWatchTest, aHitOfTheLimitOfProcessesIsToldWhenTheKernelTellsOfIt) {
+    times_.calmLook = kNever;
+    start();
+    watch_->track(eidOf("web"), make("web"));
+    EXPECT_TRUE(tellsInTheEnd(kPidsLimitSource, eidOf("web"), [&](int times) { pidsHits("web", times); }));
+}
+
+TEST_F(ResourceWatchTest, memoryThatIsUsedUpIsToldAndItsEndToo) {
+    times_.calmLook = kNever;
+    times_.confirmLevel = milliseconds(100);
+    times_.quietAfterLevel = milliseconds(100);
+    start();
+    watch_->track(eidOf("web"), make("web"));
+    memory("web", 1000);
+    ASSERT_TRUE(tellsInTheEnd(kMemoryLimitSource, eidOf("web"), [&](int times) { events("web", times, 0); }));
+    memory("web", 100);
+    EXPECT_TRUE(tells(kMemoryLimitSource, kAlertClear, eidOf("web")));
+}
+
+TEST_F(ResourceWatchTest, whereTheKernelTellsNothingLooksFindIt) {
+    times_.confirmLevel = milliseconds(0);
+    start();
+    folder_.write("web/cgroup.event_control", "");
+    watch_->track(eidOf("web"), makeV1("web"));
+    EXPECT_TRUE(tellsInTheEnd(kPidsLimitSource, eidOf("web"), [&](int times) { pidsHits("web", times); }));
+    folder_.write("web/memory.limit_in_bytes", "1000\n");
+    folder_.write("web/memory.usage_in_bytes", "1000\n");
+    EXPECT_TRUE(tellsInTheEnd(kMemoryLimitSource, eidOf("web"),
+                              [&](int times) { folder_.write("web/memory.failcnt", std::to_string(times) + "\n"); }));
+    const std::lock_guard lock(mutex_);
+    EXPECT_THAT(logged_, testing::IsEmpty());
+}
+
+TEST_F(ResourceWatchTest, thatTheKernelCannotBeAskedIsOneLineAndLooksFindIt) {
+    start();
+    for (const std::string name : {"web", "db"}) {
+        watch_->track(eidOf(name), makeV1(name));
+    }
+    EXPECT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("db"), [&](int times) {
+        folder_.write("db/memory.oom_control", "oom_kill " + std::to_string(times) + "\n");
+    }));
+    const std::lock_guard lock(mutex_);
+    ASSERT_THAT(logged_, testing::SizeIs(1));
+    EXPECT_THAT(logged_[0], testing::HasSubstr("No such file"));
+}
+
+TEST_F(ResourceWatchTest, aContainerThatHasStoppedIsClearedInItsTimeAndForgotten) {
+    times_.quietAfterKill = milliseconds(100);
+    start();
+    watch_->track(eidOf("web"), make("web"));
+    ASSERT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("web"), [&](int times) { events("web", 0, times); }));
+    watch_->untrack(eidOf("web"));
+    EXPECT_TRUE(tells(kMemoryOomSource, kAlertClear, eidOf("web")));
+    forgetTold();
+    events("web", 0, 1000);
+    // Another one's alert shows that the watch has been at work since.
+    watch_->track(eidOf("db"), make("db"));
+    ASSERT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("db"), [&](int times) { events("db", 0, times); }));
+    EXPECT_FALSE(tells(kMemoryOomSource, kAlertCritical, eidOf("web"), milliseconds(0)));
+}
+
+TEST_F(ResourceWatchTest, whatHappensLastIsSeenAtTheEnd) {
+    times_.look = times_.calmLook = kNever;
+    start();
+    folder_.write("web/cgroup.event_control", "");
+    watch_->track(eidOf("web"), makeV1("web"));
+    watch_->track(eidOf("db"), make("db"));
+    // Both are watched once the later one is.
+    ASSERT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("db"), [&](int times) { events("db", 0, times); }));
+    folder_.write("web/memory.oom_control", "oom_kill 1\n");
+    watch_->untrack(eidOf("web"));
+    EXPECT_TRUE(tells(kMemoryOomSource, kAlertCritical, eidOf("web")));
+}
+
+TEST_F(ResourceWatchTest, processesKilledOutsideOfContainersAreTheHosts) {
+    times_.quietAfterKill = milliseconds(300);
+    start();
+    watch_->track(eidOf("web"), make("web"));
+    ASSERT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("web"), [&](int times) {
+        hostKills(100 + times);
+        events("web", 0, times);
+    }));
+    ASSERT_TRUE(tellsInTheEnd(kHostOomSource, host_, [&](int) { hostKills(100 + happened_ + 7); }));
+    EXPECT_EQ(told(kHostOomSource).at(0).value, 7) << "without the container's";
+    EXPECT_TRUE(tells(kHostOomSource, kAlertClear, host_));
+}
+
+TEST_F(ResourceWatchTest, killsThatV1DoesNotTellOfAreLookedForWhenTheHostCountsThem) {
+    start();
+    folder_.write("web/cgroup.event_control", "");
+    folder_.write("web/service/memory.oom_control", "oom_kill 0\n");
+    watch_->track(eidOf("web"), makeV1("web"));
+    EXPECT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("web"), [&](int times) {
+        folder_.write("web/service/memory.oom_control", "oom_kill " + std::to_string(times) + "\n");
+        hostKills(100 + times);
+    }));
+    EXPECT_THAT(told(kHostOomSource), testing::IsEmpty());
+}
+
+TEST_F(ResourceWatchTest, itEndsAtOnceWhateverItWatches) {
+    start();
+    for (int i = 0; i < 300; ++i) {
+        const std::string name = "ct" + std::to_string(i);
+        watch_->track(eidOf(name), make(name));
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    watch_.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+}
+
+}  // namespace
+}  // namespace kx::agent::lxc
