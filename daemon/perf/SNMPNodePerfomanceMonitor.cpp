@@ -202,7 +202,7 @@ void SNMPNodePerfomanceMonitor::storeVeData(int veid, const KXLMonitorData::Clas
             const auto before = held.find(instance);
             CounterMap& target = fresh[instance];
             if (before != held.end()) {
-                target = before->second;
+                target = std::move(before->second);  // what is held goes in any case
             }
             mergeStats(counters, target);
         }
