@@ -109,7 +109,7 @@ public:
     /// @brief Connects, shakes hands and fills the environment cache and the vocabularies.
     ///
     /// Waits for the loop thread at most 500 ms in all. A call within 500 ms of one that ran into that limit
-    /// waits only 10 ms, so that the many look-ups of one SNMP request stay within its second together.
+    /// waits only 5 ms, so that the many look-ups of one SNMP request stay within its second together.
     ///
     /// On success the handler has got handleConnected before this returns, on this thread; from then on the
     /// library keeps the link up by itself, and calls handleDisconnect, handleBroken or handleTimeout on loss

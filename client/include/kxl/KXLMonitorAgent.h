@@ -81,7 +81,7 @@ public:
 
     /// @brief Asks for one report and waits for it. An answer that comes too late goes to the monitors of this
     /// connection that report the class, so that no increase is lost. A query soon after one that was not answered in
-    /// time waits only 10 ms.
+    /// time waits only 5 ms.
     /// @param output filled on success
     /// @param eids whose counters; empty: every container's
     /// @param classes not null

@@ -12,7 +12,7 @@ inline constexpr std::chrono::milliseconds kInitializeDeadline{500};
 /// What initializeSync waits when it closely follows one that used up its deadline. One SNMP request may look
 /// the agent up some thirty times, once for each column of each table that its search passes through; with a silent
 /// agent these must stay within the request's second together. An agent that works needs a few milliseconds.
-inline constexpr std::chrono::milliseconds kFollowUpDeadline{10};
+inline constexpr std::chrono::milliseconds kFollowUpDeadline{5};
 
 /// How closely "closely follows" is: longer than a request's own look-ups take together.
 inline constexpr std::chrono::milliseconds kFollowUpWindow{500};
