@@ -15,9 +15,6 @@
 namespace kx::agent {
 namespace {
 
-/// The name behind the host's own identifier. Clients remember the identifier, so it must not change.
-constexpr const char* kHostName = "host";
-
 /// Clients wait for the backend's first image, so that a restart does not show them an empty host. A backend that
 /// is held up longer than this must not keep the whole agent from answering.
 constexpr std::chrono::seconds kFirstImagePatience{3};

@@ -23,6 +23,9 @@ enum class Transition : std::int32_t { None = 0, Starting = 1, Stopping = 2, Fre
 inline constexpr const char* kContainerType = "lumetra";
 inline constexpr const char* kHostType = "host";
 
+/// The name behind the host's own identifier. Clients remember the identifier, so it must not change.
+inline constexpr const char* kHostName = "host";
+
 /// A template: an operating system's or an application's.
 struct Template {
     std::string name;

@@ -45,10 +45,23 @@ class LxcLab:
         """Writes a file inside the lab, where /var/lib/lxc is the lab's own."""
         subprocess.run([*self.launcher, "tee", path], input=text, stdout=subprocess.DEVNULL, text=True, check=True)
 
+    def init(self, name):
+        """The init process of a running container. Its number means the same outside the lab."""
+        return int(self.do("exec", "lxc-info", "-pH", "-n", name))
+
     def ip(self, name, *arguments):
-        """Runs `ip` in the network namespace of a running container."""
-        init = self.do("exec", "lxc-info", "-pH", "-n", name).strip()
-        self.do("exec", "nsenter", "--net", "--target", init, "--", "ip", *arguments)
+        """Runs `ip` in the network namespace of a running container; returns what it prints."""
+        return self.do("exec", "nsenter", "--net", "--target", str(self.init(name)), "--", "ip", *arguments)
+
+    def spawn(self, name, command, **options):
+        """Starts a shell command in a running container and does not wait for it; `options` are Popen's."""
+        words = [*self.launcher, "lxc-attach", "-n", name, "--", "/bin/sh", "-c", command]
+        return subprocess.Popen(words, **options)
+
+    def takeNetwork(self, name):
+        """Leaves a stopped container nothing but its loopback."""
+        edits = ["-e", "/^lxc[.]net[.]/d", "-e", "$a lxc.net.0.type = empty"]
+        self.do("exec", "sed", "-i", *edits, f"/var/lib/lxc/{name}/config")
 
     def configuredAddress(self, name):
         """The one address of a container, as the lab has put it into its configuration: ADDRESS, PREFIX LENGTH."""

@@ -6,6 +6,7 @@
 
 #include "agent/backends/lxc/CounterThread.h"
 #include "agent/backends/lxc/LxcWatcher.h"
+#include "agent/backends/lxc/RunningResources.h"
 
 namespace kx::agent {
 namespace {
@@ -26,9 +27,12 @@ public:
         delivery_ = std::make_shared<Delivery>(Delivery{delivery_->listener});
         delivery_->open = true;
         counters_ = std::make_unique<lxc::CounterThread>(log_);
+        resources_ =
+            std::make_unique<lxc::RunningResources>(Eid::fromName(settings_.machineId, kHostName), alertSink(), log_);
         watcher_ = std::make_unique<lxc::LxcWatcher>(
             settings_, sink(),
-            [counters = counters_.get()](std::vector<lxc::CounterTarget> running) {
+            [counters = counters_.get(), resources = resources_.get()](std::vector<lxc::CounterTarget> running) {
+                resources->update(running);
                 counters->setTargets(std::move(running));
             },
             log_);
@@ -37,6 +41,7 @@ public:
     void stop() override {
         delivery_->open = false;
         watcher_.reset();
+        resources_.reset();
         counters_.reset();
     }
 
@@ -74,11 +79,22 @@ private:
             };
     }
 
+    lxc::SignalSink alertSink() {
+        return [&io = io_, delivery = delivery_](AlertSignal signal) {
+            boost::asio::post(io, [delivery, signal = std::move(signal)]() mutable {
+                if (delivery->open) {
+                    delivery->listener->alert(std::move(signal));
+                }
+            });
+        };
+    }
+
     boost::asio::io_context& io_;
     const LxcSettings settings_;
     const lxc::LogSink log_;
     std::shared_ptr<Delivery> delivery_;
-    std::unique_ptr<lxc::CounterThread> counters_;  ///< outlives the watcher, which tells it who runs
+    std::unique_ptr<lxc::CounterThread> counters_;  ///< these two outlive the watcher, which tells them who runs
+    std::unique_ptr<lxc::RunningResources> resources_;
     std::unique_ptr<lxc::LxcWatcher> watcher_;
 };
 

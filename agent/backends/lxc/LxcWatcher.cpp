@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
+#include <utility>
 
 #include "agent/backends/lxc/Descriptors.h"
 #include "agent/backends/lxc/RootfsPath.h"
@@ -216,27 +217,32 @@ void LxcWatcher::publish() {
     if (veIdsStale_) {
         assignVeIds();
     }
-    publishRunning();
     // The first list is whole, so it waits for every container; later ones show a held container as it was before.
-    if (!changed_ || (!begun_ && isAnyUnknown())) {
+    if (!begun_ && isAnyUnknown()) {
         return;
     }
+    const bool changed = std::exchange(changed_, false);
+    if (changed) {
+        publishContainers();
+    }
+    // After the containers: what happens to those that run is told of containers that are known.
+    if (std::exchange(livesChanged_, false) || changed) {
+        publishRunning();
+    }
+}
+
+void LxcWatcher::publishContainers() {
     std::vector<Environment> containers;
     for (const auto& [name, record] : records_) {
         if (record.defined && record.published) {
             containers.push_back(*record.published);
         }
     }
-    changed_ = false;
     begun_ = true;
     sink_(std::move(containers));
 }
 
 void LxcWatcher::publishRunning() {
-    if (!changed_ && !livesChanged_) {
-        return;
-    }
-    livesChanged_ = false;
     std::vector<CounterTarget> running;
     for (const auto& [name, record] : records_) {
         if (record.defined && record.life.watched() && record.veid) {

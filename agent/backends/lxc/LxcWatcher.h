@@ -76,6 +76,7 @@ private:
     void folderNotice(const Inotify::Notice& notice);
     void lifeEnded(std::uint64_t id);
     void publish();
+    void publishContainers();
     void publishRunning();
     void assignVeIds();
 

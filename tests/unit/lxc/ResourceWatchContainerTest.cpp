@@ -80,6 +80,7 @@ TEST_P(ContainerTest, whatHasHappenedBeforeIsNoAlert) {
     hits(50);
     kills(3);
     pidsHits(7);
+    memory(1000);
     begin();
     EXPECT_THAT(after(1), IsEmpty());
     EXPECT_FALSE(container_.isUnderWay());
@@ -322,6 +323,25 @@ TEST_P(ContainerTest, aNewRunBeginsItsCountsAnew) {
     EXPECT_THAT(after(1), IsEmpty());
     kills(3);
     EXPECT_THAT(after(1), ElementsAre(told("memory.oom", kAlertCritical, 3)));
+}
+
+TEST_P(ContainerTest, whatWasKnownOfOneRunDoesNotHoldForTheNext) {
+    write("pids/pids.max", "max\n");
+    begin();
+    container_.setKillsAreTold();
+    after(1);
+    container_.end();
+    write("pids/pids.max", "100\n");
+    write("pids/service/pids.events", "max 9\n");
+    begin();
+    pids(100);
+    kills(1);
+    EXPECT_THAT(after(1), ElementsAre(told("memory.oom", kAlertCritical, 1)));
+    write("pids/service/pids.events", "max 10\n");
+    EXPECT_THAT(after(1), ElementsAre(told("pids.limit", kAlertCritical, 100)));
+    begin();
+    write("pids/service/pids.events", "max 3\n");
+    EXPECT_THAT(after(1), IsEmpty()) << "another one of the same name";
 }
 
 // ---- texts ----

@@ -38,6 +38,10 @@ TEST_F(ResourceFilesTest, AContainerInTheRootCgroupHasNoneOfItsOwn) {
     EXPECT_EQ(resourceFoldersOf({}, "9:memory:/lxc.payload.web\n"), ResourceFolders());
 }
 
+TEST_F(ResourceFilesTest, AProcessThatHasEndedHasNone) {
+    EXPECT_EQ(resourceFoldersOf(cgroupMountsIn(kMounts), -1), ResourceFolders());
+}
+
 TEST_F(ResourceFilesTest, V2CountsWhereItHasTheController) {
     folder_.write("lxc.payload.web/memory.events", "");
     const auto mounts = cgroupMountsIn("30 29 0:26 / " + folder_.path() + " rw - cgroup2 cgroup2 rw\n");

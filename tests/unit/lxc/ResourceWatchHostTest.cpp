@@ -61,6 +61,23 @@ TEST_F(HostKillsTest, AContainersKillMayBeCountedEarlier) {
     EXPECT_EQ(look(19, 1), AlarmTurn::Raise) << "and hides none of the host's";
 }
 
+TEST_F(HostKillsTest, OnlyWhatBothLooksHaveCounts) {
+    look(17, 0);
+    look(18, 0);
+    EXPECT_EQ(look(21, 0), AlarmTurn::Raise);
+    EXPECT_EQ(kills_.total(), 1U);
+    EXPECT_EQ(look(21, 0), AlarmTurn::Raise);
+    EXPECT_EQ(kills_.total(), 4U);
+}
+
+TEST_F(HostKillsTest, AnAccountThatWasAheadAndIsBehindNowIsNoAgreement) {
+    look(17, 0);
+    look(17, 1);
+    EXPECT_EQ(look(20, 1), AlarmTurn::None);
+    EXPECT_EQ(look(20, 1), AlarmTurn::Raise);
+    EXPECT_EQ(kills_.total(), 2U);
+}
+
 TEST_F(HostKillsTest, InAStreamOfContainersKillsOnlyWhatIsOverCounts) {
     look(100, 0);
     std::uint64_t host = 100;

@@ -58,8 +58,7 @@ protected:
     static Eid eidOf(const std::string& name) { return Eid::fromName("the-machine", "lxc/" + name); }
 
     static ResourceFolders foldersOf(const std::string& name) {
-        return resourceFoldersOf(cgroupMountsIn(textOf("/proc/self/mountinfo")),
-                                 textOf(fmt::format("/proc/{}/cgroup", initOf(name))));
+        return resourceFoldersOf(cgroupMountsIn(textOf("/proc/self/mountinfo")), initOf(name));
     }
 
     void makeAndStart(const std::string& name, const std::string& settings = "") {

@@ -4,9 +4,11 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <condition_variable>
+#include <cstdio>
 #include <functional>
 #include <iterator>
 
@@ -76,6 +78,22 @@ protected:
     }
     void pidsHits(const std::string& name, int hits) {
         folder_.write(name + "/pids.events", "max " + std::to_string(hits) + "\n");
+    }
+
+    /// Has the watch told that a container is about to lose a process, as the kernel does under v1: by the descriptor
+    /// that the watch has written into a file of the cgroup.
+    /// @param prepare done right before
+    void announceKill(
+        const std::string& name, const std::function<void()>& prepare = [] {}) {
+        int event = -1;
+        int subject = -1;
+        const auto deadline = std::chrono::steady_clock::now() + kPatience;
+        while (std::sscanf(folder_.read(name + "/cgroup.event_control").c_str(), "%d %d", &event, &subject) != 2) {
+            ASSERT_LT(std::chrono::steady_clock::now(), deadline) << "the watch has not asked to be told";
+            std::this_thread::sleep_for(milliseconds(1));
+        }
+        prepare();
+        ASSERT_EQ(::eventfd_write(event, 1), 0);
     }
 
     static Eid eidOf(const std::string& name) { return Eid::fromName("machine", name); }
@@ -237,6 +255,40 @@ TEST_F(ResourceWatchTest, killsThatV1DoesNotTellOfAreLookedForWhenTheHostCountsT
         hostKills(100 + times);
     }));
     EXPECT_THAT(told(kHostOomSource), testing::IsEmpty());
+}
+
+TEST_F(ResourceWatchTest, aKillThatV1AnnouncesIsLookedForUntilItIsCounted) {
+    times_.look = kNever;
+    start();
+    folder_.write("web/cgroup.event_control", "");
+    watch_->track(eidOf("web"), makeV1("web"));
+    announceKill("web");
+    // Some of the looks have found nothing by then.
+    EXPECT_FALSE(tells(kMemoryOomSource, kAlertCritical, eidOf("web"), milliseconds(20)));
+    folder_.write("web/memory.oom_control", "oom_kill 1\n");
+    EXPECT_TRUE(tells(kMemoryOomSource, kAlertCritical, eidOf("web")));
+}
+
+TEST_F(ResourceWatchTest, aContainerThatDiesOfAnAnnouncedKillIsToldInTheHostsPlace) {
+    start();
+    folder_.write("web/cgroup.event_control", "");
+    watch_->track(eidOf("web"), makeV1("web"));
+    announceKill("web");
+    watch_->untrack(eidOf("web"));
+    hostKills(101);
+    EXPECT_TRUE(tells(kMemoryOomSource, kAlertCritical, eidOf("web")));
+    EXPECT_FALSE(tells(kHostOomSource, kAlertCritical, host_, 5 * times_.look));
+}
+
+TEST_F(ResourceWatchTest, theRemovalOfACgroupAnnouncesNoKill) {
+    start();
+    folder_.write("web/cgroup.event_control", "");
+    watch_->track(eidOf("web"), makeV1("web"));
+    announceKill("web", [this] { std::filesystem::remove(folder_ / "web/memory.oom_control"); });
+    watch_->untrack(eidOf("web"));
+    hostKills(101);
+    EXPECT_TRUE(tells(kHostOomSource, kAlertCritical, host_));
+    EXPECT_THAT(told(kMemoryOomSource), testing::IsEmpty());
 }
 
 TEST_F(ResourceWatchTest, itEndsAtOnceWhateverItWatches) {

@@ -1,0 +1,33 @@
+// Keeps the resource watch informed of who runs.
+//
+// Threads: update() on one thread, the worker's. The watch has a thread of its own.
+#pragma once
+
+#include <sys/types.h>
+
+#include <map>
+#include <vector>
+
+#include "agent/backends/lxc/CounterThread.h"
+#include "agent/backends/lxc/ResourceWatch.h"
+
+namespace kx::agent::lxc {
+
+/// Tells the watch of each run's beginning and end.
+class RunningResources {
+public:
+    /// @param host whom alerts of the host are about
+    /// @param sink gets the signals, on the watch's thread
+    /// @param log gets log lines
+    /// @throws std::runtime_error when the system has not what it needs
+    RunningResources(const Eid& host, SignalSink sink, LogSink log);
+
+    /// @param running all containers that run
+    void update(const std::vector<CounterTarget>& running);
+
+private:
+    ResourceWatch watch_;
+    std::map<Eid, pid_t> tracked_;  ///< the init process of the run that is tracked
+};
+
+}  // namespace kx::agent::lxc

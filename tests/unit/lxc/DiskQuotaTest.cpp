@@ -1,0 +1,110 @@
+#include "agent/backends/lxc/DiskQuota.h"
+
+#include <gmock/gmock.h>
+#include <sys/mount.h>
+
+#include <cerrno>
+#include <cstring>
+#include <limits>
+
+#include "tests/unit/lxc/TestFolder.h"
+
+namespace kx::agent::lxc {
+namespace {
+
+constexpr std::int64_t kNow = 1'700'000'000;
+constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
+constexpr std::int32_t kProject = 101;
+
+/// A file system of the test's own, with room for little.
+class MountedFolder {
+public:
+    explicit MountedFolder(const std::string& path) : path_(path) {
+        mounted_ = ::mount("kxquota", path.c_str(), "tmpfs", 0, "size=1m,nr_inodes=100") == 0;
+        error_ = errno;
+    }
+    ~MountedFolder() {
+        if (mounted_) {
+            ::umount2(path_.c_str(), MNT_DETACH);
+        }
+    }
+    MountedFolder(const MountedFolder&) = delete;
+    MountedFolder& operator=(const MountedFolder&) = delete;
+
+    /// @return why nothing is mounted; 0: it is
+    int error() const { return mounted_ ? 0 : error_; }
+
+private:
+    const std::string path_;
+    bool mounted_ = false;
+    int error_ = 0;
+};
+
+TEST(DiskQuotaTest, spaceIsInBytesAndItsLimitsInBlocksOf1024) {
+    const DiskQuota quota = quotaOf({5000, 4, 8, 0, 7, 10, 20, 0}, kNow);
+    EXPECT_EQ(quota, (DiskQuota{5000, 4096, 8192, 0, 7, 10, 20, 0}));
+}
+
+TEST(DiskQuotaTest, graceIsWhatIsLeftOfIt) {
+    const auto end = static_cast<std::uint64_t>(kNow);
+    const DiskQuota quota = quotaOf({0, 1, 0, end + 604800, 0, 1, 0, end + 1}, kNow);
+    EXPECT_EQ(quota.spaceGrace, 604800);
+    EXPECT_EQ(quota.inodesGrace, 1);
+}
+
+TEST(DiskQuotaTest, thereIsNoGraceThatHasNotBegunOrIsOver) {
+    const auto end = static_cast<std::uint64_t>(kNow);
+    EXPECT_EQ(quotaOf({0, 0, 0, 0, 0, 0, 0, 0}, kNow), DiskQuota{});
+    EXPECT_EQ(quotaOf({0, 0, 0, end, 0, 0, 0, end - 1}, kNow), DiskQuota{});
+    EXPECT_EQ(quotaOf({0, 0, 0, 1, 0, 0, 0, 1}, kNow), DiskQuota{});
+}
+
+TEST(DiskQuotaTest, whatIsTooLargeIsTheLargest) {
+    constexpr std::uint64_t kAll = std::numeric_limits<std::uint64_t>::max();
+    constexpr std::uint64_t kLastBlock = std::uint64_t{1} << 53;  // 2^53 blocks are 2^63 bytes
+    EXPECT_EQ(quotaOf({kAll, kAll, kLastBlock, 0, kAll, kAll, kAll, 0}, kNow),
+              (DiskQuota{kMost, kMost, kMost, 0, kMost, kMost, kMost, 0}));
+    EXPECT_EQ(quotaOf({0, kLastBlock - 1, 0, 0, 0, 0, 0, 0}, kNow).spaceSoftLimit, kMost - 1023);
+    EXPECT_EQ(quotaOf({0, 0, 0, kAll, 0, 0, 0, kAll}, kNow).spaceGrace, kMost - kNow);
+}
+
+TEST(DiskQuotaTest, withoutAFolderThereIsNothing) {
+    const TestFolder folder;
+    folder.write("file", "text");
+    for (const std::string& path : {std::string(), folder / "missing", folder / "file"}) {
+        const QuotaReading reading = readDiskQuota(path, kProject);
+        EXPECT_EQ(reading.error, ENOENT) << path;
+        EXPECT_EQ(reading.quota, DiskQuota{}) << path;
+    }
+}
+
+TEST(DiskQuotaTest, withoutProjectQuotasNothingIsInvented) {
+    const TestFolder folder;
+    folder.write("root/file", "text");
+    const QuotaReading reading = readDiskQuota(folder / "root", kProject);
+    EXPECT_NE(reading.error, 0);
+    EXPECT_NE(reading.error, ENOENT) << "the folder is there";
+    EXPECT_EQ(reading.quota, DiskQuota{}) << std::strerror(reading.error);
+}
+
+TEST(DiskQuotaTest, aFolderWithAFileSystemToItselfUsesWhatThatUses) {
+    const TestFolder folder;
+    folder.write("root/hidden", "text");
+    const MountedFolder mount(folder / "root");
+    if (mount.error() != 0) {
+        GTEST_SKIP() << "nothing can be mounted: " << std::strerror(mount.error());
+    }
+    const QuotaReading empty = readDiskQuota(folder / "root", kProject);
+    EXPECT_NE(empty.error, 0);
+    EXPECT_EQ(empty.quota, (DiskQuota{.inodesUsed = 1})) << "the folder itself";
+    folder.write("root/file", std::string(100'000, 'x'));
+    folder.write("root/sub/file", "");
+    const DiskQuota used = readDiskQuota(folder / "root", kProject).quota;
+    EXPECT_GE(used.spaceUsed, 100'000);
+    EXPECT_LT(used.spaceUsed, 200'000);
+    EXPECT_EQ(used, (DiskQuota{.spaceUsed = used.spaceUsed, .inodesUsed = 4}));
+    EXPECT_EQ(readDiskQuota(folder / "root/sub", kProject).quota, DiskQuota{}) << "part of a file system only";
+}
+
+}  // namespace
+}  // namespace kx::agent::lxc
