@@ -76,8 +76,10 @@ public:
 
     void handleData(const std::vector<KXLMonitorData>& data) override {
         if (monitor != nullptr) {
+            // Asked for before the monitor's lock is taken: the link has its own, which comes first.
+            const auto environments = environmentsOfLink();
             const std::lock_guard guard(monitor->lock);
-            monitor->storeMonitorData(data);
+            monitor->storeMonitorData(data, environments);
         }
     }
 
@@ -135,7 +137,7 @@ ClassStats SNMPNodePerfomanceMonitor::getStats(const std::string& className) {
         return {};
     }
     // Without the lock, on purpose: see the header.
-    storeMonitorData(answer);
+    storeMonitorData(answer, environmentsOfLink());
     return perfCache[className];
 }
 
@@ -181,9 +183,9 @@ std::int32_t SNMPNodePerfomanceMonitor::restart(const boost::intrusive_ptr<KXLAc
     return startMonitoring(classes, accessPoint);
 }
 
-void SNMPNodePerfomanceMonitor::storeMonitorData(const std::vector<KXLMonitorData>& data) {
+void SNMPNodePerfomanceMonitor::storeMonitorData(const std::vector<KXLMonitorData>& data,
+                                                 const boost::intrusive_ptr<KXLEnvCache>& environments) {
     StaleVeSweeper sweeper(perfCache);
-    const auto environments = environmentsOfLink();
     for (const KXLMonitorData& container : data) {
         const int veid = veidOf(environments.get(), container.eid);
         if (veid < 1 || container.classes.empty()) {

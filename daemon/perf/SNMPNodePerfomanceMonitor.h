@@ -51,7 +51,9 @@ private:
 
     /// @brief Folds a push or an answer into the cache. Containers that it lacks are gone from every class, also from
     /// those that it is not about.
-    void storeMonitorData(const std::vector<KXLMonitorData>& data);
+    /// @param environments where the containers' numbers are looked up; null: none of them has one
+    void storeMonitorData(const std::vector<KXLMonitorData>& data,
+                          const boost::intrusive_ptr<KXLEnvCache>& environments);
     void storeVeData(int veid, const KXLMonitorData::Classes& classes);
     void mergeStats(const CounterMap& incoming, CounterMap& target);
 

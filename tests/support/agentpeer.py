@@ -35,6 +35,9 @@ class AgentPeer:
         self._socket.settimeout(timeoutSeconds)
         self._socket.connect(path)
 
+    def setTimeout(self, seconds):
+        self._socket.settimeout(seconds)
+
     def close(self):
         self._socket.close()
 
@@ -66,13 +69,13 @@ class AgentPeer:
         self.sendFrame(frame)
 
     def _receiveExactly(self, count):
-        data = b""
+        data = bytearray()
         while len(data) < count:
             part = self._socket.recv(count - len(data))
             if not part:
                 return None
             data += part
-        return data
+        return bytes(data)
 
     def receiveFrame(self):
         """The next frame; None when the agent has closed the connection."""
@@ -89,6 +92,35 @@ class AgentPeer:
         if frame is None or not frame.HasField("hello"):
             raise AssertionError(f"no Hello from the agent but {frame}")
         return frame.hello
+
+    def askForEvents(self, name=b"events", requestId=1):
+        """Asks for a subscription. @return the answer"""
+        frame = self.schema.Frame(request_id=requestId)
+        frame.event_subscribe.name = name
+        self.sendFrame(frame)
+        return self.receiveFrame()
+
+    def subscribe(self):
+        """Introduces itself and subscribes to events. @return itself"""
+        self.handshake()
+        answer = self.askForEvents()
+        if answer is None or not answer.HasField("done"):
+            raise AssertionError(f"the subscription was not confirmed: {answer}")
+        return self
+
+    def nextEvents(self):
+        """The events of the next frame, which must be one of events."""
+        frame = self.receiveFrame()
+        if frame is None or not frame.HasField("event_message"):
+            raise AssertionError(f"no events from the agent but {frame}")
+        return list(frame.event_message.events)
+
+    def events(self, count):
+        """As many events as are asked for, from as many frames as it takes."""
+        events = []
+        while len(events) < count:
+            events.extend(self.nextEvents())
+        return events
 
     def snapshot(self):
         """The whole list of environments."""
