@@ -1,0 +1,15 @@
+// Numbers on the command line. Free functions, any thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace kx::ctl {
+
+/// @brief Reads a decimal number, all of the text.
+/// @param option what it was given for, for the words of the error
+/// @throws Failure of wrong usage when it is no number, or outside of from..to
+std::int64_t readNumber(std::string_view option, std::string_view text, std::int64_t from, std::int64_t to);
+
+}  // namespace kx::ctl

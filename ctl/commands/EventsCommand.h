@@ -1,0 +1,14 @@
+// kxctl events: shows what the agent tells as it happens. Main thread only.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include "ctl/Selection.h"
+
+namespace kx::ctl {
+
+/// @brief Adds the command to the command line.
+/// @param selection gets the command when it is selected; must outlive the parsing
+void addEventsCommand(CLI::App& app, Selection& selection);
+
+}  // namespace kx::ctl

@@ -1,0 +1,51 @@
+#include "ctl/Numbers.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+
+#include "ctl/ExitCode.h"
+
+namespace kx::ctl {
+namespace {
+
+constexpr std::int64_t kLowest = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t kHighest = std::numeric_limits<std::int64_t>::max();
+
+std::string problemOf(const std::string& text, std::int64_t from = kLowest, std::int64_t to = kHighest) {
+    try {
+        readNumber("--n", text, from, to);
+        return "none";
+    } catch (const Failure& failure) {
+        EXPECT_EQ(failure.code(), ExitCode::WrongUsage);
+        return failure.what();
+    }
+}
+
+TEST(Numbers, AreReadToTheirExtremes) {
+    EXPECT_EQ(readNumber("--n", "-9223372036854775808", kLowest, kHighest), kLowest);
+    EXPECT_EQ(readNumber("--n", "9223372036854775807", kLowest, kHighest), kHighest);
+    EXPECT_EQ(readNumber("--n", "0", kLowest, kHighest), 0);
+}
+
+TEST(Numbers, AreDecimalWhateverTheyBeginWith) {
+    EXPECT_EQ(readNumber("--n", "010", kLowest, kHighest), 10);
+    EXPECT_EQ(problemOf("0x10"), "--n: 0x10 is no number");
+}
+
+TEST(Numbers, AreNothingElse) {
+    for (const char* const text : {"", " 1", "1 ", "1.5", "one", "+1", "--1", "1e3"}) {
+        EXPECT_NE(problemOf(text).find("is no number"), std::string::npos) << text;
+    }
+}
+
+TEST(Numbers, StayWithinTheirRange) {
+    EXPECT_EQ(problemOf("5", 1, 4), "--n: 5 is outside of 1 to 4");
+    EXPECT_EQ(problemOf("0", 1, 4), "--n: 0 is outside of 1 to 4");
+    EXPECT_EQ(problemOf("4", 1, 4), "none");
+    EXPECT_NE(problemOf("9223372036854775808").find("is outside of"), std::string::npos);
+    EXPECT_NE(problemOf("-99999999999999999999").find("is outside of"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kx::ctl
