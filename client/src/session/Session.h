@@ -144,8 +144,10 @@ private:
     void answer(std::uint64_t number, const wire::Frame& frame);
     void dropQuestions();
 
-    void beginMonitor(const wire::Frame& request, const std::set<std::string>& classes,
-                      const MonitorHandlerPtr& handler);
+    /// @return the monitor's number; 0 when the link is not up
+    std::uint64_t beginMonitor(const wire::Frame& request, const std::set<std::string>& classes,
+                               const MonitorHandlerPtr& handler);
+    /// @param number 0: of one that was not begun
     void stopMonitor(std::uint64_t number);
     void takeSample(wire::CounterSample sample);
     void takeLateSample(const wire::CounterSample& sample);

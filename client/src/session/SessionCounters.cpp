@@ -27,9 +27,20 @@ int Session::startMonitor(const CounterRequest& request, int periodSeconds, cons
     wire::Frame frame;
     fillRequest(request, *frame.mutable_monitor_start());
     frame.mutable_monitor_start()->set_period_seconds(static_cast<std::uint32_t>(periodSeconds));
+    // From here on the handler may be stopped, also before the loop has begun its monitor and given it a number.
+    const auto number = std::make_shared<std::uint64_t>(0);
+    handler->setContext(new KXLRequestContext([weak = weak_from_this(), number] {
+        if (const auto self = weak.lock()) {
+            self->loop_->post([self, number] { self->stopMonitor(*number); });
+        }
+    }));
     const bool runs = loop_->post([self = shared_from_this(), frame = std::move(frame), classes = request.classes,
-                                   handler] { self->beginMonitor(frame, classes, handler); });
-    return runs ? 0 : static_cast<int>(KXL_ERROR_STOPPED);
+                                   handler, number] { *number = self->beginMonitor(frame, classes, handler); });
+    if (!runs) {
+        handler->setContext(nullptr);
+        return KXL_ERROR_STOPPED;
+    }
+    return 0;
 }
 
 int Session::queryCounters(const CounterRequest& request, std::vector<KXLMonitorData>& output) {
@@ -50,11 +61,12 @@ int Session::queryCounters(const CounterRequest& request, std::vector<KXLMonitor
 
 // ---- loop thread ------------------------------------------------------------------------------------------------
 
-void Session::beginMonitor(const wire::Frame& request, const std::set<std::string>& classes,
-                           const MonitorHandlerPtr& handler) {
+std::uint64_t Session::beginMonitor(const wire::Frame& request, const std::set<std::string>& classes,
+                                    const MonitorHandlerPtr& handler) {
     if (phase_ != Phase::Up) {
+        handler->setContext(nullptr);
         deliver([handler] { handler->handleDisconnect(); });
-        return;
+        return 0;
     }
     const std::uint64_t number = ask(request, [this](std::uint64_t asked, const wire::Frame* answer) {
         if (answer != nullptr && answer->has_done()) {
@@ -63,16 +75,12 @@ void Session::beginMonitor(const wire::Frame& request, const std::set<std::strin
             monitors_.end(asked, KXL_ERROR_REFUSED);
         }
     });
-    handler->setContext(new KXLRequestContext([weak = weak_from_this(), number] {
-        if (const auto self = weak.lock()) {
-            self->loop_->post([self, number] { self->stopMonitor(number); });
-        }
-    }));
     monitors_.add(number, handler, classes);
+    return number;
 }
 
 void Session::stopMonitor(std::uint64_t number) {
-    if (phase_ == Phase::Up) {
+    if (number != 0 && phase_ == Phase::Up) {
         wire::Frame frame;
         frame.mutable_monitor_stop()->set_monitor(number);
         connection_->send(frame);
