@@ -11,6 +11,7 @@
 #include "ctl/Printable.h"
 #include "ctl/Selection.h"
 #include "ctl/commands/AlertCommand.h"
+#include "ctl/commands/CountersCommand.h"
 #include "ctl/commands/EventsCommand.h"
 
 namespace kx::ctl {
@@ -43,6 +44,7 @@ void describe(CLI::App& app, Selection& selection) {
     app.require_subcommand(1);
     addEventsCommand(app, selection);
     addAlertCommand(app, selection);
+    addCountersCommand(app, selection);
 }
 
 ExitCode parseAndRun(CLI::App& app, int argc, const char* const* argv) {

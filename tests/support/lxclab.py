@@ -1,6 +1,7 @@
 """A lab of real LXC containers for the tests; lxclab.sh does the work and explains its commands."""
 
 import os
+import signal
 import subprocess
 from pathlib import Path
 
@@ -57,6 +58,14 @@ class LxcLab:
         """Starts a shell command in a running container and does not wait for it; `options` are Popen's."""
         words = [*self.launcher, "lxc-attach", "-n", name, "--", "/bin/sh", "-c", command]
         return subprocess.Popen(words, **options)
+
+    @staticmethod
+    def end(spawned):
+        """Ends what spawn() has started. Not by killing lxc-attach: what it runs would become a child of some process
+        out here, and the container could not end before that one had buried it."""
+        for child in Path(f"/proc/{spawned.pid}/task/{spawned.pid}/children").read_text().split():
+            os.kill(int(child), signal.SIGKILL)
+        spawned.communicate(timeout=_COMMAND_DEADLINE_S)
 
     def takeNetwork(self, name):
         """Leaves a stopped container nothing but its loopback."""

@@ -43,7 +43,7 @@ obstacle() {
 
 # A sysfs belongs to a network namespace, so a fresh one is needed; the cgroup tree must survive below it.
 mount_lab() {
-    keep=$(mktemp -d /tmp/lxclab.XXXXXX)
+    keep=$(mktemp -d -t lxclab.XXXXXX)
     mount --rbind /sys/fs/cgroup "$keep"
     mount -t sysfs sysfs /sys
     mount --rbind "$keep" /sys/fs/cgroup

@@ -1,0 +1,73 @@
+"""Project quotas: what is published of containers is what the system's own tools say of their projects."""
+
+import re
+
+import pytest
+from support import umlquota
+
+BLOCK = 1024  # repquota's unit of space
+GRACE_S = {"space": 3600, "inodes": 7200}  # as the guest sets them
+
+
+@pytest.fixture(scope="module")
+def guest(tmp_path_factory):
+    """What the guest has found: all tests look at one run of it."""
+    obstacle = umlquota.obstacle()
+    if obstacle:
+        pytest.skip(f"user-mode-linux cannot run here: {obstacle}")
+    return umlquota.run(tmp_path_factory.mktemp("uml"))
+
+
+def reported(look):
+    """Project -> used, soft, hard, end of grace, of space and of inodes, as the tool prints them."""
+    rows = re.findall(r"^#(\d+) +[-+]{2}((?: +\d+){8})$", look["report"], re.MULTILINE)
+    return {int(project): [int(number) for number in numbers.split()] for project, numbers in rows}
+
+
+def published(look):
+    return {int(veid): columns for veid, columns in look["published"].items()}
+
+
+def inBytes(row):
+    return [row[0] * BLOCK, row[1] * BLOCK, row[2] * BLOCK, *row[3:]]
+
+
+@pytest.mark.parametrize("which", [0, 1], ids=["beyond the soft limits", "after space was freed"])
+def test_usage_and_limits_are_what_the_systems_own_tool_says(guest, which):
+    look = guest["looks"][which]
+    shown, told = published(look), reported(look)
+    assert set(shown) == {101, 102, 103} <= set(told), look["report"]
+    for veid, columns in shown.items():
+        expected = inBytes(told[veid])
+        assert columns[0:3] + columns[4:7] == expected[0:3] + expected[4:7], f"{veid}: {look['report']}"
+
+
+@pytest.mark.parametrize("which", [0, 1], ids=["beyond the soft limits", "after space was freed"])
+def test_grace_is_what_is_left_of_it_in_seconds(guest, which):
+    look = guest["looks"][which]
+    for veid, columns in published(look).items():
+        for position in (3, 7):
+            end = reported(look)[veid][position]
+            if end == 0:
+                assert columns[position] == 0
+            else:
+                # What is shown may have been read a report earlier.
+                assert end - look["ended"] - 1 <= columns[position] <= end - look["begun"] + 3, f"{veid}: {columns}"
+
+
+def test_grace_runs_for_what_is_beyond_its_soft_limit_only(guest):
+    shown = published(guest["looks"][0])
+    assert shown[101][0] > 5 * 1024 * BLOCK and shown[101][1:3] == [4096 * BLOCK, 9000 * BLOCK]
+    assert GRACE_S["space"] - 60 < shown[101][3] <= GRACE_S["space"]
+    assert shown[102][4] > 120 and shown[102][5:7] == [100, 300]
+    assert GRACE_S["inodes"] - 60 < shown[102][7] <= GRACE_S["inodes"]
+    assert [shown[101][7], shown[102][3]] == [0, 0]
+    assert shown[103][0] > 0 and shown[103][1:4] + shown[103][5:8] == [0] * 6, "no limits are set"
+
+
+def test_grace_ends_when_usage_is_below_the_soft_limit_again(guest):
+    assert published(guest["looks"][1])[101][3] == 0
+
+
+def test_where_there_are_quotas_none_are_said_to_be_missing(guest):
+    assert not [line for line in guest["log"] if "project quotas" in line]
