@@ -46,6 +46,17 @@ int veidOf(const KXLEnvCache* environments, const KXLEID& eid) {
     return has ? veid : -1;
 }
 
+/// @param from a position before which the name cannot be
+/// @return where the name is; a default-made value was inserted when it was not there
+template <typename Map>
+typename Map::iterator findOrInsert(Map& map, typename Map::iterator from, const std::string& name) {
+    int order = -1;
+    while (from != map.end() && (order = from->first.compare(name)) < 0) {
+        ++from;
+    }
+    return from != map.end() && order == 0 ? from : map.emplace_hint(from, name, typename Map::mapped_type());
+}
+
 /// Adds as the target's kind says, whatever the incoming one is.
 void addValue(const KXLPerfStat& target, KXLPerfStat::Value& into, const KXLPerfStat::Value& value) {
     if (target.kind != 0) {
@@ -213,12 +224,18 @@ void SNMPNodePerfomanceMonitor::storeVeData(int veid, const KXLMonitorData::Clas
     }
 }
 
+// All three maps are in the order of names, so each is walked once: a push has a hundred thousand counters, and looking
+// each up in two maps is most of what folding it in would cost.
 void SNMPNodePerfomanceMonitor::mergeStats(const CounterMap& incoming, CounterMap& target) {
+    auto type = counterTypes.begin();
+    auto held = target.begin();
     for (const auto& [name, stat] : incoming) {
-        if (counterTypes[name] == accumulatedCounter) {
-            accumulate(target[name], stat);
+        type = findOrInsert(counterTypes, type, name);
+        held = findOrInsert(target, held, name);
+        if (type->second == accumulatedCounter) {
+            accumulate(held->second, stat);
         } else {
-            target[name] = stat;
+            held->second = stat;
         }
     }
 }
