@@ -245,7 +245,8 @@ void LxcWatcher::publishContainers() {
 void LxcWatcher::publishRunning() {
     std::vector<CounterTarget> running;
     for (const auto& [name, record] : records_) {
-        if (record.defined && record.life.watched() && record.veid) {
+        // One that clients do not know yet would be told for nothing: what they drop is not told again.
+        if (record.defined && record.published && record.life.watched() && record.veid) {
             running.push_back({record.eid, name, *record.veid, record.life.initPid, record.life.pidfd,
                                rootfsFolder(record.rootfs).value_or("")});
         }
