@@ -6,8 +6,8 @@
 #include <ostream>
 #include <stdexcept>
 
-#include "tests/support/LogCapture.h"
 #include "mib/NetSnmp.h"
+#include "tests/support/LogCapture.h"
 
 // The library's own number of the callback transport that it listens on; no header declares it.
 extern "C" int callback_master_num;

@@ -5,10 +5,10 @@
 
 #include <array>
 
-#include "tests/support/LogCapture.h"
 #include "Varbinds.h"
 #include "link/SNMPNodeLocal.h"
 #include "mib/OidLayout.h"
+#include "tests/support/LogCapture.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include "InProcessAgent.h"
-#include "tests/support/LogCapture.h"
 #include "link/SNMPNodeLocal.h"
 #include "mib/OidLayout.h"
+#include "tests/support/LogCapture.h"
 
 namespace {
 

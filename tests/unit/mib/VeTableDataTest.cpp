@@ -6,10 +6,10 @@
 #include <limits>
 
 #include "Allocations.h"
-#include "tests/support/LogCapture.h"
 #include "client/src/values/EnvRecord.h"
 #include "link/SNMPNodeLocal.h"
 #include "tables/VeTable.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/MakeEnv.h"
 
 namespace {
