@@ -122,8 +122,8 @@ inline wire::Frame vocabularyOf(const CounterClasses& classes) {
 
 // ---- the agent --------------------------------------------------------------------------------------------------
 
-/// What a query for this class alone is not written down, and always answered: it shows that what was sent before it
-/// has arrived.
+/// A query for this class is not written down, and always answered: once it is, all that was sent before has been
+/// handled.
 inline const std::string kFenceClass = "fence";
 
 /// @brief An agent that writes down what it is asked about counters, answers as told, and sends what it is told to.

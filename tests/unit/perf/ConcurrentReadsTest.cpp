@@ -17,6 +17,7 @@ protected:
     ConcurrentReads() {
         read(kNet);
         read(kQuota);
+        subscription_ = agent().monitor();
         reportRound(0);
         EXPECT_TRUE(settle());
         agent().reset();
@@ -32,7 +33,7 @@ protected:
                                  {rowOf(kWeb, "1", {1, 1}), rowOf(kStore, std::to_string(round), {1, 1})})}));
     }
 
-    const std::uint64_t subscription_ = (read(kNet), agent().monitor());
+    std::uint64_t subscription_ = 0;
 };
 
 /// Whether what one report said is there as a whole.
