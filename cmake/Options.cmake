@@ -18,14 +18,20 @@ endif()
 # No -DNDEBUG in any build type: the system counts on an assertion stopping the
 # process when a null shared pointer is dereferenced, in production too.
 set(CMAKE_CXX_FLAGS_RELEASE "-O2")
-set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g")
+set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O2 -g1")
 set(KX_DEBUG_FLAGS "-O0 -g" CACHE STRING "Compile flags of the Debug build type")
 set(CMAKE_CXX_FLAGS_DEBUG "${KX_DEBUG_FLAGS}")
 
 find_program(KX_CCACHE ccache)
-if(KX_CCACHE)
-  set(CMAKE_CXX_COMPILER_LAUNCHER ${KX_CCACHE})
+
+# What runs on hosts is hardened as Debian's own packages are; sanitizers bring their own checks.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND NOT KX_SANITIZE)
+  string(APPEND CMAKE_CXX_FLAGS_RELEASE " -D_FORTIFY_SOURCE=2 -fstack-protector-strong")
+  string(APPEND CMAKE_CXX_FLAGS_RELWITHDEBINFO " -D_FORTIFY_SOURCE=2 -fstack-protector-strong")
+  add_link_options(-Wl,-z,relro,-z,now)
 endif()
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES CXX)
 
 add_library(kx_flags INTERFACE)
 target_compile_options(kx_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)

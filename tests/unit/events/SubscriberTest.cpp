@@ -143,6 +143,8 @@ protected:
     }
     ~SubscriberTest() override {
         subscriber->stop();
+        // As a loop does that ends: a timeout that is registered holds the subscriber, which holds the access object.
+        access().timeout.reset();
         setKXLClock(nullptr);
     }
 

@@ -8,9 +8,11 @@
 
 #include <algorithm>
 #include <condition_variable>
+#include <csignal>
 #include <cstdio>
 #include <functional>
 #include <iterator>
+#include <map>
 
 #include "tests/unit/lxc/TestFolder.h"
 
@@ -204,18 +206,18 @@ TEST_F(ResourceWatchTest, thatTheKernelCannotBeAskedIsOneLineAndLooksFindIt) {
     EXPECT_THAT(logged_[0], testing::HasSubstr("No such file"));
 }
 
-TEST_F(ResourceWatchTest, aContainerThatHasStoppedIsClearedInItsTimeAndForgotten) {
-    times_.quietAfterKill = milliseconds(100);
+TEST_F(ResourceWatchTest, aContainerThatHasStoppedIsClearedInItsTimeAndNoMoreRead) {
+    times_.quietAfterKill = milliseconds(500);
     start();
     watch_->track(eidOf("web"), make("web"));
     ASSERT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("web"), [&](int times) { events("web", 0, times); }));
     watch_->untrack(eidOf("web"));
-    EXPECT_TRUE(tells(kMemoryOomSource, kAlertClear, eidOf("web")));
-    forgetTold();
-    events("web", 0, 1000);
-    // Another one's alert shows that the watch has been at work since.
+    // Orders are obeyed in order: once the later one is watched, the earlier one no longer is.
     watch_->track(eidOf("db"), make("db"));
     ASSERT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("db"), [&](int times) { events("db", 0, times); }));
+    forgetTold();
+    events("web", 0, 1000);
+    EXPECT_TRUE(tells(kMemoryOomSource, kAlertClear, eidOf("web")));
     EXPECT_FALSE(tells(kMemoryOomSource, kAlertCritical, eidOf("web"), milliseconds(0)));
 }
 
@@ -240,7 +242,12 @@ TEST_F(ResourceWatchTest, processesKilledOutsideOfContainersAreTheHosts) {
         hostKills(100 + times);
         events("web", 0, times);
     }));
-    ASSERT_TRUE(tellsInTheEnd(kHostOomSource, host_, [&](int) { hostKills(100 + happened_ + 7); }));
+    const int seen = happened_;
+    forgetTold();
+    hostKills(100 + seen + 5);
+    events("web", 0, seen + 5);
+    ASSERT_TRUE(tells(kMemoryOomSource, kAlertCritical, eidOf("web")));
+    ASSERT_TRUE(tellsInTheEnd(kHostOomSource, host_, [&](int) { hostKills(100 + seen + 5 + 7); }));
     EXPECT_EQ(told(kHostOomSource).at(0).value, 7) << "without the container's";
     EXPECT_TRUE(tells(kHostOomSource, kAlertClear, host_));
 }
@@ -255,6 +262,19 @@ TEST_F(ResourceWatchTest, killsThatV1DoesNotTellOfAreLookedForWhenTheHostCountsT
         hostKills(100 + times);
     }));
     EXPECT_THAT(told(kHostOomSource), testing::IsEmpty());
+}
+
+TEST_F(ResourceWatchTest, killsThatV1AnnouncesAreNotLookedForWithoutASign) {
+    start();
+    folder_.write("web/cgroup.event_control", "");
+    watch_->track(eidOf("web"), makeV1("web"));
+    ASSERT_TRUE(tellsInTheEnd(kPidsLimitSource, eidOf("web"), [&](int times) { pidsHits("web", times); }));
+    folder_.write("web/memory.oom_control", "oom_kill 1\n");
+    forgetTold();
+    ASSERT_TRUE(tellsInTheEnd(kPidsLimitSource, eidOf("web"), [&](int times) { pidsHits("web", 1000 + times); }));
+    EXPECT_THAT(told(kMemoryOomSource), testing::IsEmpty());
+    announceKill("web");
+    EXPECT_TRUE(tells(kMemoryOomSource, kAlertCritical, eidOf("web")));
 }
 
 TEST_F(ResourceWatchTest, aKillThatV1AnnouncesIsLookedForUntilItIsCounted) {
@@ -289,6 +309,34 @@ TEST_F(ResourceWatchTest, theRemovalOfACgroupAnnouncesNoKill) {
     hostKills(101);
     EXPECT_TRUE(tells(kHostOomSource, kAlertCritical, host_));
     EXPECT_THAT(told(kMemoryOomSource), testing::IsEmpty());
+}
+
+/// @return the process's threads and the signals that each has blocked
+std::map<std::string, std::uint64_t> blockedSignals() {
+    std::map<std::string, std::uint64_t> masks;
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream status(thread.path() / "status");
+        for (std::string word; status >> word;) {
+            if (word == "SigBlk:") {
+                status >> std::hex >> masks[thread.path().filename()];
+            }
+        }
+    }
+    return masks;
+}
+
+TEST_F(ResourceWatchTest, itsThreadTakesNoSignals) {
+    const auto before = blockedSignals();
+    start();
+    const auto after = blockedSignals();
+    ASSERT_EQ(after.size(), before.size() + 1);
+    for (const auto& [thread, mask] : after) {
+        if (!before.contains(thread)) {
+            for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+                EXPECT_NE(mask & (std::uint64_t{1} << static_cast<unsigned>(number - 1)), 0U) << number;
+            }
+        }
+    }
 }
 
 TEST_F(ResourceWatchTest, itEndsAtOnceWhateverItWatches) {
