@@ -6,6 +6,7 @@ import pytest
 from support import umlquota
 
 BLOCK = 1024  # repquota's unit of space
+CLEAR, WARNING, CRITICAL = 0, 1, 2
 GRACE_S = {"space": 3600, "inodes": 7200}  # as the guest sets them
 
 
@@ -67,6 +68,20 @@ def test_grace_runs_for_what_is_beyond_its_soft_limit_only(guest):
 
 def test_grace_ends_when_usage_is_below_the_soft_limit_again(guest):
     assert published(guest["looks"][1])[101][3] == 0
+
+
+def test_what_runs_out_is_told_as_a_trap_and_told_again_when_it_is_over(guest):
+    def told(veid, word):
+        return [(code, value) for number, code, text, value in guest["alerts"] if number == veid and word in text]
+
+    soft, hard = told(101, "soft limit"), told(101, "used up")
+    assert [code for code, _ in soft] == [WARNING, CLEAR] and [code for code, _ in hard] == [CRITICAL, CLEAR], guest
+    softLimit, hardLimit = 4096 * BLOCK, 9000 * BLOCK
+    assert softLimit < soft[0][1] < hardLimit * 0.99 <= hard[0][1], "values are the bytes used"
+    assert soft[1][1] < softLimit / 2 and hard[1][1] < softLimit / 2
+    [(code, used)] = told(102, "inodes")
+    assert code == WARNING and 120 < used < 300
+    assert len(guest["alerts"]) == 5, guest["alerts"]
 
 
 def test_where_there_are_quotas_none_are_said_to_be_missing(guest):

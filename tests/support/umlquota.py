@@ -18,6 +18,7 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
 from support import lxclab, privatehost  # noqa: E402
 from support.host import QUOTA_COUNTERS, Host, buildFolder  # noqa: E402
+from support.traps import TrapSink  # noqa: E402
 from support.wait import waitUntil  # noqa: E402
 
 _GUEST_DEADLINE_S = 120  # some 25 s where nothing else runs
@@ -26,6 +27,8 @@ _INIT = Path(__file__).with_suffix(".sh")
 _DISK_BYTES = 64 * 1024 * 1024
 _DISK = "/mnt/disk"
 _OUT = Path("/mnt/out")
+_SINK_PORT = 1163
+_ALERT_DEADLINE_S = 30  # quotas are looked at every few seconds, and the guest is slow
 
 
 # ---- on the host ----------------------------------------------------------------------------------------------------
@@ -92,8 +95,12 @@ def _moveToDisk(lab, name):
     lab.do("exec", "sed", "-i", f"s,^lxc.rootfs.path.*,lxc.rootfs.path = dir:{root},", config)
 
 
+def _inside(lab, name, script):
+    lab.do("exec", "lxc-attach", "-n", name, "--", "/bin/sh", "-c", script)
+
+
 def _makeContainers(lab):
-    """101 uses more space than its soft limit, 102 more inodes, 103 has no limit."""
+    """101 and 102 have limits, 103 has none."""
     for name in ("101", "102", "103"):
         lab.do("create", name)
         _moveToDisk(lab, name)
@@ -101,10 +108,12 @@ def _makeContainers(lab):
     _do("setquota", "-P", "-t", "3600", "7200", _DISK)
     _do("setquota", "-P", "101", "4096", "9000", "1000", "2000", _DISK)
     _do("setquota", "-P", "102", "20000", "30000", "100", "300", _DISK)
-    inside = "dd if=/dev/zero of=/root/file bs=1M count=5"
-    lab.do("exec", "lxc-attach", "-n", "101", "--", "/bin/sh", "-c", inside)
-    inside = "i=0; while [ $i -lt 120 ]; do : >/root/$i; i=$((i + 1)); done"
-    lab.do("exec", "lxc-attach", "-n", "102", "--", "/bin/sh", "-c", inside)
+
+
+def _exceedSoftLimits(lab):
+    """101 uses more space than its soft limit allows, 102 more inodes."""
+    _inside(lab, "101", "dd if=/dev/zero of=/root/file bs=1M count=5")
+    _inside(lab, "102", "i=0; while [ $i -lt 120 ]; do : >/root/$i; i=$((i + 1)); done")
     os.sync()  # space that is not on the disk yet is not counted yet
 
 
@@ -124,10 +133,33 @@ def _look(host):
     return {"published": published, "report": report, "begun": before, "ended": time.time()}
 
 
+def _alerts(sink):
+    """What was told so far: number of the container, code, text and value."""
+    alerts = []
+    for trap in sink.traps():
+        veid, text, code, value = (variable.value for variable in trap.variables[:4])
+        alerts.append([veid, code, text.decode(), value])
+    return alerts
+
+
+def _useUpAndFree(lab, sink):
+    """101 goes on until there is no space left, and then has all of it again. Returns what was told."""
+    sink.waitFor(2, _ALERT_DEADLINE_S)  # the two soft limits that were exceeded from the beginning
+    _inside(lab, "101", "dd if=/dev/zero of=/root/more bs=1M count=4")
+    os.sync()
+    sink.waitFor(3, _ALERT_DEADLINE_S)
+    os.unlink(f"{_DISK}/101/root/file")
+    os.unlink(f"{_DISK}/101/root/more")
+    os.sync()
+    sink.waitFor(5, _ALERT_DEADLINE_S)
+    return _alerts(sink)
+
+
 def _guest():
     privatehost.becomeSubreaper()
     lab = lxclab.LxcLab()
-    host = Host()
+    sink = TrapSink(_SINK_PORT)
+    host = Host(trapPorts=(_SINK_PORT,))
     looks = []
     try:
         _makeContainers(lab)
@@ -136,19 +168,23 @@ def _guest():
         host.snmpd.start()
         host.kxsnmp.start()
         host.waitForSubtree()
+        # Events are subscribed to with the link, so an alert from now on becomes a trap.
         waitUntil(lambda: set(_published(host)) == {101, 102, 103}, 20, "all containers are published")
+        _exceedSoftLimits(lab)
+        waitUntil(lambda: _published(host)[101][3] and _published(host)[102][7], 20, "grace begins to run")
         looks.append(_look(host))
         used = looks[0]["published"][101][0]
-        os.unlink(f"{_DISK}/101/root/file")
-        os.sync()
+        alerts = _useUpAndFree(lab, sink)
         waitUntil(lambda: _published(host)[101][0] < used, 20, "the new usage is published")
         looks.append(_look(host))
     finally:
         host.close()
         log = host.agent.lines()
         host.removeFolder()
+        sink.close()
         lab.close()
-    (_OUT / "result.json").write_text(json.dumps({"kernel": os.uname().release, "looks": looks, "log": log}))
+    result = {"kernel": os.uname().release, "looks": looks, "alerts": alerts, "log": log}
+    (_OUT / "result.json").write_text(json.dumps(result))
 
 
 if __name__ == "__main__":

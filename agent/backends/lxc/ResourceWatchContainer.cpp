@@ -28,6 +28,12 @@ constexpr Texts kTexts[] = {
     {kPidsLimitSource, "the limit of processes was hit", "below the limit of processes again"},
     {kHostOomSource, "the host is out of memory: processes outside of containers were killed",
      "the host is no longer out of memory"},
+    {kSpaceSoftLimitSource, "more disk space is used than the soft limit allows",
+     "disk space is below its soft limit again"},
+    {kSpaceHardLimitSource, "disk space is used up", "disk space is no longer used up"},
+    {kInodesSoftLimitSource, "more inodes are used than the soft limit allows",
+     "inodes are below their soft limit again"},
+    {kInodesHardLimitSource, "inodes are used up", "inodes are no longer used up"},
 };
 
 }  // namespace

@@ -30,6 +30,10 @@ inline constexpr const char* kMemoryOomSource = "memory.oom";
 inline constexpr const char* kMemoryLimitSource = "memory.limit";
 inline constexpr const char* kPidsLimitSource = "pids.limit";
 inline constexpr const char* kHostOomSource = "host.oom";
+inline constexpr const char* kSpaceSoftLimitSource = "quota.space.soft";
+inline constexpr const char* kSpaceHardLimitSource = "quota.space.hard";
+inline constexpr const char* kInodesSoftLimitSource = "quota.inodes.soft";
+inline constexpr const char* kInodesHardLimitSource = "quota.inodes.hard";
 
 /// @brief Makes the signal of a source.
 /// @param code kAlertClear, or the code of the source's alert

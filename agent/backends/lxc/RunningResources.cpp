@@ -21,13 +21,15 @@ std::vector<CgroupMount> cgroupMounts() {
 }  // namespace
 
 RunningResources::RunningResources(const Eid& host, SignalSink sink, LogSink log)
-    : watch_({host, {}}, std::move(sink), std::move(log)) {}
+    : watch_({host, {}}, sink, std::move(log)), quotas_(std::move(sink)) {}
 
 void RunningResources::update(const std::vector<CounterTarget>& running) {
     std::map<Eid, pid_t> present;
+    QuotaTargets quotas;
     std::vector<CgroupMount> mounts;
     for (const CounterTarget& target : running) {
         present.emplace(target.eid, target.initPid);
+        quotas.insert({target.eid, {target.rootFolder, target.veid}});
         const auto known = tracked_.find(target.eid);
         if (known != tracked_.end() && known->second == target.initPid) {
             continue;
@@ -47,6 +49,7 @@ void RunningResources::update(const std::vector<CounterTarget>& running) {
         }
     }
     tracked_ = std::move(present);
+    quotas_.setTargets(std::move(quotas));
 }
 
 }  // namespace kx::agent::lxc

@@ -1,6 +1,6 @@
-// Keeps the resource watch informed of who runs.
+// Keeps the watches of resources and of disk quotas informed of who runs.
 //
-// Threads: update() on one thread, the worker's. The watch has a thread of its own.
+// Threads: update() on one thread, the worker's. Each watch has a thread of its own.
 #pragma once
 
 #include <sys/types.h>
@@ -9,15 +9,16 @@
 #include <vector>
 
 #include "agent/backends/lxc/CounterThread.h"
+#include "agent/backends/lxc/QuotaWatch.h"
 #include "agent/backends/lxc/ResourceWatch.h"
 
 namespace kx::agent::lxc {
 
-/// Tells the watch of each run's beginning and end.
+/// Tells the watches of each run's beginning and end.
 class RunningResources {
 public:
     /// @param host whom alerts of the host are about
-    /// @param sink gets the signals, on the watch's thread
+    /// @param sink gets the signals, on the watches' threads
     /// @param log gets log lines
     /// @throws std::runtime_error when the system has not what it needs
     RunningResources(const Eid& host, SignalSink sink, LogSink log);
@@ -27,6 +28,7 @@ public:
 
 private:
     ResourceWatch watch_;
+    QuotaWatch quotas_;
     std::map<Eid, pid_t> tracked_;  ///< the init process of the run that is tracked
 };
 

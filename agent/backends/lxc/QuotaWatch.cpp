@@ -1,0 +1,75 @@
+#include "agent/backends/lxc/QuotaWatch.h"
+
+#include <utility>
+
+#include "agent/backends/lxc/SignalMask.h"
+
+namespace kx::agent::lxc {
+
+QuotaWatch::QuotaWatch(std::function<void(AlertSignal)> sink, Reader reader, std::chrono::milliseconds period)
+    : sink_(std::move(sink)), reader_(std::move(reader)), period_(period) {
+    const AllSignalsBlocked blocked;
+    thread_ = std::thread([this] { run(); });
+}
+
+QuotaWatch::~QuotaWatch() {
+    {
+        const std::lock_guard lock(mutex_);
+        ending_ = true;
+    }
+    changed_.notify_one();
+    thread_.join();
+}
+
+void QuotaWatch::setTargets(QuotaTargets targets) {
+    const std::lock_guard lock(mutex_);
+    targets_ = std::move(targets);
+}
+
+/// What was set since the last look is taken at the next one: nobody's quota runs out because it starts.
+void QuotaWatch::run() {
+    std::unique_lock lock(mutex_);
+    while (!changed_.wait_for(lock, period_, [this] { return ending_; })) {
+        const QuotaTargets targets = targets_;
+        lock.unlock();
+        take(targets);
+        if (!lookAtAll()) {
+            return;
+        }
+        lock.lock();
+    }
+}
+
+void QuotaWatch::take(const QuotaTargets& targets) {
+    for (const auto& [eid, target] : targets) {
+        const auto [place, isNew] = watched_.try_emplace(eid, Watched{target, QuotaAlarms(eid)});
+        if (!isNew) {
+            place->second.target = target;
+        }
+    }
+    std::erase_if(watched_, [&](const auto& entry) {
+        return targets.find(entry.first) == targets.end() && !entry.second.alarms.isRaised();
+    });
+}
+
+/// @return false: this object is ending
+bool QuotaWatch::lookAtAll() {
+    for (auto& [eid, watched] : watched_) {
+        if (isEnding()) {
+            return false;
+        }
+        // Where there is no quota, or no folder any more, the reading has no limits: nothing runs out.
+        const QuotaReading reading = reader_(watched.target.rootFolder, watched.target.project);
+        for (AlertSignal& signal : watched.alarms.look(reading.quota)) {
+            sink_(std::move(signal));
+        }
+    }
+    return true;
+}
+
+bool QuotaWatch::isEnding() {
+    const std::lock_guard lock(mutex_);
+    return ending_;
+}
+
+}  // namespace kx::agent::lxc

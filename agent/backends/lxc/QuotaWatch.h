@@ -1,0 +1,80 @@
+// Tells when containers' disk quotas run out (see QuotaAlarms.h). The kernel tells nobody but the process that it
+// refuses, so the quotas are looked at every few seconds; one that thousands of containers have costs some
+// milliseconds.
+//
+// Threads: setTargets() by the owner, one thread, at once; a disk may keep a reader waiting, so the looking is done on
+// a thread of this object's own, which has every signal blocked and calls the sink.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "agent/alerts/Alert.h"
+#include "agent/backends/lxc/DiskQuota.h"
+#include "agent/backends/lxc/QuotaAlarms.h"
+
+namespace kx::agent::lxc {
+
+/// Whose quota is looked at, and where.
+struct QuotaTarget {
+    std::string rootFolder;    ///< seen from the host; empty: none
+    std::int32_t project = 0;  ///< the container's VE id
+    bool operator==(const QuotaTarget&) const = default;
+};
+
+/// Containers by their EIDs.
+using QuotaTargets = std::map<Eid, QuotaTarget>;
+
+/// Watches from its construction to its destruction.
+class QuotaWatch {
+public:
+    using Reader = std::function<QuotaReading(const std::string& rootFolder, std::int32_t project)>;
+
+    /// @param sink gets the signals, on this object's thread
+    /// @param reader readDiskQuota(), but in tests
+    /// @param period between looks
+    /// @throws std::system_error when there can be no thread
+    explicit QuotaWatch(std::function<void(AlertSignal)> sink, Reader reader = readDiskQuota,
+                        std::chrono::milliseconds period = std::chrono::seconds(5));
+
+    /// @brief Stops and joins the thread, waiting for a look to end. What is raised stays raised.
+    ~QuotaWatch();
+
+    QuotaWatch(const QuotaWatch&) = delete;
+    QuotaWatch& operator=(const QuotaWatch&) = delete;
+
+    /// @brief Says which containers run. One that no longer does is looked at until nothing is raised about it: its
+    /// files still use what they use, and may be deleted.
+    void setTargets(QuotaTargets targets);
+
+private:
+    struct Watched {
+        QuotaTarget target;
+        QuotaAlarms alarms;
+    };
+
+    void run();
+    void take(const QuotaTargets& targets);
+    bool lookAtAll();
+    bool isEnding();
+
+    const std::function<void(AlertSignal)> sink_;
+    const Reader reader_;
+    const std::chrono::milliseconds period_;
+
+    std::mutex mutex_;  ///< over the next three, held for moments
+    std::condition_variable changed_;
+    QuotaTargets targets_;
+    bool ending_ = false;
+
+    std::map<Eid, Watched> watched_;  ///< the thread's own
+
+    std::thread thread_;
+};
+
+}  // namespace kx::agent::lxc
