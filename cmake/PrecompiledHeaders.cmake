@@ -1,7 +1,7 @@
 # Most of what the compiler reads are the same few headers of others; read once for all, the build takes half the time.
 #
-# Tests always use them. Our own libraries do in the sanitized builds only: in the other ones each file has to include
-# what it names, or it does not compile.
+# Tests always use them. Our own libraries do not in the preset "dev", which scripts/lint reads: there each file has to
+# include what it names, or it does not compile.
 option(KX_PRECOMPILED_HEADERS "Let the libraries use precompiled headers, as tests always do" OFF)
 
 # Without this ccache leaves alone what uses a precompiled header.
