@@ -133,10 +133,14 @@ AgentConnection::~AgentConnection() {
     loop_->stop();
 }
 
+std::string AgentConnection::programName() const {
+    return printable(handler_->peerName());
+}
+
 std::string AgentConnection::agentName() const {
-    const std::string name = handler_->peerName();
+    const std::string name = programName();
     const std::string eid = accessPoint_->getEID().toString();
-    return name.empty() ? eid : fmt::format("{} ({})", printable(name), eid);
+    return name.empty() ? eid : fmt::format("{} ({})", name, eid);
 }
 
 }  // namespace kx::ctl

@@ -40,6 +40,9 @@ public:
 
     KXLAccessPointPrototype& accessPoint() const { return *accessPoint_; }
 
+    /// @return the program name that the agent gave, fit for a terminal; empty when it gave none
+    std::string programName() const;
+
     /// @return the agent's program name and identifier, fit for a terminal
     std::string agentName() const;
 

@@ -1,7 +1,8 @@
 #include "ctl/Json.h"
 
-#include <array>
-#include <cstdint>
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <utility>
 
 #include "ctl/Utf8.h"
 
@@ -33,15 +34,58 @@ std::string base64(std::string_view bytes) {
 
 }  // namespace
 
-void putText(Json& object, const std::string& key, std::string_view bytes) {
-    object[key] = asUtf8(bytes);
+Json::Json() : Json(nlohmann::ordered_json::object()) {}
+Json::Json(nlohmann::ordered_json value) : value_(std::make_unique<nlohmann::ordered_json>(std::move(value))) {}
+Json::~Json() = default;
+Json::Json(const Json& other) : Json(*other.value_) {}
+Json::Json(Json&& other) noexcept = default;
+
+Json& Json::operator=(Json other) noexcept {
+    value_ = std::move(other.value_);
+    return *this;
+}
+
+Json Json::array() {
+    return Json(nlohmann::ordered_json::array());
+}
+
+void Json::put(const std::string& key, std::string_view text) {
+    (*value_)[key] = text;
+}
+
+void Json::put(const std::string& key, const Json& value) {
+    (*value_)[key] = *value.value_;
+}
+
+void Json::putFlag(const std::string& key, bool value) {
+    (*value_)[key] = value;
+}
+
+void Json::putReal(const std::string& key, double value) {
+    (*value_)[key] = value;
+}
+
+void Json::putSigned(const std::string& key, std::int64_t value) {
+    (*value_)[key] = value;
+}
+
+void Json::putUnsigned(const std::string& key, std::uint64_t value) {
+    (*value_)[key] = value;
+}
+
+void Json::putText(const std::string& key, std::string_view bytes) {
+    put(key, asUtf8(bytes));
     if (!isUtf8(bytes)) {
-        object[key + "_base64"] = base64(bytes);
+        put(key + "_base64", base64(bytes));
     }
 }
 
-std::string jsonLine(const Json& value) {
-    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+void Json::add(const Json& element) {
+    value_->push_back(*element.value_);
+}
+
+std::string Json::line() const {
+    return value_->dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 }  // namespace kx::ctl

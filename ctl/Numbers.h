@@ -12,4 +12,7 @@ namespace kx::ctl {
 /// @throws Failure of wrong usage when it is no number, or outside of from..to
 std::int64_t readNumber(std::string_view option, std::string_view text, std::int64_t from, std::int64_t to);
 
+/// @brief The same for a number that may have a fraction.
+double readDecimal(std::string_view option, std::string_view text, double from, double to);
+
 }  // namespace kx::ctl

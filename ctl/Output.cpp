@@ -8,15 +8,17 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <string_view>
 
 #include "ctl/ExitCode.h"
 
 namespace kx::ctl {
 
 Output::Result Output::writeLine(std::string line) {
-    line += '\n';
-    std::string_view rest = line;
+    return write(line += '\n');
+}
+
+Output::Result Output::write(std::string_view text) {
+    std::string_view rest = text;
     while (!rest.empty()) {
         const Result ready = waitUntilWritable();
         if (ready != Result::Written) {
@@ -33,6 +35,14 @@ Output::Result Output::writeLine(std::string line) {
         }
     }
     return Result::Written;
+}
+
+Output::Result Output::writeLines(const std::vector<std::string>& lines) {
+    Result result = Result::Written;
+    for (std::size_t at = 0; at < lines.size() && result == Result::Written; ++at) {
+        result = writeLine(lines[at]);
+    }
+    return result;
 }
 
 Output::Result Output::waitUntilWritable() const {

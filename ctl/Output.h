@@ -2,6 +2,8 @@
 #pragma once
 
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace kx::ctl {
 
@@ -18,9 +20,16 @@ public:
     /// @param stop a descriptor that becomes readable when writing is to end; -1: none
     Output(int descriptor, int stop) : descriptor_(descriptor), stop_(stop) {}
 
+    /// @brief Writes a text as it is.
+    /// @throws Failure when it cannot be written: a full disk
+    Result write(std::string_view text);
+
     /// @brief Writes a line and its end.
     /// @throws Failure when it cannot be written: a full disk
     Result writeLine(std::string line);
+
+    /// @brief Writes several, until one of them is not written.
+    Result writeLines(const std::vector<std::string>& lines);
 
     int descriptor() const { return descriptor_; }
 

@@ -1,4 +1,4 @@
-// What the command line has selected: each command puts itself here. Main thread only.
+// What the command line has selected: the command, and what is common to all. Main thread only.
 #pragma once
 
 #include <functional>
@@ -8,12 +8,18 @@
 
 namespace kx::ctl {
 
-/// @brief The command to run, and what is common to all.
+/// @brief What can be given with any command.
+struct CommonOptions {
+    std::string socket;    ///< the path of the agent's socket
+    bool noColor = false;  ///< no colours, whatever the terminal has
+};
+
+/// @brief The command to run.
 struct Selection {
-    std::string socket;  ///< the path of the agent's socket
+    CommonOptions common;
 
     /// Runs the command; throws Failure. Empty until one was selected.
-    std::function<ExitCode(const std::string& socket)> run;
+    std::function<ExitCode(const CommonOptions& common)> run;
 };
 
 }  // namespace kx::ctl

@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstdint>
 #include <limits>
-#include <memory>
 #include <optional>
 
 #include "ctl/AgentConnection.h"
@@ -16,26 +15,6 @@
 
 namespace kx::ctl {
 namespace {
-
-constexpr const char* kHelp = "Has the agent report an alert, as if it had happened";
-
-constexpr const char* kDetails =
-    "\nOnly an agent that shows a described host does so. Exactly one of --ve, --eid and --host is needed.\n"
-    "\n"
-    "The agent treats it like every alert: one that is equal to an earlier one (same target, code and text) is not\n"
-    "told again for a while, but counted.";
-
-/// The options as they were typed.
-struct Typed {
-    std::string veid;
-    std::string eid;
-    bool host = false;
-    std::string code;
-    std::string value = "0";
-    std::string text;
-    std::string textFile;
-    std::string repeat = "1";
-};
 
 /// What is to be raised.
 struct Raise {
@@ -51,29 +30,28 @@ Number readIn(const char* option, const std::string& text) {
     return static_cast<Number>(readNumber(option, text, Limits::min(), Limits::max()));
 }
 
-void setTarget(Raise& raise, const Typed& typed, const CLI::App& command) {
-    const auto given = command.count("--ve") + command.count("--eid") + command.count("--host");
-    if (given != 1) {
+void setTarget(Raise& raise, const AlertArguments& typed) {
+    if ((typed.veid ? 1 : 0) + (typed.eid ? 1 : 0) + (typed.host ? 1 : 0) != 1) {
         throw Failure(ExitCode::WrongUsage, "exactly one of --ve, --eid and --host says what the alert is about");
     }
     raise.isAboutHost = typed.host;
-    if (command.count("--ve") != 0) {
-        raise.veid = readIn<std::int32_t>("--ve", typed.veid);
+    if (typed.veid) {
+        raise.veid = readIn<std::int32_t>("--ve", *typed.veid);
     }
-    if (command.count("--eid") != 0 && raise.alert.eid.fromString(typed.eid) != 0) {
+    if (typed.eid && raise.alert.eid.fromString(*typed.eid) != 0) {
         throw Failure(ExitCode::WrongUsage,
                       fmt::format("--eid: {} is no identifier; one looks like 0f8e5c1a-7a44-4c3b-9d1e-000000000101",
-                                  printableWord(typed.eid)));
+                                  printableWord(*typed.eid)));
     }
 }
 
-Raise readTyped(const Typed& typed, const CLI::App& command) {
+Raise readTyped(const AlertArguments& typed) {
     Raise raise;
-    setTarget(raise, typed, command);
+    setTarget(raise, typed);
     raise.alert.alertCode = readIn<std::int32_t>("--code", typed.code);
     raise.alert.alertValue = readIn<std::int64_t>("--value", typed.value);
     raise.times = readNumber("--repeat", typed.repeat, 1, std::numeric_limits<std::int64_t>::max());
-    raise.alert.alertText = command.count("--text-file") == 0 ? typed.text : readAlertText(typed.textFile);
+    raise.alert.alertText = typed.textFile ? readAlertText(*typed.textFile) : typed.text;
     return raise;
 }
 
@@ -112,40 +90,10 @@ ExitCode raiseAll(Raise raise, const std::string& socket) {
     return ExitCode::Done;
 }
 
-void addOptions(CLI::App& command, Typed& typed) {
-    command.add_option("--ve", typed.veid, "The container it is about, by its number")->option_text("N");
-    command.add_option("--eid", typed.eid, "The environment it is about, by its identifier; any will do")
-        ->option_text("UUID");
-    command.add_flag("--host", typed.host, "It is about the host itself");
-    command.add_option("--code", typed.code, "0 clear, 1 warning, 2 critical; any 32-bit number is passed on")
-        ->option_text("N")
-        ->required();
-    command.add_option("--value", typed.value, "What the text is about: a count or an amount, 64 bits (default: 0)")
-        ->option_text("N");
-    auto* text =
-        command.add_option("--text", typed.text, "What the alert says (default: nothing)")->option_text("TEXT");
-    command.add_option("--text-file", typed.textFile, "Takes the text from a file, byte for byte; -: standard input")
-        ->option_text("FILE")
-        ->excludes(text);
-    command
-        .add_option("--repeat", typed.repeat, "Raises it this many times, as fast as the agent answers (default: 1)")
-        ->option_text("N");
-}
-
 }  // namespace
 
-void addAlertCommand(CLI::App& app, Selection& selection) {
-    CLI::App* const alert = app.add_subcommand("alert", "Raises alerts, for trying out what becomes of them");
-    alert->require_subcommand(1)->fallthrough();
-    CLI::App* const raise = alert->add_subcommand("raise", kHelp);
-    raise->fallthrough()->footer(kDetails);
-    const auto typed = std::make_shared<Typed>();
-    addOptions(*raise, *typed);
-    raise->callback([typed, raise, &selection] {
-        selection.run = [what = readTyped(*typed, *raise)](const std::string& socket) {
-            return raiseAll(what, socket);
-        };
-    });
+ExitCode runAlertRaise(const AlertArguments& typed, const CommonOptions& common) {
+    return raiseAll(readTyped(typed), common.socket);
 }
 
 }  // namespace kx::ctl

@@ -1,14 +1,26 @@
 // kxctl alert raise: has a described host report an alert. Main thread only.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include <optional>
+#include <string>
 
 #include "ctl/Selection.h"
 
 namespace kx::ctl {
 
-/// @brief Adds the command to the command line.
-/// @param selection gets the command when it is selected; must outlive the parsing
-void addAlertCommand(CLI::App& app, Selection& selection);
+/// The options as they were typed.
+struct AlertArguments {
+    std::optional<std::string> veid;
+    std::optional<std::string> eid;
+    bool host = false;
+    std::string code;
+    std::string value = "0";
+    std::string text;
+    std::optional<std::string> textFile;
+    std::string repeat = "1";
+};
+
+/// @throws Failure, of wrong usage before anything is asked of the agent
+ExitCode runAlertRaise(const AlertArguments& typed, const CommonOptions& common);
 
 }  // namespace kx::ctl

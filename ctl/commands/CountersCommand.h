@@ -1,14 +1,19 @@
 // kxctl counters: shows what the performance counters of the containers stand at. Main thread only.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include <string>
 
 #include "ctl/Selection.h"
 
 namespace kx::ctl {
 
-/// @brief Adds the command to the command line.
-/// @param selection gets the command when it is selected; must outlive the parsing
-void addCountersCommand(CLI::App& app, Selection& selection);
+/// The options as they were typed.
+struct CountersArguments {
+    std::string className;  ///< empty: both classes of containers
+    bool json = false;
+};
+
+/// @throws Failure
+ExitCode runCounters(const CountersArguments& typed, const CommonOptions& common);
 
 }  // namespace kx::ctl

@@ -1,14 +1,21 @@
 // kxctl events: shows what the agent tells as it happens. Main thread only.
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include <optional>
+#include <string>
 
 #include "ctl/Selection.h"
 
 namespace kx::ctl {
 
-/// @brief Adds the command to the command line.
-/// @param selection gets the command when it is selected; must outlive the parsing
-void addEventsCommand(CLI::App& app, Selection& selection);
+/// The options as they were typed.
+struct EventsArguments {
+    bool follow = false;
+    bool json = false;
+    std::optional<std::string> count;
+};
+
+/// @throws Failure, of wrong usage before anything is asked of the agent
+ExitCode runEvents(const EventsArguments& typed, const CommonOptions& common);
 
 }  // namespace kx::ctl

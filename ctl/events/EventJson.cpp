@@ -7,43 +7,43 @@ namespace {
 
 void putWord(Json& object, const char* key, const char* word) {
     if (word != nullptr) {
-        object[key] = word;
+        object.put(key, word);
     }
 }
 
 void put(Json& object, const ContainerName& about) {
-    object["eid"] = about.eid.toString();
-    object["host"] = about.isHost;
+    object.put("eid", about.eid.toString());
+    object.put("host", about.isHost);
     if (about.veid) {
-        object["veid"] = *about.veid;
+        object.put("veid", *about.veid);
     }
     if (about.name) {
-        putText(object, "name", *about.name);
+        object.putText("name", *about.name);
     }
 }
 
 void put(Json& object, const KXLResourceAlertData& alert) {
-    object["code"] = alert.alertCode;
+    object.put("code", alert.alertCode);
     putWord(object, "severity", alertWord(alert.alertCode));
-    object["value"] = alert.alertValue;
-    putText(object, "text", alert.alertText);
+    object.put("value", alert.alertValue);
+    object.putText("text", alert.alertText);
 }
 
 void put(Json& object, const KXLEnvironmentChangeData& change) {
-    object["change"] = changeWord(change.kind);
-    object["state"] = change.state;
+    object.put("change", changeWord(change.kind));
+    object.put("state", change.state);
     putWord(object, "state_name", stateWord(change.state));
-    object["transition"] = change.transition;
+    object.put("transition", change.transition);
     putWord(object, "transition_name", transitionWord(change.transition));
 }
 
 }  // namespace
 
 Json eventJson(const KXLEvent& event, const std::optional<ContainerName>& about) {
-    Json object = Json::object();
-    putText(object, "kind", kindOf(event));
+    Json object;
+    object.putText("kind", kindOf(event));
     if (event.getTimeMs() != 0) {
-        object["time_ms"] = event.getTimeMs();
+        object.put("time_ms", event.getTimeMs());
     }
     if (about) {
         put(object, *about);

@@ -26,20 +26,6 @@ struct Columns {
     std::string text;
 };
 
-std::string containerColumn(const std::optional<ContainerName>& about) {
-    if (!about) {
-        return kNothing;
-    }
-    if (about->isHost) {
-        return "host";
-    }
-    std::string column = about->veid ? std::to_string(*about->veid) : about->eid.toString();
-    if (about->name && !about->name->empty()) {
-        column += ' ' + printableWord(*about->name);
-    }
-    return column;
-}
-
 Columns columnsOf(const KXLResourceAlertData& alert) {
     return {wordOrNumber(alertWord(alert.alertCode), alert.alertCode), std::to_string(alert.alertValue),
             printable(alert.alertText)};
@@ -65,6 +51,20 @@ Columns columnsOf(const KXLEventData* data) {
 
 }  // namespace
 
+std::string containerText(const std::optional<ContainerName>& about) {
+    if (!about) {
+        return kNothing;
+    }
+    if (about->isHost) {
+        return "host";
+    }
+    std::string column = about->veid ? std::to_string(*about->veid) : about->eid.toString();
+    if (about->name && !about->name->empty()) {
+        column += ' ' + printableWord(*about->name);
+    }
+    return column;
+}
+
 std::string localTime(std::uint64_t timeMs) {
     if (timeMs == 0) {
         return kNothing;
@@ -83,7 +83,7 @@ std::string textLine(const KXLEvent& event, const std::optional<ContainerName>& 
     const Columns columns = columnsOf(event.getData().get());
     std::string line = fmt::format(
         "{}  {}  {}  {}  {}", localTime(event.getTimeMs()), padded(printableWord(kindOf(event)), kKindWidth),
-        padded(containerColumn(about), kContainerWidth), padded(columns.state, kStateWidth), columns.value);
+        padded(containerText(about), kContainerWidth), padded(columns.state, kStateWidth), columns.value);
     return columns.text.empty() ? line : line + "  " + columns.text;
 }
 

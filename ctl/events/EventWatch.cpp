@@ -191,7 +191,7 @@ void EventWatch::show(const std::vector<KXLEvent>& events) {
 
 std::string EventWatch::lineOf(const KXLEvent& event) {
     const auto about = names_.of(event);
-    return options_.json ? jsonLine(eventJson(event, about)) : textLine(event, about);
+    return options_.json ? eventJson(event, about).line() : textLine(event, about);
 }
 
 }  // namespace

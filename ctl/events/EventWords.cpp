@@ -1,5 +1,6 @@
 #include "ctl/events/EventWords.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 
@@ -35,6 +36,11 @@ const char* changeWord(KXLEnvironmentChangeData::Kind kind) {
 
 const char* stateWord(std::int32_t state) {
     return wordAt(kStates, state);
+}
+
+std::optional<std::int32_t> stateOf(std::string_view word) {
+    const auto found = std::find(kStates.begin(), kStates.end(), word);
+    return found == kStates.end() ? std::nullopt : std::optional(static_cast<std::int32_t>(found - kStates.begin()));
 }
 
 const char* transitionWord(std::int32_t transition) {

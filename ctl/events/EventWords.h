@@ -2,7 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 
 #include <kxl/KXLEvent.h>
 
@@ -19,6 +21,9 @@ const char* changeWord(KXLEnvironmentChangeData::Kind kind);
 
 /// @return see KXLEnvStatus; null for another state
 const char* stateWord(std::int32_t state);
+
+/// @return the state that has this word; nothing when none has
+std::optional<std::int32_t> stateOf(std::string_view word);
 
 /// @return see KXLEnvStatus; null for another transition
 const char* transitionWord(std::int32_t transition);

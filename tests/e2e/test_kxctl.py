@@ -1,24 +1,15 @@
 """kxctl as an operator types it, against the real agent with a described host."""
 
 import json
-import os
 import re
-import shutil
 import signal
 import subprocess
 from base64 import b64decode
 
 import pytest
-from support import sanitizers
-from support.host import buildFolder
+from support.kxctl import DEADLINE_S, DONE, REFUSED, UNREACHABLE, WRONG_USAGE, command, run, runAsNobody, surroundings
 from support.parts import Agent
 from support.wait import waitUntil
-
-KXCTL = buildFolder() / "ctl/kxctl"
-DEADLINE_S = 20
-NOBODY = 65534
-
-DONE, REFUSED, WRONG_USAGE, UNREACHABLE = range(4)
 
 WEB_EID = "0f8e5c1a-7a44-4c3b-9d1e-000000000101"
 UNKNOWN_EID = "0f8e5c1a-7a44-4c3b-9d1e-0000000009ff"
@@ -29,21 +20,6 @@ DATABASE = '[[environment]]\nname = "data base"\nveid = 102\nstate = 1\n'
 
 # Every alert is told, and at once.
 ALL_ALERTS = "[alerts]\nrepeat_seconds = 0\nper_second = 100000\nburst = 100000\n"
-
-
-def command(*arguments):
-    launcher = sanitizers.launcher() if sanitizers.isSanitized(KXCTL) else []
-    return [*launcher, KXCTL, *arguments]
-
-
-def surroundings(**more):
-    """Environment of kxctl: a sanitizer's report changes its exit status."""
-    return {**os.environ, **sanitizers.environment(), **more}
-
-
-def run(*arguments, **options):
-    common = {"capture_output": True, "timeout": DEADLINE_S, "check": False, "env": surroundings()}
-    return subprocess.run(command(*arguments), **{**common, **options})
 
 
 def raiseAlert(*arguments, **options):
@@ -279,6 +255,19 @@ def test_a_thousand_new_containers_are_shown_with_their_numbers(agentHost, watch
     assert {event["veid"] for event in seen.objects()} == set(range(2001, 3001))
 
 
+# ---- several that are meant ---------------------------------------------------------------------------------------
+
+
+def test_what_may_be_several_is_refused_with_all_of_them(agentHost):
+    twice = "".join(f'[[environment]]\nname = "web"\nveid = {veid}\n' for veid in (5, 6))
+    agentHost.agent.writeInventory(twice + '[[environment]]\nname = "5"\n')
+    waitUntil(lambda: run("show", "6").returncode == DONE, DEADLINE_S, "the agent has read it")
+    for word, number in (("web", 2), ("5", 2)):
+        done = run("show", word, text=True)
+        assert (done.returncode, done.stdout) == (REFUSED, "")
+        assert len(re.findall(r"\([0-9a-f-]{36}\)", done.stderr)) == number
+
+
 # ---- following ----------------------------------------------------------------------------------------------------
 
 
@@ -348,23 +337,7 @@ def test_an_output_that_cannot_be_written_to_is_an_error(agentHost, tmp_path):
 
 
 def test_who_may_not_connect_is_told_so(agentHost):
-    """The program is copied to where everybody may run it."""
-    folder = agentHost.folder / "everybody"
-    folder.mkdir(mode=0o755)
-    copied = shutil.copy(KXCTL, folder)
-    for library in (buildFolder() / "client").glob("libkxclient.so*"):
-        shutil.copy(library, folder)
-    done = subprocess.run(
-        [*command()[:-1], copied, "events"],
-        capture_output=True,
-        text=True,
-        timeout=DEADLINE_S,
-        check=False,
-        env=surroundings(LD_LIBRARY_PATH=str(folder)),
-        user=NOBODY,
-        group=NOBODY,
-        extra_groups=[],
-    )
+    done = runAsNobody(agentHost.folder / "everybody", "events")
     assert done.returncode == UNREACHABLE
     assert "Permission denied" in done.stderr and Agent.SOCKET in done.stderr
     assert len(done.stderr.splitlines()) == 1

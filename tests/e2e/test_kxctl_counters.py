@@ -1,10 +1,7 @@
 """kxctl counters: what an operator sees of the counters of a described host."""
 
-import json
-import subprocess
-
 import pytest
-from support.host import buildFolder
+from support.kxctl import document, run
 
 INVENTORY = """
 [[environment]]
@@ -24,8 +21,7 @@ bytes_in = 9223372036854775807
 
 
 def kxctl(*arguments):
-    command = [buildFolder() / "ctl/kxctl", "counters", *arguments]
-    return subprocess.run(command, capture_output=True, text=True, timeout=30, check=False)
+    return run("counters", *arguments, text=True)
 
 
 def test_both_classes_are_shown_in_the_vocabularys_order(describedHost):
@@ -44,7 +40,7 @@ def test_one_class_is_shown_alone_and_again_with_the_same_totals(describedHost):
 
 
 def test_json_has_exact_values_and_everything_that_is_known_of_the_container(describedHost):
-    rows = [json.loads(line) for line in kxctl("counters_kx_net", "--json").stdout.splitlines()]
+    rows = document("counters", "counters_kx_net")["counters"]
     web = next(row for row in rows if row.get("veid") == 101)
     assert web["name"] == "web" and web["instance"] == "2" and web["class"] == "counters_kx_net"
     assert web["counters"] == {"bytes_in": 5000, "packets_out": 3}

@@ -7,8 +7,8 @@
 #include <array>
 #include <csignal>
 #include <future>
+#include <nlohmann/json.hpp>
 
-#include "ctl/Json.h"
 #include "tests/support/AgentScripts.h"
 #include "tests/unit/ctl/ProgramRun.h"
 
@@ -74,7 +74,7 @@ Ended watch(const ScriptedAgent& agent, const Arguments& more = {}) {
 std::vector<std::string> textsOf(const std::string& out) {
     std::vector<std::string> texts;
     for (const std::string& line : linesOf(out)) {
-        texts.push_back(ctl::Json::parse(line)["text"]);
+        texts.push_back(nlohmann::json::parse(line)["text"]);
     }
     return texts;
 }
@@ -157,7 +157,7 @@ TEST(Events, TellTheNumberOfAContainerThatIsGone) {
         peer.readUntilClosed();
     });
     const Ended ended = watch(agent, {"--json"});
-    const ctl::Json shown = ctl::Json::parse(ended.out);
+    const nlohmann::json shown = nlohmann::json::parse(ended.out);
     EXPECT_EQ(shown["kind"], "change");
     EXPECT_EQ(shown["change"], "removed");
     EXPECT_EQ(shown["veid"], 101);
@@ -192,12 +192,12 @@ TEST(Events, WaitForTheContainersThatTheySayWereAdded) {
         link.get()->send(deltaFrame(2, {added}));
         peer.readUntilClosed();
     });
-    EXPECT_EQ(ctl::Json::parse(watch(agent, {"--json"}).out)["veid"], 102);
+    EXPECT_EQ(nlohmann::json::parse(watch(agent, {"--json"}).out)["veid"], 102);
 }
 
 TEST(Events, DoNotWaitForLongForAContainerThatNeverComes) {
     const ScriptedAgent agent(agentWith(sending({eventFrame({changeEvent(wireEnv(2), wire::CHANGE_ADDED)})})));
-    const ctl::Json shown = ctl::Json::parse(watch(agent, {"--json"}).out);
+    const nlohmann::json shown = nlohmann::json::parse(watch(agent, {"--json"}).out);
     EXPECT_EQ(shown["change"], "added");
     EXPECT_FALSE(shown.contains("veid"));
 }
@@ -314,7 +314,7 @@ TEST(Events, NameContainersAsTheAgentKnowsThemOnceItIsBack) {
     const Ended ended = watch(agent, {"--json", "--follow", "--count", "2"});
     const auto lines = linesOf(ended.out);
     ASSERT_EQ(lines.size(), 2U);
-    EXPECT_EQ(ctl::Json::parse(lines[1])["veid"], 102);
+    EXPECT_EQ(nlohmann::json::parse(lines[1])["veid"], 102);
 }
 
 // ---- a subscription that does not come about ------------------------------------------------------------------------

@@ -4,14 +4,15 @@
 
 #include <cstdint>
 #include <limits>
+#include <nlohmann/json.hpp>
 
 namespace kx::ctl {
 namespace {
 
 std::string lineWith(std::string_view text) {
     Json object;
-    putText(object, "text", text);
-    return jsonLine(object);
+    object.putText("text", text);
+    return object.line();
 }
 
 TEST(Json, HasTextsThatAreUtf8AsTheyAre) {
@@ -31,8 +32,8 @@ TEST(Json, GivesTheExactBytesOfATextThatIsNoUtf8) {
 TEST(Json, WritesBase64WithItsPadding) {
     const auto encoded = [](std::string_view bytes) {
         Json object;
-        putText(object, "t", bytes);
-        return object["t_base64"].get<std::string>();
+        object.putText("t", bytes);
+        return nlohmann::json::parse(object.line())["t_base64"].get<std::string>();
     };
     EXPECT_EQ(encoded("\xFF"), "/w==");
     EXPECT_EQ(encoded("\xFF\xFE"), "//4=");
@@ -46,9 +47,24 @@ TEST(Json, WritesBase64WithItsPadding) {
 
 TEST(Json, KeepsNumbersExact) {
     Json object;
-    object["low"] = std::numeric_limits<std::int64_t>::min();
-    object["high"] = std::numeric_limits<std::uint64_t>::max();
-    EXPECT_EQ(jsonLine(object), R"({"low":-9223372036854775808,"high":18446744073709551615})");
+    object.put("low", std::numeric_limits<std::int64_t>::min());
+    object.put("high", std::numeric_limits<std::uint64_t>::max());
+    EXPECT_EQ(object.line(), R"({"low":-9223372036854775808,"high":18446744073709551615})");
+}
+
+TEST(Json, NestsAndKeepsTheOrderOfKeys) {
+    Json list = Json::array();
+    Json element;
+    element.put("z", true);
+    element.put("a", 0.5);
+    list.add(element);
+    Json object;
+    object.put("list", list);
+    object.put("none", Json::array());
+    object.put("word", "w");
+    const Json copy = object;
+    object.put("word", "changed");
+    EXPECT_EQ(copy.line(), R"({"list":[{"z":true,"a":0.5}],"none":[],"word":"w"})");
 }
 
 }  // namespace

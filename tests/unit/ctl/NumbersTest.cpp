@@ -47,5 +47,13 @@ TEST(Numbers, StayWithinTheirRange) {
     EXPECT_NE(problemOf("-99999999999999999999").find("is outside of"), std::string::npos);
 }
 
+TEST(Numbers, MayHaveAFractionWhereThatIsAskedFor) {
+    EXPECT_EQ(readDecimal("--interval", "0.5", 0.1, 10), 0.5);
+    EXPECT_EQ(readDecimal("--interval", "10", 0.1, 10), 10);
+    for (const char* const wrong : {"0.09", "10.1", "-1", "nan", "inf", "1.5s", "", "1,5"}) {
+        EXPECT_THROW(readDecimal("--interval", wrong, 0.1, 10), Failure) << wrong;
+    }
+}
+
 }  // namespace
 }  // namespace kx::ctl

@@ -1,0 +1,195 @@
+#include "ctl/view/Environment.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <bit>
+#include <charconv>
+#include <tuple>
+
+#include <kxa/KXAEnvConfig.h>
+
+#include "ctl/events/EventWords.h"
+
+namespace kx::ctl {
+namespace {
+
+/// @brief Reads a property by one of the configuration's getters.
+template <typename T, typename Config>
+std::optional<T> read(const KXAEnvConfig& config, int (Config::*getter)(KXLOptionalProperty<T>&) const) {
+    KXLOptionalProperty<T> property;
+    return (config.*getter)(property) == 0 ? std::optional<T>(property.get()) : std::nullopt;
+}
+
+std::optional<std::vector<TextPair>> readAddresses(const KXAEnvConfig& config) {
+    const auto list = read(config, &KXLEnvConfig::getAddresses);
+    if (!list) {
+        return std::nullopt;
+    }
+    std::vector<TextPair> addresses;
+    for (const KXLIPAddress& address : *list) {
+        addresses.emplace_back(address.getAddress(), address.getMask());
+    }
+    return addresses;
+}
+
+std::optional<std::vector<TextPair>> readTemplates(const KXAEnvConfig& config) {
+    const auto list = read(config, &KXAEnvConfig::getTemplates);
+    if (!list) {
+        return std::nullopt;
+    }
+    std::vector<TextPair> templates;
+    for (const KXATemplate& one : *list) {
+        templates.emplace_back(one.getName(), one.getVersion());
+    }
+    return templates;
+}
+
+std::optional<std::int32_t> numberOf(const std::string& word) {
+    std::int32_t number = 0;
+    const char* const end = word.data() + word.size();
+    const auto [stopped, error] = std::from_chars(word.data(), end, number);
+    return error == std::errc() && stopped == end ? std::optional(number) : std::nullopt;
+}
+
+Json pairsJson(const std::vector<TextPair>& pairs, const char* first, const char* second) {
+    Json list = Json::array();
+    for (const auto& [one, other] : pairs) {
+        Json pair;
+        pair.putText(first, one);
+        pair.putText(second, other);
+        list.add(pair);
+    }
+    return list;
+}
+
+void putIfThere(Json& object, const char* key, const std::optional<std::string>& text) {
+    if (text) {
+        object.putText(key, *text);
+    }
+}
+
+}  // namespace
+
+Environment readEnvironment(const KXLEnv& environment) {
+    Environment made;
+    made.eid = environment.getEID();
+    made.type = environment.getType();
+    made.state = environment.getStatus()->state;
+    made.transition = environment.getStatus()->transition;
+    const KXAEnvConfig config(environment.getConfig());
+    if (const auto& core = config.getCoreBasic()) {
+        made.name = core->getText();
+    }
+    int veid = 0;
+    if (config.getVeid(veid) == 0) {
+        made.veid = veid;
+    }
+    made.hostname = read(config, &KXLEnvConfig::getHostname);
+    made.description = read(config, &KXLEnvConfig::getDescription);
+    if (const auto osTemplate = read(config, &KXAEnvConfig::getOsTemplate)) {
+        made.osTemplate = TextPair(osTemplate->getName(), osTemplate->getVersion());
+    }
+    if (const auto sample = read(config, &KXLEnvConfig::getBaseSampleId)) {
+        made.baseSample = sample->toString();
+    }
+    made.addresses = readAddresses(config);
+    made.templates = readTemplates(config);
+    return made;
+}
+
+std::vector<Environment> readEnvironments(const KXLEnvCache& cache) {
+    std::vector<Environment> all;
+    for (const auto& environment : cache.getEnvList()) {
+        if (environment) {
+            all.push_back(readEnvironment(*environment));
+        }
+    }
+    std::stable_sort(all.begin(), all.end(), [](const Environment& one, const Environment& other) {
+        const auto key = [](const Environment& of) {
+            return std::make_tuple(!of.veid, of.veid.value_or(0), std::cref(of.name));
+        };
+        return key(one) < key(other);
+    });
+    return all;
+}
+
+std::vector<Environment> findEnvironments(const std::vector<Environment>& all, const std::string& word) {
+    const auto number = numberOf(word);
+    KXLEID eid;
+    const bool isEid = eid.fromString(word) == 0;
+    std::vector<Environment> found;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(found), [&](const Environment& one) {
+        return (number && one.veid == number) || one.name == word || (isEid && one.eid == eid);
+    });
+    return found;
+}
+
+std::string idText(const Environment& environment) {
+    return environment.veid ? std::to_string(*environment.veid) : environment.eid.toString();
+}
+
+std::string osTemplateText(const Environment& environment) {
+    if (!environment.osTemplate) {
+        return {};
+    }
+    const auto& [name, version] = *environment.osTemplate;
+    return name.empty() || version.empty() ? name : name + "/" + version;
+}
+
+std::string stateText(const Environment& environment) {
+    return wordOrNumber(stateWord(environment.state), environment.state);
+}
+
+std::string transitionText(const Environment& environment) {
+    return wordOrNumber(transitionWord(environment.transition), environment.transition);
+}
+
+std::string addressText(const TextPair& address) {
+    const auto& [text, mask] = address;
+    in_addr read{};
+    if (::inet_pton(AF_INET, mask.c_str(), &read) == 1) {
+        const std::uint32_t bits = ntohl(read.s_addr);
+        const int ones = std::countl_one(bits);
+        if (std::popcount(bits) == ones) {
+            return text + "/" + std::to_string(ones);
+        }
+    }
+    return mask.empty() ? text : text + "/" + mask;
+}
+
+Json environmentJson(const Environment& environment) {
+    Json object;
+    object.put("eid", environment.eid.toString());
+    if (environment.veid) {
+        object.put("veid", *environment.veid);
+    }
+    object.putText("name", environment.name);
+    object.putText("type", environment.type);
+    object.put("state", environment.state);
+    object.put("transition", environment.transition);
+    if (const char* const word = stateWord(environment.state)) {
+        object.put("state_name", word);
+    }
+    if (const char* const word = transitionWord(environment.transition)) {
+        object.put("transition_name", word);
+    }
+    putIfThere(object, "hostname", environment.hostname);
+    putIfThere(object, "description", environment.description);
+    if (environment.osTemplate) {
+        Json osTemplate;
+        osTemplate.putText("name", environment.osTemplate->first);
+        osTemplate.putText("version", environment.osTemplate->second);
+        object.put("os_template", osTemplate);
+    }
+    putIfThere(object, "base_sample", environment.baseSample);
+    if (environment.addresses) {
+        object.put("addresses", pairsJson(*environment.addresses, "address", "mask"));
+    }
+    if (environment.templates) {
+        object.put("templates", pairsJson(*environment.templates, "name", "version"));
+    }
+    return object;
+}
+
+}  // namespace kx::ctl
