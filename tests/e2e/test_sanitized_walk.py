@@ -14,7 +14,7 @@ A_HUNDRED = '[host]\ngenerate = 100\nproduct_version = "1"\n'
 RECONNECT_DEADLINE_S = 30  # sanitized programs are slow to start
 ROUNDS = 4
 WALKS = 20
-LEAK_WALKS = 200 if "asan" in buildFolder().name else WALKS  # a leak is only found where one is looked for
+LEAK_WALKS = 60 if "asan" in buildFolder().name else WALKS  # a leak is only found where one is looked for
 
 
 def rows(host):
