@@ -9,7 +9,7 @@ import pytest
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
 from support import host as host_module  # noqa: E402
-from support import privatehost  # noqa: E402
+from support import lxclab, privatehost, traps  # noqa: E402
 
 
 def pytest_configure(config):
@@ -54,6 +54,25 @@ def describedHost(request):
         yield made
     finally:
         _closeAndJudge(made)
+
+
+@pytest.fixture(scope="module")
+def lab():
+    """Where a module's real containers are, which end with it."""
+    obstacle = lxclab.obstacle()
+    if obstacle:
+        pytest.skip(f"no LXC lab can be made here: {obstacle}")
+    made = lxclab.LxcLab()
+    yield made
+    made.close()
+
+
+@pytest.fixture
+def sink():
+    """What a host's traps are sent to that has traps.SINK_PORT among its sinks."""
+    made = traps.TrapSink(traps.SINK_PORT)
+    yield made
+    made.close()
 
 
 @pytest.fixture

@@ -5,7 +5,6 @@ import subprocess
 from pathlib import Path
 
 import pytest
-from support import lxclab
 from support.host import ENTRY, IP_ADDRESSES, PRODUCT_VERSION, Host
 from support.snmp import IP_ADDRESS
 from support.wait import waitUntil
@@ -16,16 +15,6 @@ STOPPED, RUNNING, FROZEN = 1, 2, 3
 FIRST_GIVEN_NUMBER = 1000000
 
 NAME, HOSTNAME, DESCRIPTION, OS_TEMPLATE, BASE_SAMPLE, STATE, TRANSITION = range(3, 10)
-
-
-@pytest.fixture(scope="module")
-def lab():
-    obstacle = lxclab.obstacle()
-    if obstacle:
-        pytest.skip(f"no LXC lab can be made here: {obstacle}")
-    made = lxclab.LxcLab()
-    yield made
-    made.close()
 
 
 @pytest.fixture

@@ -6,13 +6,11 @@ import statistics
 import time
 
 import pytest
-from support import lxclab
 from support.host import Host
 from support.snmp import COUNTER64, INTEGER, OCTET_STRING, UNSIGNED32
-from support.traps import ALERT_TRAP, TrapSink
+from support.traps import ALERT_TRAP, SINK_PORT
 from support.wait import waitUntil
 
-SINK_PORT = 1163
 CRITICAL = 2
 
 RUNS = int(os.environ.get("KX_OOM_RUNS", "5"))  # of the measured test; 20 for figures worth telling
@@ -25,23 +23,6 @@ PIDS_POLLING_S = 1.0  # where the kernel does not tell of hits
 SETTINGS = "[alerts]\nrepeat_seconds = 0.001\n"
 
 _KILL_LINE = re.compile(r"^\d+,\d+,(\d+),[^;]*;Memory cgroup out of memory: Killed process")
-
-
-@pytest.fixture(scope="module")
-def lab():
-    obstacle = lxclab.obstacle()
-    if obstacle:
-        pytest.skip(f"no LXC lab can be made here: {obstacle}")
-    made = lxclab.LxcLab()
-    yield made
-    made.close()
-
-
-@pytest.fixture
-def sink():
-    made = TrapSink(SINK_PORT)
-    yield made
-    made.close()
 
 
 @pytest.fixture

@@ -8,7 +8,6 @@ import threading
 from pathlib import Path
 
 import pytest
-from support import lxclab
 from support.host import NETWORK_COUNTERS, QUOTA_COUNTERS, Host
 from support.parts import Agent
 from support.snmp import COUNTER64
@@ -89,18 +88,10 @@ class Proxy:
         self.cut()
 
 
-@pytest.fixture(scope="module")
-def lab():
-    obstacle = lxclab.obstacle()
-    if obstacle:
-        pytest.skip(f"no LXC lab can be made here: {obstacle}")
-    made = lxclab.LxcLab()
-    try:
-        for name in ("101", "102"):
-            made.do("create", name)
-        yield made
-    finally:
-        made.close()
+@pytest.fixture(scope="module", autouse=True)
+def containers(lab):
+    for name in ("101", "102"):
+        lab.do("create", name)
 
 
 @pytest.fixture

@@ -7,10 +7,9 @@ import time
 from support.host import ROOT, Host
 from support.raising import AlertRaiser
 from support.snmp import SnmpClient, SnmpTimeout
-from support.traps import TrapSink
+from support.traps import SINK_PORT, TrapSink
 from support.wait import waitUntil
 
-SINK_PORT = 1163
 CONTAINERS = 100
 FIRST_GENERATED_NUMBER = 2001
 ALERTS = 5000
@@ -96,7 +95,7 @@ def isHeard(raiser, sink, number):
 
 
 def test_a_storm_of_alerts_is_delivered_or_counted_while_everybody_answers(record_property):
-    sink = TrapSink(SINK_PORT)
+    sink = TrapSink()
     host = Host(trapPorts=[SINK_PORT])
     walkers = []
     try:

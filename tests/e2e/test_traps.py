@@ -7,10 +7,10 @@ from support.host import Host
 from support.parts import Snmptrapd
 from support.raising import AlertRaiser
 from support.snmp import COUNTER64, INTEGER, OCTET_STRING, UNSIGNED32, Varbind, parseOid
-from support.traps import ALERT_TRAP, TrapSink
+from support.traps import ALERT_TRAP, SINK_PORT
 from support.wait import waitUntil
 
-TRAPD_PORT, SINK_PORT = 1162, 1163
+TRAPD_PORT = 1162
 
 VEID = parseOid("1.3.6.1.4.1.53864.1.1.4.1.1")
 TEXT = parseOid("1.3.6.1.4.1.53864.1.1.9")
@@ -34,13 +34,6 @@ eid = "0f8e5c1a-7a44-4c3b-9d1e-0000000000ff"
 
 RECONNECT_DEADLINE_S = 10
 RESUBSCRIBE_DEADLINE_S = 10
-
-
-@pytest.fixture
-def sink():
-    made = TrapSink(SINK_PORT)
-    yield made
-    made.close()
 
 
 @pytest.fixture

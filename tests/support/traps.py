@@ -23,10 +23,13 @@ class Trap(NamedTuple):
     variables: list
 
 
+SINK_PORT = 1163
+
+
 class TrapSink:
     """Receives traps on a port of 127.0.0.1. Single-threaded use."""
 
-    def __init__(self, port=1163):
+    def __init__(self, port=SINK_PORT):
         self.port = port
         self._traps = []
         self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)

@@ -8,7 +8,6 @@ starts our programs beside them, and writes down what they publish and what the 
 import json
 import os
 import shutil
-import signal
 import subprocess
 import sys
 import time
@@ -16,18 +15,16 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
-from support import lxclab, privatehost  # noqa: E402
+from support import lxclab, privatehost, uml  # noqa: E402
 from support.host import QUOTA_COUNTERS, Host, buildFolder  # noqa: E402
-from support.traps import TrapSink  # noqa: E402
+from support.traps import SINK_PORT, TrapSink  # noqa: E402
 from support.wait import waitUntil  # noqa: E402
 
 _GUEST_DEADLINE_S = 120  # some 25 s where nothing else runs
-_KERNEL = "linux.uml"
 _INIT = Path(__file__).with_suffix(".sh")
 _DISK_BYTES = 64 * 1024 * 1024
 _DISK = "/mnt/disk"
 _OUT = Path("/mnt/out")
-_SINK_PORT = 1163
 _ALERT_DEADLINE_S = 30  # quotas are looked at every few seconds, and the guest is slow
 
 
@@ -36,10 +33,10 @@ _ALERT_DEADLINE_S = 30  # quotas are looked at every few seconds, and the guest 
 
 def obstacle():
     """Why no guest can run on this machine; empty when one can."""
-    for tool in (_KERNEL, "mkfs.ext4", "setquota", "repquota"):
+    for tool in ("mkfs.ext4", "setquota", "repquota"):
         if shutil.which(tool) is None:
             return f"{tool} is not installed"
-    return lxclab.obstacle()
+    return uml.obstacle() or lxclab.obstacle()
 
 
 def run(folder):
@@ -52,19 +49,8 @@ def run(folder):
     subprocess.run(["mkfs.ext4", *options, str(disk)], check=True)
     out = folder / "out"
     out.mkdir()
-    command = [_KERNEL, "mem=512M", "root=/dev/root", "rootfstype=hostfs", "rootflags=/", "ro", f"ubd0={disk}"]
-    command += [f"uml_dir={folder}/uml", f"init={_INIT}", "con=null", "con0=fd:0,fd:1", "quiet"]
-    command += [f"KX_OUT={out}", f"KX_GUEST={Path(__file__).resolve()}", f"KX_BUILD={buildFolder()}"]
-    console = folder / "console"
-    with open(console, "wb") as output:
-        guest = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=output, process_group=0)
-        try:
-            guest.wait(_GUEST_DEADLINE_S)
-        finally:
-            # It runs as several processes, which are a group.
-            if guest.poll() is None:
-                os.killpg(guest.pid, signal.SIGKILL)
-                guest.wait()
+    settings = {"KX_OUT": out, "KX_GUEST": Path(__file__).resolve(), "KX_BUILD": buildFolder()}
+    console = uml.boot(folder, _INIT, "512M", _GUEST_DEADLINE_S, ubd0=disk, **settings)
     result = out / "result.json"
     if not result.exists():
         log = out / "guest.log"
@@ -158,8 +144,8 @@ def _useUpAndFree(lab, sink):
 def _guest():
     privatehost.becomeSubreaper()
     lab = lxclab.LxcLab()
-    sink = TrapSink(_SINK_PORT)
-    host = Host(trapPorts=(_SINK_PORT,))
+    sink = TrapSink()
+    host = Host(trapPorts=(SINK_PORT,))
     looks = []
     try:
         _makeContainers(lab)
