@@ -58,3 +58,13 @@ def test_a_manual_page_is_without_warnings(page):
 def test_the_manual_pages_name_the_version():
     for page in (PROJECT / "man").glob("kx*.[58]"):
         assert f"kxsnmp {cmakeVersion()}" in page.read_text().splitlines()[0], page.name
+
+
+def test_what_builds_the_packages_is_installed_before_they_are_built():
+    """build-essential is what every Debian package may count on, and a bare machine lacks."""
+    control = (PROJECT / "debian/control").read_text()
+    (needed,) = re.findall(r"^Build-Depends:(.*?)^\S", re.sub(r"\(.*?\)", "", control), re.MULTILINE | re.DOTALL)
+    listed = (PROJECT / "packaging/debian-packages.txt").read_text().partition("# --- testing")[0]
+    installed = set(re.findall(r"^[\w.+-]+", listed, re.MULTILINE))
+    wanted = set(re.findall(r"[\w.+-]+", needed)) - {"debhelper-compat"}
+    assert wanted | {"debhelper", "build-essential"} <= installed
