@@ -47,10 +47,13 @@ protected:
             });
     }
 
-    void hostKills(int number) {
-        folder_.write("vmstat.new", "oom_kill " + std::to_string(number) + "\n");
-        std::filesystem::rename(folder_ / "vmstat.new", folder_ / "vmstat");
+    /// A file that is written in place is empty for a moment, which the kernel's never are.
+    void replace(const std::string& name, const std::string& text) {
+        folder_.write("fresh", text);
+        std::filesystem::rename(folder_ / "fresh", folder_ / name);
     }
+
+    void hostKills(int number) { replace("vmstat", "oom_kill " + std::to_string(number) + "\n"); }
 
     /// @return a container's cgroups of v2, as long as nothing is wrong with it
     ResourceFolders make(const std::string& name) {
@@ -258,7 +261,7 @@ TEST_F(ResourceWatchTest, killsThatV1DoesNotTellOfAreLookedForWhenTheHostCountsT
     folder_.write("web/service/memory.oom_control", "oom_kill 0\n");
     watch_->track(eidOf("web"), makeV1("web"));
     EXPECT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("web"), [&](int times) {
-        folder_.write("web/service/memory.oom_control", "oom_kill " + std::to_string(times) + "\n");
+        replace("web/service/memory.oom_control", "oom_kill " + std::to_string(times) + "\n");
         hostKills(100 + times);
     }));
     EXPECT_THAT(told(kHostOomSource), testing::IsEmpty());
