@@ -49,10 +49,8 @@ AddressReport failure(std::uint64_t life, std::string problem, int error = 0) {
 }  // namespace
 
 AddressWatch::AddressWatch()
-    : poll_(descriptorOrThrow(::epoll_create1(EPOLL_CLOEXEC), "epoll")),
-      ordersReady_(makeEventDescriptor()),
-      reportsReady_(makeEventDescriptor()) {
-    if (!addToPoll(ordersReady_.get(), kOrdersTag, EPOLLIN)) {
+    : poll_(descriptorOrThrow(::epoll_create1(EPOLL_CLOEXEC), "epoll")), reportsReady_(makeEventDescriptor()) {
+    if (!addToPoll(orders_.descriptor(), kOrdersTag, EPOLLIN)) {
         throw std::runtime_error(fmt::format("epoll: {}", std::strerror(errno)));
     }
     const AllSignalsBlocked blocked;
@@ -61,28 +59,20 @@ AddressWatch::AddressWatch()
 
 AddressWatch::~AddressWatch() {
     ending_ = true;
-    ::eventfd_write(ordersReady_.get(), 1);
+    orders_.wake();
     thread_.join();
 }
 
 void AddressWatch::watch(std::uint64_t life, pid_t initPid, std::shared_ptr<const OwnedDescriptor> pidfd) {
-    post([this, life, initPid, pidfd = std::move(pidfd)] { begin(life, initPid, pidfd); });
+    orders_.post([this, life, initPid, pidfd = std::move(pidfd)] { begin(life, initPid, pidfd); });
 }
 
 void AddressWatch::forget(std::uint64_t life) {
-    post([this, life] { end(life); });
+    orders_.post([this, life] { end(life); });
 }
 
 void AddressWatch::compare() {
-    post([this] { compareEach(); });
-}
-
-void AddressWatch::post(std::function<void()> order) {
-    {
-        const std::lock_guard lock(mutex_);
-        orders_.push_back(std::move(order));
-    }
-    ::eventfd_write(ordersReady_.get(), 1);
+    orders_.post([this] { compareEach(); });
 }
 
 std::vector<AddressReport> AddressWatch::takeReports() {
@@ -95,7 +85,7 @@ std::vector<AddressReport> AddressWatch::takeReports() {
 void AddressWatch::run() {
     while (!ending_) {
         try {
-            obey();
+            orders_.obey();
             lookAtDue();
             wait();
         } catch (const std::exception&) {
@@ -103,20 +93,6 @@ void AddressWatch::run() {
             // comparison.
             std::this_thread::sleep_for(kAfterFailure);
         }
-    }
-}
-
-void AddressWatch::obey() {
-    eventfd_t ignored = 0;
-    ::eventfd_read(ordersReady_.get(), &ignored);
-    std::unique_lock lock(mutex_);
-    while (!orders_.empty()) {
-        // It stays the first while others are added, and where it fails it is tried again.
-        const auto& order = orders_.front();
-        lock.unlock();
-        order();
-        lock.lock();
-        orders_.pop_front();
     }
 }
 

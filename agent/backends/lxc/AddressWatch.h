@@ -18,8 +18,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <deque>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -32,6 +30,7 @@
 
 #include "agent/backends/lxc/LookPacer.h"
 #include "agent/backends/lxc/NetworkSpace.h"
+#include "agent/backends/lxc/OrderQueue.h"
 #include "agent/core/OwnedDescriptor.h"
 #include "agent/inventory/Environment.h"
 
@@ -92,8 +91,6 @@ private:
     };
 
     void run();
-    void obey();
-    void post(std::function<void()> order);
     void begin(std::uint64_t life, pid_t initPid, std::shared_ptr<const OwnedDescriptor> pidfd);
     void end(std::uint64_t life);
     void compareEach();
@@ -109,11 +106,10 @@ private:
     void setDue(std::uint64_t life, Watched& watched, std::optional<Clock::time_point> due);
 
     OwnedDescriptor poll_;
-    OwnedDescriptor ordersReady_;
+    OrderQueue orders_;
     OwnedDescriptor reportsReady_;
 
-    std::mutex mutex_;  ///< over the next two, held for moments
-    std::deque<std::function<void()>> orders_;
+    std::mutex mutex_;  ///< over reports_, held for moments
     std::vector<AddressReport> reports_;
 
     // The thread's own.

@@ -59,11 +59,10 @@ ResourceWatch::ResourceWatch(ResourceWatchSettings settings, SignalSink sink, Lo
       sink_(std::move(sink)),
       log_(std::move(log)),
       poll_(descriptorOrThrow(::epoll_create1(EPOLL_CLOEXEC), "epoll")),
-      ordersReady_(makeEventDescriptor()),
       inotify_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
       lastId_(kFirstTag),
       hostKills_(settings_.times.quietAfterKill) {
-    const bool added = addToPoll(poll_.get(), ordersReady_.get(), kOrdersTag) &&
+    const bool added = addToPoll(poll_.get(), orders_.descriptor(), kOrdersTag) &&
                        (!inotify_ || addToPoll(poll_.get(), inotify_.get(), kInotifyTag));
     if (!added) {
         throw std::runtime_error(fmt::format("epoll: {}", std::strerror(errno)));
@@ -74,50 +73,28 @@ ResourceWatch::ResourceWatch(ResourceWatchSettings settings, SignalSink sink, Lo
 
 ResourceWatch::~ResourceWatch() {
     ending_ = true;
-    ::eventfd_write(ordersReady_.get(), 1);
+    orders_.wake();
     thread_.join();
 }
 
 void ResourceWatch::track(const Eid& eid, ResourceFolders folders) {
-    post([this, eid, folders = std::move(folders)] { begin(eid, folders); });
+    orders_.post([this, eid, folders = std::move(folders)] { begin(eid, folders); });
 }
 
 void ResourceWatch::untrack(const Eid& eid) {
-    post([this, eid] { end(eid); });
-}
-
-void ResourceWatch::post(std::function<void()> order) {
-    {
-        const std::lock_guard lock(mutex_);
-        orders_.push_back(std::move(order));
-    }
-    ::eventfd_write(ordersReady_.get(), 1);
+    orders_.post([this, eid] { end(eid); });
 }
 
 void ResourceWatch::run() {
     while (!ending_) {
         try {
-            obey();
+            orders_.obey();
             lookAtDue();
             wait();
         } catch (const std::exception&) {
             // Memory is all that can be lacking. An order is obeyed again, a look is taken again with the next.
             std::this_thread::sleep_for(kAfterFailure);
         }
-    }
-}
-
-void ResourceWatch::obey() {
-    eventfd_t ignored = 0;
-    ::eventfd_read(ordersReady_.get(), &ignored);
-    std::unique_lock lock(mutex_);
-    while (!orders_.empty()) {
-        // It stays the first while others are added, and where it fails it is tried again.
-        const auto& order = orders_.front();
-        lock.unlock();
-        order();
-        lock.lock();
-        orders_.pop_front();
     }
 }
 

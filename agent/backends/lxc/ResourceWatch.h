@@ -17,16 +17,15 @@
 #pragma once
 
 #include <atomic>
-#include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <utility>
 
 #include "agent/backends/lxc/LogSink.h"
+#include "agent/backends/lxc/OrderQueue.h"
 #include "agent/backends/lxc/ResourceWatchContainer.h"
 #include "agent/backends/lxc/ResourceWatchHost.h"
 #include "agent/core/OwnedDescriptor.h"
@@ -87,8 +86,6 @@ private:
     using Entries = std::map<Eid, Entry>;
 
     void run();
-    void post(std::function<void()> order);
-    void obey();
     void begin(const Eid& eid, ResourceFolders folders);
     void end(const Eid& eid);
     void watchEvents(const Eid& eid, Entry& entry);
@@ -115,11 +112,8 @@ private:
     const SignalSink sink_;
     const LogSink log_;
     OwnedDescriptor poll_;
-    OwnedDescriptor ordersReady_;
+    OrderQueue orders_;
     OwnedDescriptor inotify_;  ///< none where the system has none left
-
-    std::mutex mutex_;  ///< over orders_, held for moments
-    std::deque<std::function<void()>> orders_;
 
     // The thread's own.
     Entries entries_;
