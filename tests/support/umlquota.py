@@ -5,8 +5,10 @@ Imported, this is the side of the host. Run as a program it is the side of the g
 starts our programs beside them, and writes down what they publish and what the guest's own tools say.
 """
 
+import contextlib
 import json
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -18,13 +20,15 @@ sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 from support import lxclab, privatehost, uml  # noqa: E402
 from support.host import QUOTA_COUNTERS, Host, buildFolder  # noqa: E402
 from support.traps import SINK_PORT, TrapSink  # noqa: E402
-from support.wait import waitUntil  # noqa: E402
+from support.wait import DeadlineExceeded, waitUntil  # noqa: E402
 
 _GUEST_DEADLINE_S = 120  # some 25 s where nothing else runs
 _INIT = Path(__file__).with_suffix(".sh")
 _DISK_BYTES = 64 * 1024 * 1024
 _DISK = "/mnt/disk"
 _OUT = Path("/mnt/out")
+_BLOCK = 1024  # repquota's unit of space
+_SAMPLE_DEADLINE_S = 20
 _ALERT_DEADLINE_S = 30  # quotas are looked at every few seconds, and the guest is slow
 
 
@@ -57,6 +61,18 @@ def run(folder):
         said = log.read_text(errors="replace") if log.exists() else console.read_text(errors="replace")
         raise AssertionError(f"the guest has no result:\n{said}")
     return json.loads(result.read_text())
+
+
+def reported(look):
+    """Project -> bytes used, soft and hard limit, end of grace, and the same of inodes, as the tool prints them."""
+    rows = re.findall(r"^#(\d+) +[-+]{2}((?: +\d+){8})$", look["report"], re.MULTILINE)
+    columns = {int(project): [int(number) for number in numbers.split()] for project, numbers in rows}
+    return {project: [blocks * _BLOCK for blocks in row[:3]] + row[3:] for project, row in columns.items()}
+
+
+def published(look):
+    """VE id -> columns in their order, as a look found them."""
+    return {int(veid): columns for veid, columns in look["published"].items()}
 
 
 # ---- in the guest ---------------------------------------------------------------------------------------------------
@@ -114,9 +130,27 @@ def _published(host):
 def _look(host):
     """What is published, what the system's own tool says, and when that was."""
     before = time.time()
-    published = _published(host)
+    rows = _published(host)
     report = _do("repquota", "-P", "-p", _DISK)
-    return {"published": published, "report": report, "begun": before, "ended": time.time()}
+    return {"published": rows, "report": report, "begun": before, "ended": time.time()}
+
+
+def _settled(host):
+    """A look when what the containers did is published: a sample may have been read while they did it. Where it never
+    is, the last look tells how far it came.
+    """
+    looks = []
+
+    def used(rows):
+        return {veid: (row[0], row[4]) for veid, row in rows.items() if veid != 0}
+
+    def isTold():
+        looks.append(_look(host))
+        return used(published(looks[-1])) == used(reported(looks[-1]))
+
+    with contextlib.suppress(DeadlineExceeded):
+        waitUntil(isTold, _SAMPLE_DEADLINE_S, "usage is published")
+    return looks[-1]
 
 
 def _alerts(sink):
@@ -155,14 +189,12 @@ def _guest():
         host.kxsnmp.start()
         host.waitForSubtree()
         # Events are subscribed to with the link, so an alert from now on becomes a trap.
-        waitUntil(lambda: set(_published(host)) == {101, 102, 103}, 20, "all containers are published")
+        waitUntil(lambda: set(_published(host)) == {101, 102, 103}, _SAMPLE_DEADLINE_S, "all containers are published")
         _exceedSoftLimits(lab)
-        waitUntil(lambda: _published(host)[101][3] and _published(host)[102][7], 20, "grace begins to run")
-        looks.append(_look(host))
-        used = looks[0]["published"][101][0]
+        waitUntil(lambda: _published(host)[101][3] and _published(host)[102][7], _SAMPLE_DEADLINE_S, "grace begins to run")
+        looks.append(_settled(host))
         alerts = _useUpAndFree(lab, sink)
-        waitUntil(lambda: _published(host)[101][0] < used, 20, "the new usage is published")
-        looks.append(_look(host))
+        looks.append(_settled(host))
     finally:
         host.close()
         log = host.agent.lines()
