@@ -30,7 +30,7 @@ public:
 
     /// @brief A resource has run out, is about to, or has recovered. Not before the image with the environment that
     /// it is about.
-    virtual void alert(AlertSignal /*signal*/) {}
+    virtual void alert(AlertSignal signal) = 0;
 };
 
 /// A source of environments.

@@ -27,6 +27,7 @@ std::vector<std::string> numbersOfContainers(const std::string& socket) {
 
 std::vector<std::string> orderWords() {
     std::vector<std::string> words;
+    words.reserve(kTopOrders);
     for (int order = 0; order < kTopOrders; ++order) {
         words.emplace_back(topOrderWord(static_cast<TopOrder>(order)));
     }

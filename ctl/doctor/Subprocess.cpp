@@ -20,6 +20,7 @@ constexpr std::size_t kMostOutput = std::size_t{1024} * 1024;
 /// @return its process id; -1 when it cannot be run
 pid_t spawn(const std::vector<std::string>& arguments, int output) {
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments) {
         argv.push_back(const_cast<char*>(argument.c_str()));  // the interface is older than const
     }

@@ -21,7 +21,7 @@ constexpr std::int32_t accumulatedCounter = 2;
 
 /// What both kinds of requests take: all counters of the classes.
 boost::shared_ptr<KXLPerfMonClassList> allCountersOf(const std::vector<std::string>& classes) {
-    const auto list = boost::make_shared<KXLPerfMonClassList>();
+    auto list = boost::make_shared<KXLPerfMonClassList>();
     for (const std::string& name : classes) {
         (*list)[name];
     }
@@ -187,6 +187,7 @@ std::int32_t SNMPNodePerfomanceMonitor::restart(const boost::intrusive_ptr<KXLAc
         return 0;
     }
     std::vector<std::string> classes;
+    classes.reserve(old.size());
     for (const auto& [name, stats] : old) {
         classes.push_back(name);
     }

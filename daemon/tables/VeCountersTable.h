@@ -55,7 +55,7 @@ public:
 
     /// Takes the link's data; empty when there is no link.
     CountersSnapshot() : CountersSnapshot(statsOfLink()) {}
-    explicit CountersSnapshot(ClassStats stats) {
+    explicit CountersSnapshot(ClassStats&& stats) {
         for (auto& [veid, instances] : stats) {
             for (auto& [instance, counters] : instances) {
                 rows_.emplace_back(veid, instance, InstanceCounters(std::move(counters)));

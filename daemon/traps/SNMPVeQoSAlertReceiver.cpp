@@ -50,7 +50,7 @@ std::int32_t veidOf(const KXLEnv& environment) {
 }
 
 boost::shared_ptr<SNMPNotificationData> notificationOf(const KXLResourceAlertData& alert, std::int32_t veid) {
-    const auto notification = boost::make_shared<SNMPNotificationData>();
+    auto notification = boost::make_shared<SNMPNotificationData>();
     notification->enterprise.assign(trapEnterprise.size(), trapEnterprise.data());
     notification->specificTrap = alertTrap;
     notification->variables = {

@@ -27,7 +27,7 @@ public:
         }
         const std::lock_guard guard(mutex_);
         for (const auto& known : sessions_) {
-            const auto session = known.lock();
+            auto session = known.lock();
             if (session && session->serverEid() == agent) {
                 return session;
             }

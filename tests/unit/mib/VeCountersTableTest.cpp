@@ -34,7 +34,7 @@ std::vector<std::string> rowsOf(const ClassStats& stats) {
     constexpr bool hasInstance = std::is_same_v<Row, VeNetworkCountersTableData>;
     constexpr unsigned veidTag = hasInstance ? 6 : 9;
     std::vector<std::string> rows;
-    for (Row row : CountersSnapshot<Row>(stats)) {
+    for (Row row : CountersSnapshot<Row>(ClassStats(stats))) {
         const std::string instance = hasInstance ? "/" + std::to_string(numberIn(row[1])) : "";
         rows.push_back(std::to_string(numberIn(row[veidTag])) + instance);
     }

@@ -137,6 +137,7 @@ private:
         image_ = std::move(image);
         ++images_;
     }
+    void alert(AlertSignal /*signal*/) override { ADD_FAILURE() << "nobody raised one"; }
 };
 
 const std::string kOne = "[[environment]]\nname = 'one'\n";
