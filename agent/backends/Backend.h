@@ -49,7 +49,8 @@ public:
     virtual std::string name() const = 0;
 
     /// @brief Reads the counters of all containers.
-    /// @param sink called once, before this returns or soon after, unless the backend is stopped before
+    /// @param sink called once, before this returns or soon after, unless the backend is stopped meanwhile; where it is
+    /// not started there is nothing to be read
     virtual void readCounters(const CounterSink& sink) { sink({std::chrono::steady_clock::now(), {}}); }
 
     /// @return whether there is no real host behind it, so that alerts may be made up as clients wish

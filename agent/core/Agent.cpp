@@ -208,10 +208,20 @@ std::unique_ptr<BackendSlot> Agent::startNewBackend(BackendKind kind, const Conf
     try {
         fresh->start();
     } catch (...) {
-        slot_->start();
+        resumeBackend();
         throw;
     }
     return fresh;
+}
+
+void Agent::resumeBackend() {
+    try {
+        slot_->start();
+    } catch (const std::exception& error) {
+        log::error(fmt::format("nothing is watched until the configuration is read again: {}", error.what()));
+    }
+    // One that was under way when the backend was stopped will not come.
+    counters_.readAnew();
 }
 
 std::string checkConfiguration(const AgentSettings& settings) {

@@ -46,6 +46,7 @@ private:
     std::unique_ptr<Server> makeServer(const Config& config);
     std::unique_ptr<BackendSlot> makeSlot(BackendKind kind, const Config& config);
     std::unique_ptr<BackendSlot> startNewBackend(BackendKind kind, const Config& config);
+    void resumeBackend();
     void waitForSignal();
     void signalled(int number);
     void stop();

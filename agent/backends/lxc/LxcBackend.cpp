@@ -47,6 +47,7 @@ public:
 
     void readCounters(const CounterSink& sink) override {
         if (!counters_) {
+            sink({std::chrono::steady_clock::now(), {}});
             return;
         }
         counters_->read([&io = io_, delivery = delivery_, sink](CounterImage image) {
