@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <numeric>
 #include <string_view>
 
 namespace kx::agent {
@@ -18,18 +19,24 @@ std::int64_t difference(std::int64_t now, std::int64_t before) {
 
 std::int64_t perSecond(std::int64_t amount, Moment from, Moment to) {
     const double seconds = std::chrono::duration<double>(to - from).count();
-    return seconds > 0 ? static_cast<std::int64_t>(static_cast<double>(amount) / seconds) : 0;
+    if (seconds <= 0) {
+        return 0;
+    }
+    // A described host may say anything, and reports may follow each other closely.
+    constexpr double kMost = 9.2e18;
+    return static_cast<std::int64_t>(std::clamp(static_cast<double>(amount) / seconds, -kMost, kMost));
 }
 
 const std::int64_t* valueIn(const CounterMemory::Shown* shown, const CounterNames& names, std::size_t position) {
     return shown == nullptr ? nullptr : shown->find(names, position);
 }
 
-CounterSampleValues level(std::int64_t now, const std::int64_t* before) {
-    if (before == nullptr) {
+/// Over what has passed since the client was told last: others' periods are not its.
+CounterSampleValues level(std::int64_t now, const std::int64_t* told) {
+    if (told == nullptr) {
         return {now, now, now};
     }
-    return {now, *before + difference(now, *before) / 2, std::max(now, *before)};
+    return {now, std::midpoint(*told, now), std::max(now, *told)};
 }
 
 CounterSampleValues increase(std::int64_t now, Moment at, const std::int64_t* before, const CounterMemory::Shown* shown,
@@ -118,9 +125,9 @@ std::vector<CounterSampleValues> sampleOf(const CounterRow& row, const CounterNa
     std::vector<CounterSampleValues> sample;
     sample.reserve(row.values.size());
     for (std::size_t i = 0; i < row.values.size(); ++i) {
-        const std::int64_t* const valueBefore = valueIn(before, names, i);
-        sample.push_back(increases[i] ? increase(row.values[i], now, valueBefore, before, valueIn(told, names, i), told)
-                                      : level(row.values[i], valueBefore));
+        const std::int64_t* const valueTold = valueIn(told, names, i);
+        sample.push_back(increases[i] ? increase(row.values[i], now, valueIn(before, names, i), before, valueTold, told)
+                                      : level(row.values[i], valueTold));
     }
     return sample;
 }

@@ -10,6 +10,7 @@ namespace {
 
 /// A request that a client makes up may name this much and no more.
 constexpr int kMaxClasses = 64;
+constexpr int kMaxEids = 65536;
 
 template <typename Request>
 std::string scopeOf(const Request& request, CounterScope& scope) {
@@ -18,6 +19,9 @@ std::string scopeOf(const Request& request, CounterScope& scope) {
     }
     if (request.classes_size() > kMaxClasses) {
         return fmt::format("more than {} counter classes are named", kMaxClasses);
+    }
+    if (request.eids_size() > kMaxEids) {
+        return fmt::format("more than {} identifiers are named", kMaxEids);
     }
     scope.classes.insert(request.classes().begin(), request.classes().end());
     for (const std::string& bytes : request.eids()) {
@@ -82,6 +86,9 @@ std::string CounterService::query(ClientId client, const Send& send, std::uint64
                                   const wire::CounterQuery& request) {
     Question question{number, {}};
     std::string why = scopeOf(request, question.scope);
+    if (why.empty() && clients_[client].open() >= kMaxQuestions) {
+        why = fmt::format("{} questions on this connection are not answered yet", kMaxQuestions);
+    }
     if (!why.empty()) {
         return why;
     }

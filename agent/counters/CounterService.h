@@ -22,7 +22,7 @@
 
 namespace kx::agent {
 
-/// Reads counters. Main thread only; answers there too, soon, once a call.
+/// Reads counters. Main thread only; answers there too, soon, once a call, or not at all: see readAnew().
 using CounterReader = std::function<void(CounterSink)>;
 
 /// What a client asks about and is told.
@@ -35,6 +35,8 @@ public:
 
     /// Monitors of one client. More are refused: each costs a report a period.
     static constexpr std::size_t kMaxMonitors = 64;
+    /// Questions of one client that wait for an answer. More are refused: each costs a report.
+    static constexpr std::size_t kMaxQuestions = 64;
     /// Longest period that can be asked for, in seconds: a day.
     static constexpr std::uint32_t kMaxPeriodSeconds = 86400;
 
@@ -86,6 +88,8 @@ private:
         std::map<std::uint64_t, Monitor> monitors;
         std::vector<Question> questions;  ///< since the reading that is under way began
         std::vector<Question> asked;      ///< to be answered by the reading that is under way
+
+        std::size_t open() const { return questions.size() + asked.size(); }
     };
 
     Clock::time_point dueAfter(Clock::time_point now, std::uint32_t periodSeconds) const;

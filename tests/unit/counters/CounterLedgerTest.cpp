@@ -95,9 +95,25 @@ protected:
 
 TEST_F(Samples, OfALevelAreNowMeanAndMaximum) {
     EXPECT_EQ(one(name_, false, 10, second(30), nullptr, nullptr), (CounterSampleValues{10, 10, 10}));
-    const auto before = shown(4, 0);
-    EXPECT_EQ(one(name_, false, 10, second(30), &before, nullptr), (CounterSampleValues{10, 7, 10}));
-    EXPECT_EQ(one(name_, false, 2, second(30), &before, nullptr), (CounterSampleValues{2, 3, 4}));
+    const auto told = shown(4, 0);
+    EXPECT_EQ(one(name_, false, 10, second(30), nullptr, &told), (CounterSampleValues{10, 7, 10}));
+    EXPECT_EQ(one(name_, false, 2, second(30), nullptr, &told), (CounterSampleValues{2, 3, 4}));
+}
+
+TEST_F(Samples, OfALevelAreOfTheClientsOwnPeriod) {
+    const auto before = shown(100, 29);
+    const auto told = shown(4, 0);
+    EXPECT_EQ(one(name_, false, 10, second(30), &before, &told), (CounterSampleValues{10, 7, 10}))
+        << "what others had read in between is nothing to it";
+}
+
+TEST_F(Samples, HaveRatesWithinTheRangeOfTheType) {
+    const CounterMemory::Shown told{name_, {0}, second(0)};
+    const auto soon = second(0) + std::chrono::microseconds(1);
+    for (const std::int64_t sign : {1, -1}) {
+        const std::int64_t rate = one(name_, true, sign * 9'000'000'000'000'000'000, soon, &told, &told).first;
+        EXPECT_GT(rate * sign, 9'000'000'000'000'000'000);
+    }
 }
 
 TEST_F(Samples, OfAnIncreaseAreTheRatesAndWhatWasAddedSinceItWasTold) {
@@ -118,7 +134,7 @@ TEST_F(Samples, WrapAroundAsTheKernelsCountersDo) {
     const auto told = shown(std::numeric_limits<std::int64_t>::max(), 0);
     EXPECT_EQ(one(name_, true, std::numeric_limits<std::int64_t>::min(), second(10), nullptr, &told).third, 1);
     const auto lowest = shown(std::numeric_limits<std::int64_t>::min(), 0);
-    EXPECT_EQ(one(name_, false, std::numeric_limits<std::int64_t>::max(), second(10), &lowest, nullptr).first,
+    EXPECT_EQ(one(name_, false, std::numeric_limits<std::int64_t>::max(), second(10), nullptr, &lowest).first,
               std::numeric_limits<std::int64_t>::max());
 }
 

@@ -70,8 +70,23 @@ protected:
         const auto names = std::make_shared<const std::vector<std::string>>(std::vector<std::string>{"bytes_in"});
         sink({std::chrono::steady_clock::now(), {{kNet, names, {{eid, "1", {value}}}}}});
     }
+    /// Ends the reading that is under way with a level and an increase.
+    /// @param seconds when they were read
+    void finish(int seconds, std::int64_t level, std::int64_t increase) {
+        Eid eid;
+        eid.bytes.fill(1);
+        const auto names =
+            std::make_shared<const std::vector<std::string>>(std::vector<std::string>{"bytes_in", "sessions"});
+        readings_.back()({begin_ + std::chrono::seconds(seconds), {{kNet, names, {{eid, "1", {increase, level}}}}}});
+    }
+    /// @return the three numbers of the increase and of the level that a peer was told last
+    static std::vector<std::int64_t> lastOf(const Peer& peer) {
+        const auto& values = peer.frames.back().counter_sample().groups(0).values();
+        return {values.begin(), values.end()};
+    }
     static std::int64_t valueOf(const wire::Frame& frame) { return frame.counter_sample().groups(0).values(0); }
 
+    const std::chrono::steady_clock::time_point begin_ = std::chrono::steady_clock::now();
     boost::asio::io_context io_;
     std::vector<CounterSink> readings_;  ///< that were asked for
     CounterService service_;
@@ -109,6 +124,8 @@ TEST_F(Service, ReadsAgainForAQuestionThatComesWhileItReads) {
 }
 
 TEST_F(Service, ReadsOncePerPeriodHoweverManyMonitorsThereAre) {
+    // A period of half a second, within which all are started, and all that is said of a round is looked at.
+    service_.setPeriodScale(0.1);
     for (std::uint64_t number = 1; number <= 10; ++number) {
         EXPECT_THAT(service_.start(&peer_, peer_.send, number, monitorOf(5)), IsEmpty());
         EXPECT_THAT(service_.start(&other_, other_.send, number, monitorOf(5)), IsEmpty());
@@ -185,6 +202,60 @@ TEST_F(Service, RefusesMoreMonitorsThanOneClientCanNeed) {
     }
     EXPECT_THAT(service_.start(&peer_, peer_.send, 100, monitorOf(30)), HasSubstr("64 monitors"));
     EXPECT_THAT(service_.start(&other_, other_.send, 1, monitorOf(30)), IsEmpty()) << "others are not concerned";
+}
+
+TEST_F(Service, TellsEachClientWhatHasHappenedSinceItWasToldAndAllTheRateOfTheMoment) {
+    const Parameter increase{"bytes_in", {}, {{"counter_type", 2}}};
+    service_.setVocabularies({Vocabulary{kBasicFunctionality, {}, {Category{kNet, {increase}}}}});
+    service_.query(&peer_, peer_.send, 1, queryOf());
+    finish(0, 100, 1000);
+    EXPECT_THAT(lastOf(peer_), ElementsAre(0, 0, 1000, 100, 100, 100)) << "all of it, and no rate yet";
+
+    service_.query(&other_, other_.send, 1, queryOf());
+    finish(10, 50, 3000);
+    EXPECT_THAT(lastOf(other_), ElementsAre(200, 0, 3000, 50, 50, 50)) << "the rate since the other's reading";
+    EXPECT_THAT(peer_.frames, SizeIs(1));
+
+    service_.query(&peer_, peer_.send, 2, queryOf());
+    service_.query(&other_, other_.send, 2, queryOf());
+    finish(20, 10, 3500);
+    EXPECT_THAT(lastOf(peer_), ElementsAre(50, 125, 2500, 10, 55, 100)) << "the rates of 10 and of 20 seconds";
+    finish(20, 10, 3500);
+    EXPECT_THAT(lastOf(other_), ElementsAre(0, 50, 500, 10, 30, 50)) << "a reading later, of the same moment";
+}
+
+TEST_F(Service, RefusesMoreQuestionsThanItMayHaveToAnswerAtOnce) {
+    for (std::size_t i = 0; i < CounterService::kMaxQuestions; ++i) {
+        ASSERT_THAT(service_.query(&peer_, peer_.send, i, queryOf()), IsEmpty());
+    }
+    EXPECT_THAT(service_.query(&peer_, peer_.send, 1000, queryOf()), HasSubstr("64 questions"));
+    EXPECT_THAT(service_.query(&other_, other_.send, 1, queryOf()), IsEmpty());
+    finish(1);
+    EXPECT_THAT(service_.query(&peer_, peer_.send, 1001, queryOf()), IsEmpty()) << "one has been answered";
+}
+
+TEST_F(Service, RefusesEndlessListsOfContainers) {
+    wire::CounterQuery request = queryOf();
+    for (int i = 0; i < 65537; ++i) {
+        request.add_eids(std::string(16, 'e'));
+    }
+    EXPECT_THAT(service_.query(&peer_, peer_.send, 1, request), HasSubstr("65536 identifiers"));
+    request.mutable_eids()->RemoveLast();
+    EXPECT_THAT(service_.query(&peer_, peer_.send, 1, request), IsEmpty());
+}
+
+TEST_F(Service, MakesAReadingAnewThatWillNotCome) {
+    service_.query(&peer_, peer_.send, 1, queryOf());
+    service_.readAnew();
+    ASSERT_THAT(readings_, SizeIs(2));
+    finish(7);
+    ASSERT_THAT(peer_.frames, SizeIs(1));
+    EXPECT_EQ(valueOf(peer_.frames[0]), 7);
+    readings_.pop_back();
+    finish(8);
+    EXPECT_THAT(peer_.frames, SizeIs(1)) << "the one that was given up comes after all";
+    service_.readAnew();
+    EXPECT_THAT(readings_, SizeIs(1)) << "nobody waits";
 }
 
 TEST_F(Service, AnswersAQuestionAboutAClassThatNobodyKnowsWithNothing) {
