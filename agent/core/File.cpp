@@ -4,10 +4,12 @@
 #include <fmt/format.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <system_error>
 
 #include "agent/core/OwnedDescriptor.h"
 
@@ -17,24 +19,12 @@ namespace {
 constexpr mode_t kFolderMode = 0755;
 constexpr mode_t kFileMode = 0644;
 
-std::string lastError(std::string_view what, const std::string& path) {
-    return fmt::format("{} {}: {}", what, path, std::strerror(errno));
+std::string problemWith(std::string_view what, const std::string& path, int error) {
+    return fmt::format("{} {}: {}", what, path, std::strerror(error));
 }
 
-/// @param maxBytes one byte more than that is read, so that a file that grows meanwhile is noticed
-bool readUpTo(int descriptor, std::size_t maxBytes, std::string& content) {
-    char buffer[64 * 1024];
-    while (content.size() <= maxBytes) {
-        const ssize_t size = ::read(descriptor, buffer, sizeof buffer);
-        if (size == 0) {
-            return true;
-        }
-        if (size < 0 && errno != EINTR) {
-            return false;
-        }
-        content.append(buffer, size > 0 ? static_cast<std::size_t>(size) : 0);
-    }
-    return true;
+std::string lastError(std::string_view what, const std::string& path) {
+    return problemWith(what, path, errno);
 }
 
 bool writeAll(int descriptor, std::string_view content) {
@@ -57,6 +47,28 @@ bool syncFolderOf(const std::string& path) {
 
 }  // namespace
 
+int readToEnd(int descriptor, std::size_t maxBytes, std::string& content) {
+    std::array<char, std::size_t{64} * 1024> block;
+    for (std::size_t left = maxBytes;;) {
+        const ssize_t size = ::read(descriptor, block.data(), block.size());
+        if (size == 0) {
+            return 0;
+        }
+        if (size < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno;
+        }
+        const auto count = static_cast<std::size_t>(size);
+        if (count > left) {
+            return EFBIG;
+        }
+        left -= count;
+        content.append(block.data(), count);
+    }
+}
+
 std::optional<std::string> readRegularFile(const std::string& path, std::size_t maxBytes, std::string& problem) {
     // Not blocking: opening a named pipe must not wait for its writer before it is seen to be no regular file.
     const OwnedDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -70,12 +82,9 @@ std::optional<std::string> readRegularFile(const std::string& path, std::size_t 
         return std::nullopt;
     }
     std::string content;
-    if (!readUpTo(descriptor.get(), maxBytes, content)) {
-        problem = lastError("cannot read", path);
-        return std::nullopt;
-    }
-    if (content.size() > maxBytes) {
-        problem = fmt::format("cannot read {}: it is longer than {} bytes", path, maxBytes);
+    if (const int error = readToEnd(descriptor.get(), maxBytes, content)) {
+        problem = error == EFBIG ? fmt::format("cannot read {}: it is longer than {} bytes", path, maxBytes)
+                                 : problemWith("cannot read", path, error);
         return std::nullopt;
     }
     return content;
@@ -106,7 +115,12 @@ std::string makeFolders(const std::string& path) {
             return lastError("cannot make the folder", made);
         }
     }
-    return std::filesystem::is_directory(path) ? std::string() : fmt::format("{} is not a folder", path);
+    std::error_code unknown;
+    const bool isFolder = std::filesystem::is_directory(path, unknown);
+    if (unknown) {
+        return fmt::format("cannot look at {}: {}", path, unknown.message());
+    }
+    return isFolder ? std::string() : fmt::format("{} is not a folder", path);
 }
 
 }  // namespace kx::agent

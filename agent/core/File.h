@@ -15,6 +15,12 @@ namespace kx::agent {
 /// @return the content; nothing when there is no such file, it is no regular file, or it cannot be read
 std::optional<std::string> readRegularFile(const std::string& path, std::size_t maxBytes, std::string& problem);
 
+/// @brief Reads what is left of an open file. Memory grows with what is there, not with the limit.
+/// @param maxBytes more is refused, also when the file grows meanwhile
+/// @param content what was read is appended
+/// @return 0, or the error's number; EFBIG when there is more
+int readToEnd(int descriptor, std::size_t maxBytes, std::string& content);
+
 /// @brief Replaces a file in one step: after a crash there is the old content or the new one, never a part of either.
 /// The new one has reached the disk on return, with mode 0644 whatever the umask is.
 /// @param path the file; its folder must exist

@@ -7,6 +7,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
+
+#include "agent/core/File.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -47,28 +50,16 @@ FileText problemInWords(std::string words) {
     return result;
 }
 
-/// Reads up to one byte more than allowed: a file may grow after its size was looked at.
 FileText readOpened(int file, std::size_t maxBytes) {
-    std::string text(maxBytes + 1, '\0');
-    std::size_t length = 0;
-    while (length < text.size()) {
-        const ssize_t count = ::read(file, text.data() + length, text.size() - length);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            return problemOf(errno);
-        }
-        if (count == 0) {
-            break;
-        }
-        length += static_cast<std::size_t>(count);
-    }
-    if (length > maxBytes) {
+    FileText result;
+    std::string text;
+    const int error = readToEnd(file, maxBytes, text);
+    if (error == EFBIG) {
         return problemInWords(fmt::format("longer than {} bytes", maxBytes));
     }
-    FileText result;
-    text.resize(length);
+    if (error != 0) {
+        return problemOf(error);
+    }
     result.text = std::move(text);
     return result;
 }

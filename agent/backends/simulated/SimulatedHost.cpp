@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "agent/backends/simulated/GeneratedContainers.h"
+#include "agent/core/File.h"
 #include "agent/core/OwnedDescriptor.h"
 
 namespace kx::agent::simulated {
@@ -86,27 +87,12 @@ std::optional<InventoryError> addGenerated(std::size_t count, const std::string&
     return std::nullopt;
 }
 
-InventoryError systemError() {
-    return {0, 0, fmt::format("cannot be read: {}", std::strerror(errno))};
+InventoryError systemError(int error) {
+    return {0, 0, fmt::format("cannot be read: {}", std::strerror(error))};
 }
 
-/// Reads to the end, even if the file grows meanwhile: its writer's closing it makes us read again.
-std::variant<std::string, InventoryError> readAll(int file) {
-    constexpr std::size_t blockBytes = std::size_t{64} * 1024;
-    std::string text;
-    while (text.size() <= kMaxFileBytes) {
-        const std::size_t size = text.size();
-        text.resize(size + blockBytes);
-        const ssize_t count = ::read(file, text.data() + size, blockBytes);
-        text.resize(size + static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-        if (count == 0) {
-            return text;
-        }
-        if (count < 0 && errno != EINTR) {
-            return systemError();
-        }
-    }
-    return InventoryError{0, 0, fmt::format("is longer than {} bytes", kMaxFileBytes)};
+InventoryError tooLong() {
+    return {0, 0, fmt::format("is longer than {} bytes", kMaxFileBytes)};
 }
 
 }  // namespace
@@ -136,15 +122,20 @@ std::variant<std::string, InventoryError> readInventoryText(const std::string& p
     const OwnedDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) {
-        return systemError();
+        return systemError(errno);
     }
     if (!S_ISREG(status.st_mode)) {
         return InventoryError{0, 0, "is not a regular file"};
     }
     if (static_cast<std::size_t>(status.st_size) > kMaxFileBytes) {
-        return InventoryError{0, 0, fmt::format("is longer than {} bytes", kMaxFileBytes)};
+        return tooLong();
     }
-    return readAll(file.get());
+    std::string text;
+    // To the end, even if the file grows meanwhile: its writer's closing it makes us read again.
+    if (const int error = readToEnd(file.get(), kMaxFileBytes, text)) {
+        return error == EFBIG ? tooLong() : systemError(error);
+    }
+    return text;
 }
 
 std::variant<SimulatedHost, InventoryError> hostOfText(const std::string& text, const std::string& machineId) {

@@ -4,10 +4,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 
+#include "agent/core/OwnedDescriptor.h"
 #include "tests/unit/agent/TemporaryFolder.h"
 
 namespace kx::agent {
@@ -41,6 +44,19 @@ TEST(File, WhatIsNoRegularFileIsNotRead) {
     EXPECT_THAT(problem, HasSubstr(folder / "none"));
 }
 
+TEST(File, IsReadToItsEndFromWhereItIsOpen) {
+    const test::TemporaryFolder folder;
+    const std::string content = std::string(70000, 'a') + "end";  // more than a block
+    ASSERT_EQ(replaceFile(folder / "f", content), "");
+    const OwnedDescriptor file(::open((folder / "f").c_str(), O_RDONLY | O_CLOEXEC));
+    std::string text = "before ";
+    EXPECT_EQ(readToEnd(file.get(), content.size(), text), 0);
+    EXPECT_EQ(text, "before " + content);
+    ::lseek(file.get(), 0, SEEK_SET);
+    EXPECT_EQ(readToEnd(file.get(), content.size() - 1, text), EFBIG);
+    EXPECT_EQ(readToEnd(-1, 10, text), EBADF);
+}
+
 TEST(File, IsReplacedWithoutLeavingAnythingBeside) {
     const test::TemporaryFolder folder;
     ASSERT_EQ(replaceFile(folder / "f", "old"), "");
@@ -70,6 +86,12 @@ TEST(Folders, AFileInTheWayIsAnError) {
     std::ofstream(folder / "f") << "x";
     EXPECT_THAT(makeFolders(folder / "f"), HasSubstr("is not a folder"));
     EXPECT_THAT(makeFolders(folder / "f/g"), HasSubstr("cannot make the folder"));
+}
+
+TEST(Folders, ALinkToItselfIsAnErrorInWords) {
+    const test::TemporaryFolder folder;
+    std::filesystem::create_symlink(folder / "loop", folder / "loop");
+    EXPECT_THAT(makeFolders(folder / "loop"), HasSubstr(folder / "loop"));
 }
 
 }  // namespace
