@@ -14,13 +14,14 @@
 class KXLAsyncConnectionPrototype : public virtual KXLRefCounter {
 public:
     /// @brief Adds a handler. What becomes of it is told to the handler on the event loop's thread: a connection that
-    /// fails, or has failed already, by handleFailure.
+    /// fails, or has failed or been closed already, by handleFailure.
     /// @param name what to subscribe to: KXLEvent::subscriptionName
     /// @param handler kept until it is unsubscribed or the connection fails; not null
     /// @return 0; -1 when there is nothing of that name, or the event loop does not run
     virtual int subscribe(const std::string& name, boost::intrusive_ptr<KXLTaskHandlerPrototype> handler) = 0;
 
-    /// @brief Removes a handler. Nothing new is delivered to it; a callback that is under way on another thread ends.
+    /// @brief Removes a handler; with the last one the connection is closed for good. Nothing new is delivered to it; a
+    /// callback that is under way on another thread ends.
     /// @return 0; -1 when it was not subscribed
     virtual int unsubscribe(const std::string& name, const boost::intrusive_ptr<KXLTaskHandlerPrototype>& handler) = 0;
 

@@ -46,7 +46,7 @@ bool EventLink::subscribe(const TaskHandlerPtr& handler) {
         handlers_.push_back(handler);
     }
     const bool runs = loop_->post([self = shared_from_this()] {
-        if (self->phase_ == Phase::Failed) {
+        if (self->phase_ >= Phase::Failed) {
             self->failed();  // once more, for the newcomer
         }
     });

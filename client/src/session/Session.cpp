@@ -8,8 +8,15 @@
 
 #include "client/src/session/Deliveries.h"
 #include "client/src/session/Timeouts.h"
+#include "wire/Framing.h"
 
 namespace kx::client {
+namespace {
+
+/// What the request's number may add to it.
+constexpr std::size_t kNumberBytes = 16;
+
+}  // namespace
 
 std::shared_ptr<Session> Session::create(std::shared_ptr<Loop> loop, boost::intrusive_ptr<KXLEnvCache> cache) {
     std::shared_ptr<Session> session(new Session(std::move(loop), std::move(cache)));
@@ -125,6 +132,9 @@ int Session::call(wire::Frame request, wire::Frame& answer, std::chrono::millise
                   std::function<void(const wire::Frame&)> late) {
     if (loop_->onLoopThread()) {
         return KXL_ERROR_STOPPED;  // it would wait for itself
+    }
+    if (request.ByteSizeLong() > wire::kMaxFrameBytes - kNumberBytes) {
+        return KXL_ERROR_REFUSED;  // no agent would take it
     }
     const auto wait = patience(deadline);
     const auto until = Clock::now() + wait;

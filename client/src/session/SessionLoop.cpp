@@ -261,7 +261,8 @@ void Session::frameReceived(const FrameConnection& connection, const wire::Frame
 }
 
 void Session::handleData(const wire::Frame& frame) {
-    if (handleAnswer(frame)) {
+    // Either side numbers its own pings, so one may have the number of an open question.
+    if (!frame.has_ping() && handleAnswer(frame)) {
         return;
     }
     switch (frame.body_case()) {

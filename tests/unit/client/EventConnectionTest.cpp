@@ -138,6 +138,10 @@ TEST_F(EventConnections, CloseWhenTheLastHandlerIsUnsubscribed) {
     EXPECT_EQ(connection->unsubscribe(KXLEvent::subscriptionName, first), 0);
     EXPECT_EQ(closed.get_future().wait_for(kPatience), std::future_status::ready);
     EXPECT_TRUE(eventually([&] { return first->referenceCount() == 1; }));
+    // It is closed for good: who comes later is told that it has failed.
+    const EventHandlerPtr late = handlerNamed("late");
+    EXPECT_EQ(subscribe(connection, late), 0);
+    EXPECT_TRUE(eventually([&] { return journal.has("late failed"); }));
 }
 
 TEST_F(EventConnections, CloseWithTheirLastReferenceAndTellNobody) {

@@ -105,6 +105,27 @@ TEST_F(RaiseAlert, AsksForTheAlertExactly) {
     EXPECT_EQ(request.value(), alert.alertValue);
 }
 
+TEST_F(RaiseAlert, WhatNoAgentWouldTakeIsRefusedAtOnce) {
+    const ScriptedAgent agent(agentAnswering(sendDone));
+    ASSERT_EQ(initialize(agent.path()), 0);
+    KXLResourceAlertData alert = someAlert();
+    alert.alertText = std::string(std::size_t{16} * 1024 * 1024, 'x');
+    EXPECT_EQ(raise(alert), KXL_ERROR_REFUSED);
+    EXPECT_EQ(raise(someAlert()), 0) << "the link is as it was";
+}
+
+TEST_F(RaiseAlert, APingWithTheNumberOfTheRequestIsNotItsAnswer) {
+    const ScriptedAgent agent(agentAnswering([](PeerSocket& peer, const wire::Frame& request) {
+        wire::Frame ping;
+        ping.set_request_id(request.request_id());
+        ping.mutable_ping();
+        peer.send(ping);
+        sendDone(peer, request);
+    }));
+    ASSERT_EQ(initialize(agent.path()), 0);
+    EXPECT_EQ(raise(someAlert()), 0);
+}
+
 TEST_F(RaiseAlert, NamesAContainersNumberInsteadOfTheIdentifierWhereThereIsOne) {
     const wire::AlertRaise request = asked(someAlert(), -5);
     EXPECT_EQ(request.target_case(), wire::AlertRaise::kVeid);
