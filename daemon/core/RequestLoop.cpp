@@ -12,6 +12,9 @@
 
 namespace {
 
+/// A signal that comes right before the wait begins does not end it, so that is how late it may be seen.
+constexpr timeval longestWait{1, 0};
+
 /// What the library waits for: input on its sockets, and its next alarm.
 class Awaited {
 public:
@@ -33,10 +36,12 @@ public:
     Awaited(const Awaited&) = delete;
     Awaited& operator=(const Awaited&) = delete;
 
-    /// @return false when a signal came first
+    /// @return whether there is something to be done for the library; false when a signal came first, or nothing did
     bool wait() {
-        return netsnmp_large_fd_set_select(descriptors_, &readable_, &writable_, &exceptional_,
-                                           hasTimeout_ ? &timeout_ : nullptr) >= 0;
+        const bool isLong = !hasTimeout_ || timeout_.tv_sec >= longestWait.tv_sec;
+        timeval timeout = isLong ? longestWait : timeout_;
+        const int ready = netsnmp_large_fd_set_select(descriptors_, &readable_, &writable_, &exceptional_, &timeout);
+        return ready > 0 || (ready == 0 && !isLong);
     }
 
 private:
