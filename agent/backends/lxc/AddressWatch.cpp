@@ -13,7 +13,6 @@
 
 #include "agent/backends/lxc/AddressSocket.h"
 #include "agent/backends/lxc/Descriptors.h"
-#include "agent/backends/lxc/SignalMask.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -53,15 +52,13 @@ AddressWatch::AddressWatch()
     if (!addToPoll(orders_.descriptor(), kOrdersTag, EPOLLIN)) {
         throw std::runtime_error(fmt::format("epoll: {}", std::strerror(errno)));
     }
-    const AllSignalsBlocked blocked;
-    thread_ = std::thread([this] { run(); });
+    orders_.start([this] {
+        lookAtDue();
+        wait();
+    });
 }
 
-AddressWatch::~AddressWatch() {
-    ending_ = true;
-    orders_.wake();
-    thread_.join();
-}
+AddressWatch::~AddressWatch() = default;
 
 void AddressWatch::watch(std::uint64_t life, pid_t initPid, std::shared_ptr<const OwnedDescriptor> pidfd) {
     orders_.post([this, life, initPid, pidfd = std::move(pidfd)] { begin(life, initPid, pidfd); });
@@ -80,20 +77,6 @@ std::vector<AddressReport> AddressWatch::takeReports() {
     ::eventfd_read(reportsReady_.get(), &ignored);
     const std::lock_guard lock(mutex_);
     return std::exchange(reports_, {});
-}
-
-void AddressWatch::run() {
-    while (!ending_) {
-        try {
-            orders_.obey();
-            lookAtDue();
-            wait();
-        } catch (const std::exception&) {
-            // Memory is all that can be lacking. An order is obeyed again, a look is taken again with the next
-            // comparison.
-            std::this_thread::sleep_for(kAfterFailure);
-        }
-    }
 }
 
 void AddressWatch::begin(std::uint64_t life, pid_t initPid, std::shared_ptr<const OwnedDescriptor> pidfd) {
@@ -133,7 +116,7 @@ void AddressWatch::compareEach() {
 
 void AddressWatch::lookAtDue() {
     const auto begin = Clock::now();
-    while (!ending_ && !due_.empty() && due_.begin()->first <= begin && Clock::now() < begin + kPassLimit) {
+    while (!orders_.isEnding() && !due_.empty() && due_.begin()->first <= begin && Clock::now() < begin + kPassLimit) {
         const std::uint64_t life = due_.begin()->second;
         Watched& watched = watched_.at(life);
         setDue(life, watched, std::nullopt);

@@ -15,7 +15,6 @@
 
 #include <sys/types.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -24,13 +23,12 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "agent/backends/lxc/LookPacer.h"
 #include "agent/backends/lxc/NetworkSpace.h"
-#include "agent/backends/lxc/OrderQueue.h"
+#include "agent/backends/lxc/OrderThread.h"
 #include "agent/core/OwnedDescriptor.h"
 #include "agent/inventory/Environment.h"
 
@@ -90,7 +88,6 @@ private:
         AddressReport told;                    ///< the last report
     };
 
-    void run();
     void begin(std::uint64_t life, pid_t initPid, std::shared_ptr<const OwnedDescriptor> pidfd);
     void end(std::uint64_t life);
     void compareEach();
@@ -106,7 +103,6 @@ private:
     void setDue(std::uint64_t life, Watched& watched, std::optional<Clock::time_point> due);
 
     OwnedDescriptor poll_;
-    OrderQueue orders_;
     OwnedDescriptor reportsReady_;
 
     std::mutex mutex_;  ///< over reports_, held for moments
@@ -118,8 +114,7 @@ private:
     std::set<std::pair<Clock::time_point, std::uint64_t>> due_;
     std::vector<AddressReport> found_;  ///< not yet handed over
 
-    std::atomic<bool> ending_{false};
-    std::thread thread_;
+    OrderThread orders_;  ///< ends before the rest does
 };
 
 }  // namespace kx::agent::lxc

@@ -9,6 +9,7 @@
 #include "agent/backends/lxc/Descriptors.h"
 #include "agent/backends/lxc/OsRelease.h"
 #include "agent/backends/lxc/RootfsPath.h"
+#include "wire/Protocol.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -59,16 +60,6 @@ RootFolder openRoot(const ContainerRecord& record) {
 
 }  // namespace
 
-std::string printable(const std::string& text) {
-    std::string result = text;
-    for (char& c : result) {
-        if (c < ' ' || c > '~') {
-            c = '?';
-        }
-    }
-    return result;
-}
-
 Environment environmentOf(const ContainerRecord& record) {
     Environment environment;
     environment.eid = record.eid;
@@ -93,6 +84,7 @@ Environment environmentOf(const ContainerRecord& record) {
 
 void readNotes(ContainerRecord& record, const std::string& path, const LogSink& log) {
     const std::string file = fmt::format("{}/{}/kx.toml", path, record.name);
+    const std::string logged = fmt::format("{}/{}/kx.toml", path, wire::printable(record.name));
     const FileStamp stamp = stampAt(AT_FDCWD, file.c_str());
     const bool fresh = stamp != record.notesStamp;
     record.notesStamp = stamp;
@@ -101,13 +93,13 @@ void readNotes(ContainerRecord& record, const std::string& path, const LogSink& 
     if (content.missing) {
         record.notes = {};
     } else if (!content.text) {
-        problem = fmt::format("{}: {}", printable(file), content.problem);
+        problem = fmt::format("{}: {}", logged, content.problem);
     } else {
         auto parsed = parseContainerNotes(*content.text);
         if (auto* notes = std::get_if<ContainerNotes>(&parsed)) {
             record.notes = std::move(*notes);
         } else if (const auto* error = std::get_if<NotesError>(&parsed)) {
-            problem = fmt::format("{}:{}:{}: {}", printable(file), error->line, error->column, error->message);
+            problem = fmt::format("{}:{}:{}: {}", logged, error->line, error->column, error->message);
         }
     }
     if (!problem.empty() && (fresh || problem != record.notesProblem)) {

@@ -7,8 +7,10 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <optional>
+#include <exception>
+#include <iterator>
 #include <utility>
 
 #include "agent/backends/lxc/Descriptors.h"
@@ -23,6 +25,9 @@ constexpr const char* kQuotaClass = "counters_kx_quota";
 
 /// The list of some thousand interfaces.
 constexpr std::size_t kMaxNetDevBytes = std::size_t{1024} * 1024;
+
+/// Before a reading that failed for lack of memory is tried again.
+constexpr std::chrono::milliseconds kAfterFailure{100};
 
 CounterNames namesOf(std::vector<std::string> names) {
     return std::make_shared<const std::vector<std::string>>(std::move(names));
@@ -82,25 +87,40 @@ void CounterThread::read(CounterSink sink) {
 void CounterThread::run() {
     std::unique_lock lock(mutex_);
     while (true) {
-        changed_.wait(lock, [this] { return ending_ || !sinks_.empty(); });
+        changed_.wait(lock, [this] { return ending_ || !sinks_.empty() || !asking_.empty(); });
         if (ending_) {
             return;
         }
-        const auto sinks = std::exchange(sinks_, {});
+        if (asking_.empty()) {
+            asking_.swap(sinks_);
+        }
         const Targets targets = targets_;
         lock.unlock();
-        const CounterImage image = readAll(*targets);
-        for (const CounterSink& sink : sinks) {
-            sink(image);
-        }
+        answer(*targets);
         lock.lock();
     }
 }
 
-CounterImage CounterThread::readAll(const std::vector<CounterTarget>& targets) {
+void CounterThread::answer(const std::vector<CounterTarget>& targets) {
+    try {
+        const auto image = readAll(targets);
+        for (; image && !asking_.empty(); asking_.pop_back()) {
+            asking_.back()(*image);
+        }
+    } catch (const std::exception&) {
+        // Memory is all that can be lacking. Who has not been answered is still in the list.
+        std::this_thread::sleep_for(kAfterFailure);
+    }
+}
+
+/// @return nothing: this object is ending
+std::optional<CounterImage> CounterThread::readAll(const std::vector<CounterTarget>& targets) {
     CounterTable network{kNetworkClass, networkNames_, {}};
     CounterTable quota{kQuotaClass, quotaNames_, {}};
     for (const CounterTarget& target : targets) {
+        if (isEnding()) {
+            return std::nullopt;
+        }
         auto rows = networkRows(target);
         // What was found under the number was another process's if init has ended meanwhile. One that has ended reports
         // nothing.
@@ -118,6 +138,11 @@ CounterImage CounterThread::readAll(const std::vector<CounterTarget>& targets) {
     image.tables.push_back(std::move(network));
     image.tables.push_back(std::move(quota));
     return image;
+}
+
+bool CounterThread::isEnding() {
+    const std::lock_guard lock(mutex_);
+    return ending_;
 }
 
 std::vector<CounterRow> CounterThread::networkRows(const CounterTarget& target) {

@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -44,7 +45,7 @@ public:
     /// @throws std::runtime_error when the system has not what it needs
     explicit CounterThread(LogSink log);
 
-    /// @brief Stops and joins the thread; a reading that is asked for and not begun is dropped.
+    /// @brief Stops and joins the thread, waiting for one container to be read; readings are given up.
     ~CounterThread();
 
     CounterThread(const CounterThread&) = delete;
@@ -60,7 +61,9 @@ private:
     using Targets = std::shared_ptr<const std::vector<CounterTarget>>;
 
     void run();
-    CounterImage readAll(const std::vector<CounterTarget>& targets);
+    void answer(const std::vector<CounterTarget>& targets);
+    std::optional<CounterImage> readAll(const std::vector<CounterTarget>& targets);
+    bool isEnding();
     std::vector<CounterRow> networkRows(const CounterTarget& target);
     CounterRow quotaRow(const CounterTarget& target);
     void complainOfQuota(int error);
@@ -69,7 +72,8 @@ private:
     const CounterNames networkNames_;
     const CounterNames quotaNames_;
     NetworkTraveller traveller_;
-    bool quotaIsMissed_ = false;  ///< that there are no project quotas has been logged
+    bool quotaIsMissed_ = false;       ///< that there are no project quotas has been logged
+    std::vector<CounterSink> asking_;  ///< the thread's own: who gets the reading that is under way
 
     std::mutex mutex_;  ///< over the next four
     std::condition_variable changed_;

@@ -13,8 +13,4 @@ enum class Severity { Info, Warning, Error };
 /// Takes one line without its end.
 using LogSink = std::function<void(Severity, const std::string&)>;
 
-/// @brief Makes a text of somebody else's fit for a log line: control characters and bytes above 0x7e become "?".
-/// @param text a container's name, for example: any bytes
-std::string printable(const std::string& text);
-
 }  // namespace kx::agent::lxc

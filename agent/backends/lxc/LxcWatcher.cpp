@@ -200,8 +200,8 @@ void LxcWatcher::assignVeIds() {
             names.push_back(name);
         }
     }
-    veIdsStale_ = false;
     const auto ids = veIds_.assign(names);
+    veIdsStale_ = false;
     for (auto& [name, record] : records_) {
         const auto id = ids.find(name);
         record.veid = id != ids.end() ? std::optional(id->second) : std::nullopt;
@@ -221,13 +221,16 @@ void LxcWatcher::publish() {
     if (!begun_ && isAnyUnknown()) {
         return;
     }
-    const bool changed = std::exchange(changed_, false);
-    if (changed) {
+    // What could not be published, for lack of memory, is so with the next change.
+    if (changed_) {
         publishContainers();
+        changed_ = false;
+        livesChanged_ = true;
     }
     // After the containers: what happens to those that run is told of containers that are known.
-    if (std::exchange(livesChanged_, false) || changed) {
+    if (livesChanged_) {
         publishRunning();
+        livesChanged_ = false;
     }
 }
 

@@ -6,6 +6,7 @@
 
 #include "agent/backends/lxc/AddressSocket.h"
 #include "agent/backends/lxc/LxcWatcher.h"
+#include "wire/Protocol.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -50,7 +51,7 @@ void LxcWatcher::takeAddresses(ContainerRecord& record, AddressReport report) {
 }
 
 void LxcWatcher::complainOfAddresses(ContainerRecord& record, const AddressReport& report) {
-    const std::string name = printable(record.name);
+    const std::string name = wire::printable(record.name);
     // Whoever is root in the container decides whether it has too many, so that is said once a run of it.
     if (report.cut && !record.life.cutIsLogged) {
         record.life.cutIsLogged = true;

@@ -11,6 +11,7 @@
 
 #include "agent/backends/lxc/Descriptors.h"
 #include "agent/backends/lxc/LxcWatcher.h"
+#include "wire/Protocol.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -151,7 +152,7 @@ void LxcWatcher::setDefined(ContainerRecord& record, bool defined) {
 
 void LxcWatcher::takeConfiguration(ContainerRecord& record, const ContainerProbe& probe) {
     if (record.malformed) {
-        log_(Severity::Info, fmt::format("container {}: its config can be read again", printable(record.name)));
+        log_(Severity::Info, fmt::format("container {}: its config can be read again", wire::printable(record.name)));
     }
     record.malformed = false;
     record.hostname = probe.hostname;
@@ -162,7 +163,7 @@ void LxcWatcher::takeConfiguration(ContainerRecord& record, const ContainerProbe
                     ? ""
                     : fmt::format("container {}: {} of its networks have a number above {} in their keys; their "
                                   "addresses are not published while it is stopped",
-                                  printable(record.name), probe.networksLeftOut, kMaxNetworks - 1));
+                                  wire::printable(record.name), probe.networksLeftOut, kMaxNetworks - 1));
     setDefined(record, true);
 }
 
@@ -170,7 +171,7 @@ void LxcWatcher::takeMalformed(ContainerRecord& record, bool fresh) {
     if (!record.malformed || fresh) {
         log_(Severity::Error,
              fmt::format("container {}: liblxc cannot read {}/{}/config; its state is unknown until that is mended",
-                         printable(record.name), settings_.path, printable(record.name)));
+                         wire::printable(record.name), settings_.path, wire::printable(record.name)));
     }
     record.malformed = true;
     if (!record.life.watched()) {
@@ -182,7 +183,7 @@ void LxcWatcher::takeMalformed(ContainerRecord& record, bool fresh) {
 void LxcWatcher::takeNoAnswer(ContainerRecord& record) {
     if (++record.unansweredTries == kUnansweredTriesLogged) {
         log_(Severity::Warning,
-             fmt::format("container {}: its monitor is there but does not answer", printable(record.name)));
+             fmt::format("container {}: its monitor is there but does not answer", wire::printable(record.name)));
     }
     if (record.life.watched()) {
         return;

@@ -1,5 +1,6 @@
 #include "agent/backends/lxc/QuotaWatch.h"
 
+#include <exception>
 #include <utility>
 
 #include "agent/backends/lxc/SignalMask.h"
@@ -30,17 +31,19 @@ void QuotaWatch::setTargets(QuotaTargets targets) {
 void QuotaWatch::run() {
     std::unique_lock lock(mutex_);
     while (!changed_.wait_for(lock, period_, [this] { return ending_; })) {
-        const QuotaTargets targets = targets_;
         lock.unlock();
-        take(targets);
-        if (!lookAtAll()) {
-            return;
+        try {
+            take();
+            lookAtAll();
+        } catch (const std::exception&) {
+            // Memory is all that can be lacking: the next look is after the period, as always.
         }
         lock.lock();
     }
 }
 
-void QuotaWatch::take(const QuotaTargets& targets) {
+void QuotaWatch::take() {
+    const QuotaTargets targets = copyOfTargets();
     for (const auto& [eid, target] : targets) {
         const auto [place, isNew] = watched_.try_emplace(eid, Watched{target, QuotaAlarms(eid)});
         if (!isNew) {
@@ -52,11 +55,10 @@ void QuotaWatch::take(const QuotaTargets& targets) {
     });
 }
 
-/// @return false: this object is ending
-bool QuotaWatch::lookAtAll() {
+void QuotaWatch::lookAtAll() {
     for (auto& [eid, watched] : watched_) {
         if (isEnding()) {
-            return false;
+            return;
         }
         // Where there is no quota, or no folder any more, the reading has no limits: nothing runs out.
         const QuotaReading reading = reader_(watched.target.rootFolder, watched.target.project);
@@ -64,7 +66,11 @@ bool QuotaWatch::lookAtAll() {
             sink_(std::move(signal));
         }
     }
-    return true;
+}
+
+QuotaTargets QuotaWatch::copyOfTargets() {
+    const std::lock_guard lock(mutex_);
+    return targets_;
 }
 
 bool QuotaWatch::isEnding() {

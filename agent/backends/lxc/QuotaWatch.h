@@ -59,8 +59,9 @@ private:
     };
 
     void run();
-    void take(const QuotaTargets& targets);
-    bool lookAtAll();
+    void take();
+    void lookAtAll();
+    QuotaTargets copyOfTargets();
     bool isEnding();
 
     const std::function<void(AlertSignal)> sink_;

@@ -14,7 +14,6 @@
 #include <stdexcept>
 
 #include "agent/backends/lxc/Descriptors.h"
-#include "agent/backends/lxc/SignalMask.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -32,9 +31,6 @@ constexpr milliseconds kGrid{100};
 /// twice as late as the one before.
 constexpr milliseconds kFirstRecheck{1};
 constexpr unsigned kRechecks = 10;
-
-/// Before something that failed for lack of memory is tried again.
-constexpr milliseconds kAfterFailure{100};
 
 constexpr std::uint64_t kOrdersTag = 0;
 constexpr std::uint64_t kInotifyTag = 1;
@@ -67,15 +63,13 @@ ResourceWatch::ResourceWatch(ResourceWatchSettings settings, SignalSink sink, Lo
     if (!added) {
         throw std::runtime_error(fmt::format("epoll: {}", std::strerror(errno)));
     }
-    const AllSignalsBlocked blocked;
-    thread_ = std::thread([this] { run(); });
+    orders_.start([this] {
+        lookAtDue();
+        wait();
+    });
 }
 
-ResourceWatch::~ResourceWatch() {
-    ending_ = true;
-    orders_.wake();
-    thread_.join();
-}
+ResourceWatch::~ResourceWatch() = default;
 
 void ResourceWatch::track(const Eid& eid, ResourceFolders folders) {
     orders_.post([this, eid, folders = std::move(folders)] { begin(eid, folders); });
@@ -83,19 +77,6 @@ void ResourceWatch::track(const Eid& eid, ResourceFolders folders) {
 
 void ResourceWatch::untrack(const Eid& eid) {
     orders_.post([this, eid] { end(eid); });
-}
-
-void ResourceWatch::run() {
-    while (!ending_) {
-        try {
-            orders_.obey();
-            lookAtDue();
-            wait();
-        } catch (const std::exception&) {
-            // Memory is all that can be lacking. An order is obeyed again, a look is taken again with the next.
-            std::this_thread::sleep_for(kAfterFailure);
-        }
-    }
 }
 
 void ResourceWatch::begin(const Eid& eid, ResourceFolders folders) {
@@ -121,6 +102,7 @@ void ResourceWatch::end(const Eid& eid) {
     if (place == entries_.end() || !place->second.running) {
         return;
     }
+    noteOomNotice(place->second);  // told since the last wait
     look(place, Look::Kills);
     Entry& entry = place->second;
     forgetEvents(entry);
@@ -320,12 +302,18 @@ void ResourceWatch::oomNoticed(std::uint64_t tag) {
         return;
     }
     const auto place = entries_.find(eid->second);
-    eventfd_t ignored = 0;
-    ::eventfd_read(place->second.oomEvent.get(), &ignored);
-    // It is the cgroup's removal that is told where there is nothing left to be read.
-    place->second.oomPending = place->second.container.tellsOfKills();
-    place->second.recheck = 0;
+    noteOomNotice(place->second);
     look(place, Look::Kills);
+}
+
+void ResourceWatch::noteOomNotice(Entry& entry) {
+    eventfd_t ignored = 0;
+    if (!entry.oomEvent || ::eventfd_read(entry.oomEvent.get(), &ignored) != 0) {
+        return;
+    }
+    // It is the cgroup's removal that is told where there is nothing left to be read.
+    entry.oomPending = entry.oomPending || entry.container.tellsOfKills();
+    entry.recheck = 0;
 }
 
 void ResourceWatch::filesNoticed() {

@@ -16,16 +16,14 @@
 // for a look to end.
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <map>
 #include <set>
 #include <string>
-#include <thread>
 #include <utility>
 
 #include "agent/backends/lxc/LogSink.h"
-#include "agent/backends/lxc/OrderQueue.h"
+#include "agent/backends/lxc/OrderThread.h"
 #include "agent/backends/lxc/ResourceWatchContainer.h"
 #include "agent/backends/lxc/ResourceWatchHost.h"
 #include "agent/core/OwnedDescriptor.h"
@@ -85,7 +83,6 @@ private:
     };
     using Entries = std::map<Eid, Entry>;
 
-    void run();
     void begin(const Eid& eid, ResourceFolders folders);
     void end(const Eid& eid);
     void watchEvents(const Eid& eid, Entry& entry);
@@ -95,7 +92,6 @@ private:
     void forgetEvents(Entry& entry);
     void lookAtDue();
     void look(Entries::iterator place, WatchedContainer::Look what);
-    void lookForKills(Entries::iterator place);
     void planNext(Entries::iterator place, WatchedContainer::Look what, TimePoint now);
     void setDue(Entries::iterator place, TimePoint due);
     void hasten(Entries::iterator place, TimePoint due);
@@ -104,6 +100,7 @@ private:
     void lookForKillsEverywhere(TimePoint now);
     void wait();
     void oomNoticed(std::uint64_t tag);
+    void noteOomNotice(Entry& entry);
     void filesNoticed();
     std::set<Eid> ownersOfNotices();
     void tell(std::vector<AlertSignal> signals);
@@ -112,7 +109,6 @@ private:
     const SignalSink sink_;
     const LogSink log_;
     OwnedDescriptor poll_;
-    OrderQueue orders_;
     OwnedDescriptor inotify_;  ///< none where the system has none left
 
     // The thread's own.
@@ -126,8 +122,7 @@ private:
     TimePoint hostDue_;
     std::string problem_;  ///< last complaint, to make it once a change
 
-    std::atomic<bool> ending_{false};
-    std::thread thread_;
+    OrderThread orders_;  ///< ends before the rest does
 };
 
 }  // namespace kx::agent::lxc

@@ -77,7 +77,17 @@ bool StuckCallBreaker::guard(const std::string& socketName, const std::function<
         broken_ = false;
     }
     changed_.notify_all();
-    call();
+    try {
+        call();
+    } catch (...) {
+        endCall();
+        throw;
+    }
+    return endCall();
+}
+
+/// @return whether the call has ended by itself
+bool StuckCallBreaker::endCall() {
     std::unique_lock lock(mutex_);
     inCall_ = false;
     // A shutdown under way must not hit the connections of the next call.

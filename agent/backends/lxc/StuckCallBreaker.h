@@ -35,6 +35,7 @@ public:
     bool guard(const std::string& socketName, const std::function<void()>& call);
 
 private:
+    bool endCall();
     void run();
     void breakWhileStuck(std::unique_lock<std::mutex>& lock);
 

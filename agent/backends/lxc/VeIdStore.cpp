@@ -15,6 +15,7 @@
 #include "agent/backends/lxc/RootFile.h"
 #include "agent/core/File.h"
 #include "agent/core/TomlGuard.h"
+#include "wire/Protocol.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -194,7 +195,7 @@ void VeIdStore::yieldClaimed(const std::map<std::int32_t, std::string>& claimed)
         const auto other = give(name, claimed);
         log_(Severity::Warning, fmt::format("id {} had been given to container {} and is claimed by the container of "
                                             "that name; {} has id {} from now on",
-                                            id, printable(name), printable(name), other.value_or(0)));
+                                            id, wire::printable(name), wire::printable(name), other.value_or(0)));
     }
 }
 
@@ -226,7 +227,7 @@ std::optional<std::int32_t> VeIdStore::give(const std::string& name,
     }
     const auto id = nextFree(claimed);
     if (!id) {
-        log_(Severity::Error, fmt::format("no id is left for container {}", printable(name)));
+        log_(Severity::Error, fmt::format("no id is left for container {}", wire::printable(name)));
         return std::nullopt;
     }
     idOfName_.emplace(name, *id);

@@ -144,9 +144,5 @@ TEST(EnvironmentTest, addressesAreTheKernelsElseTheConfiguredOnesElseNotKnown) {
     EXPECT_EQ(environmentOf(record).addresses, std::nullopt);
 }
 
-TEST(PrintableTest, keepsLogLinesOneLineEach) {
-    EXPECT_EQ(printable("a b\n\x1b[1m\xc3\xa4~"), "a b??[1m??~");
-}
-
 }  // namespace
 }  // namespace kx::agent::lxc
