@@ -2,10 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <vector>
-
-#include "ctl/view/Counters.h"
-
 namespace kx::ctl {
 
 std::optional<std::string> productVersion(const KXLAccessPointPrototype& agent) {
@@ -15,11 +11,9 @@ std::optional<std::string> productVersion(const KXLAccessPointPrototype& agent) 
     return parameter && parameter->getValue(version, KXL_FIELD_VALUE) == 0 ? std::optional(version) : std::nullopt;
 }
 
-// Of all questions that are answered the one for counters of the host itself, which has none, has the shortest answer.
 int measureRoundTrip(KXLAccessPointPrototype& agent, std::chrono::microseconds& took) {
-    std::vector<KXLMonitorData> none;
     const auto start = std::chrono::steady_clock::now();
-    const int code = queryCounters(agent, {kQuotaClass}, {agent.getEID()}, none);
+    const int code = agent.pingSync();
     took = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
     return code;
 }

@@ -12,7 +12,7 @@ namespace kx::ctl {
 /// @return the product version of the agent's vocabulary; nothing when it has none. Any bytes.
 std::optional<std::string> productVersion(const KXLAccessPointPrototype& agent);
 
-/// @brief Asks the agent a small question and waits for the answer.
+/// @brief Asks the agent for a sign of life and waits for it.
 /// @param took receives how long it took
 /// @return 0, or a KXLRequestError
 int measureRoundTrip(KXLAccessPointPrototype& agent, std::chrono::microseconds& took);

@@ -1,6 +1,6 @@
 // The way to a management agent: access objects and the access point.
 //
-// Thread promise: any thread, unless a function says otherwise. Only initializeSync waits.
+// Thread promise: any thread, unless a function says otherwise. Only functions named ...Sync wait.
 #pragma once
 
 #include <boost/intrusive_ptr.hpp>
@@ -134,6 +134,13 @@ public:
     /// @param refusal receives the agent's words when it refuses
     /// @return 0, or a KXLRequestError, KXL_ERROR_REFUSED among them
     int raiseAlertSync(const KXLResourceAlertData& alert, const std::int32_t* veid, std::string& refusal);
+
+    /// @brief Asks the agent for a sign of life, which it gives at once whatever it does besides. Waits for it, at most
+    /// 500 ms.
+    ///
+    /// Must not be called on the loop thread, nor by what answers requests of others meanwhile.
+    /// @return 0, or a KXLRequestError
+    int pingSync();
 
     /// @return the cache, never null; empty before the first connection, and what was last received after a loss
     boost::intrusive_ptr<KXLEnvCache> getEnvCache() const;

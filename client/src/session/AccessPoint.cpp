@@ -66,6 +66,13 @@ int KXLAccessPointPrototype::raiseAlertSync(const KXLResourceAlertData& alert, c
     return KXL_ERROR_REFUSED;
 }
 
+int KXLAccessPointPrototype::pingSync() {
+    kx::wire::Frame request;
+    request.mutable_ping();
+    kx::wire::Frame answer;
+    return session_->call(std::move(request), answer, kx::client::kCallDeadline);
+}
+
 boost::intrusive_ptr<KXLEnvCache> KXLAccessPointPrototype::getEnvCache() const {
     return cache_;
 }

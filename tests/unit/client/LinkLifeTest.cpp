@@ -46,6 +46,29 @@ TEST_F(LinkLife, AsksForANewSnapshotWhenADeltaWasMissed) {
     EXPECT_EQ(handler->calls(), Calls{"connected"});
 }
 
+TEST_F(LinkLife, AsksForASignOfLifeWhenItIsTold) {
+    ScriptedAgent agent([](PeerSocket& peer) {
+        if (serveUntilUp(peer, {})) {
+            answerUntilClosed(peer);
+        }
+    });
+    EXPECT_EQ(accessPoint->pingSync(), KXL_ERROR_DISCONNECT) << "not connected";
+    ASSERT_EQ(initialize(agent.path()), 0);
+    EXPECT_EQ(accessPoint->pingSync(), 0);
+    loop->stop();
+    EXPECT_EQ(accessPoint->pingSync(), KXL_ERROR_STOPPED);
+}
+
+TEST_F(LinkLife, NoSignOfLifeWithinHalfASecondIsATimeout) {
+    ScriptedAgent agent([](PeerSocket& peer) {
+        if (serveUntilUp(peer, {})) {
+            peer.readUntilClosed();
+        }
+    });
+    ASSERT_EQ(initialize(agent.path()), 0);
+    EXPECT_EQ(accessPoint->pingSync(), KXL_ERROR_TIMEOUT);
+}
+
 TEST_F(LinkLife, AnswersThePingsOfItsAgentAndAsksForASignOfLife) {
     std::promise<std::uint64_t> ponged;
     std::promise<void> pinged;
