@@ -48,6 +48,9 @@ Output::Result Output::writeLines(const std::vector<std::string>& lines) {
 Output::Result Output::waitUntilWritable() const {
     std::array<pollfd, 2> watched{{{descriptor_, POLLOUT, 0}, {stop_, POLLIN, 0}}};
     while (::poll(watched.data(), watched.size(), -1) < 0) {
+        if (errno != EINTR) {
+            return Result::Closed;
+        }
     }
     return watched[1].revents != 0 ? Result::Stopped : Result::Written;
 }

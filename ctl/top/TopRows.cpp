@@ -23,7 +23,9 @@ std::optional<std::int64_t> rateOf(const KXLMonitorData::Instances& interfaces, 
     for (const auto& [instance, counters] : interfaces) {
         const auto found = counters.find(counter);
         if (found != counters.end()) {
-            sum = sum.value_or(0) + integerOf(found->second, found->second.value2);
+            // Wraps, as the kernel's counters do: a described host may say anything.
+            sum = static_cast<std::int64_t>(static_cast<std::uint64_t>(sum.value_or(0)) +
+                                            static_cast<std::uint64_t>(integerOf(found->second, found->second.value2)));
         }
     }
     return sum;
