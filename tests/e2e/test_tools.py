@@ -1,5 +1,6 @@
 """What a person sees who types net-snmp's commands."""
 
+import re
 import subprocess
 
 import pytest
@@ -96,3 +97,11 @@ def test_show_tables_shows_addresses_and_templates_with_their_containers(describ
     assert ["101", "192.0.2.1", "255.255.255.0"] in rows
     assert ["101", "nginx", "1"] in rows
     assert ["VEID", "ADDRESS", "MASK"] in rows and ["VEID", "TEMPLATE", "VERSION"] in rows
+
+
+def test_the_pictures_of_the_readme_show_what_they_are_there_for():
+    images = PROJECT / "docs/images"
+    top, walk = (re.sub("<[^>]*>", "", (images / name).read_text()) for name in ("top.svg", "walk.svg"))
+    assert re.search(r"web-front\s+running\s+\d", top) and "[###" in top and "Latest alerts" in top
+    assert all(words in walk for words in ("# snmptable", "kxVeTable", "web1.example.net", "kxVeIpAddrTable"))
+    assert "/tmp" not in top + walk and "annot" not in walk
