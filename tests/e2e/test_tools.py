@@ -103,5 +103,5 @@ def test_the_pictures_of_the_readme_show_what_they_are_there_for():
     images = PROJECT / "docs/images"
     top, walk = (re.sub("<[^>]*>", "", (images / name).read_text()) for name in ("top.svg", "walk.svg"))
     assert re.search(r"web-front\s+running\s+\d", top) and "[###" in top and "Latest alerts" in top
-    assert all(words in walk for words in ("# snmptable", "kxVeTable", "web1.example.net", "kxVeIpAddrTable"))
+    assert all(words in walk for words in ("snmptable -v2c", "kxVeTable", "web1.example.net", "kxVeIpAddrTable"))
     assert "/tmp" not in top + walk and "annot" not in walk
