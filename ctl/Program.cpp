@@ -208,6 +208,8 @@ void addAlert(CLI::App& app, Selection& selection) {
     command
         ->add_option("--repeat", typed->repeat, "Raises it this many times, as fast as the agent answers (default: 1)")
         ->option_text("N");
+    command->add_flag("--json", typed->json,
+                      "Shows how often it was raised, and how long that took, as one JSON object");
 }
 
 void describe(CLI::App& app, Selection& selection) {
@@ -238,6 +240,7 @@ ExitCode parseAndRun(CLI::App& app, int argc, const char* const* argv) {
     app.parse(argc, argv);
     return selection.run(selection.common);
 }
+
 // ---- completion for shells ----------------------------------------------------------------------------------------
 
 constexpr const char* kComplete = "__complete";

@@ -1,6 +1,7 @@
 #include "ctl/commands/AlertCommand.h"
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
@@ -9,7 +10,9 @@
 
 #include "ctl/AgentConnection.h"
 #include "ctl/Console.h"
+#include "ctl/Json.h"
 #include "ctl/Numbers.h"
+#include "ctl/Output.h"
 #include "ctl/Printable.h"
 #include "ctl/commands/AlertText.h"
 
@@ -69,7 +72,18 @@ void raiseOnce(const AgentConnection& agent, const Raise& raise, const std::stri
     }
 }
 
-ExitCode raiseAll(Raise raise, const std::string& socket) {
+void show(std::int64_t raised, std::chrono::duration<double> took, bool asJson) {
+    if (asJson) {
+        Json object;
+        object.put("raised", raised);
+        object.put("seconds", took.count());
+        Output(STDOUT_FILENO, -1).writeLine(object.line());
+    } else if (raised > 1) {
+        note(fmt::format("raised {} times in {:.3f} s", raised, took.count()));
+    }
+}
+
+ExitCode raiseAll(Raise raise, const std::string& socket, bool asJson) {
     const AgentConnection agent(socket);
     if (raise.isAboutHost) {
         raise.alert.eid = agent.accessPoint().getEID();
@@ -83,17 +97,14 @@ ExitCode raiseAll(Raise raise, const std::string& socket) {
     } catch (const Failure& failure) {
         throw raised == 0 ? failure : Failure(failure.code(), fmt::format("after {}: {}", raised, failure.what()));
     }
-    if (raised > 1) {
-        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-        note(fmt::format("raised {} times in {:.3f} s", raised, took.count()));
-    }
+    show(raised, std::chrono::steady_clock::now() - start, asJson);
     return ExitCode::Done;
 }
 
 }  // namespace
 
 ExitCode runAlertRaise(const AlertArguments& typed, const CommonOptions& common) {
-    return raiseAll(readTyped(typed), common.socket);
+    return raiseAll(readTyped(typed), common.socket, typed.json);
 }
 
 }  // namespace kx::ctl

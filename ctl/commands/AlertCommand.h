@@ -18,6 +18,7 @@ struct AlertArguments {
     std::string text;
     std::optional<std::string> textFile;
     std::string repeat = "1";
+    bool json = false;
 };
 
 /// @throws Failure, of wrong usage before anything is asked of the agent

@@ -98,8 +98,7 @@ wire::AlertRaise asked(const Arguments& arguments) {
     return requests.empty() ? wire::AlertRaise() : requests[0];
 }
 
-// ---- what is asked
-// ----------------------------------------------------------------------------------------------------
+// ---- what is asked -------------------------------------------------------------------------------------------------
 
 TEST(AlertRaise, NamesAContainerByItsNumber) {
     const wire::AlertRaise request = asked({"--ve", "101", "--code", "2", "--text", "full", "--value", "7"});
@@ -179,6 +178,16 @@ TEST(AlertRaise, ShowsTheWordsOfARefusalFitForATerminal) {
     const Ended ended = agent.raise({"--ve", "5", "--code", "1"});
     EXPECT_EQ(ended.code, ExitCode::Refused);
     EXPECT_EQ(ended.err, "kxctl: the agent refuses: there is\\nno \\x1b container\n");
+}
+
+TEST(AlertRaise, TellsInJsonHowOftenItWasRaised) {
+    const RaisingAgent agent([](const wire::AlertRaise&, int) { return done(); });
+    for (const std::string times : {"1", "3"}) {
+        const Ended ended = agent.raise({"--ve", "5", "--code", "1", "--repeat", times, "--json"});
+        EXPECT_EQ(ended.code, ExitCode::Done);
+        EXPECT_THAT(ended.out, testing::MatchesRegex("\\{\"raised\":" + times + ",\"seconds\":[0-9.e-]+\\}\n"));
+        EXPECT_EQ(ended.err, "");
+    }
 }
 
 TEST(AlertRaise, TellsAfterHowManyItWasRefused) {
