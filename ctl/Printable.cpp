@@ -82,13 +82,4 @@ std::string printableWord(std::string_view text) {
     return quoted + '"';
 }
 
-std::string padded(std::string text, std::size_t characters) {
-    std::size_t present = 0;
-    for (const char byte : text) {
-        present += (static_cast<unsigned char>(byte) & 0xC0U) != 0x80U ? 1 : 0;
-    }
-    text.append(characters > present ? characters - present : 0, ' ');
-    return text;
-}
-
 }  // namespace kx::ctl

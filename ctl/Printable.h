@@ -16,9 +16,4 @@ std::string printable(std::string_view text);
 /// @brief The same, for one word in a line: in quotes if it is empty or has a space or a quote in it.
 std::string printableWord(std::string_view text);
 
-/// @brief Fills up with spaces.
-/// @param text UTF-8
-/// @param characters how many it is to have at least
-std::string padded(std::string text, std::size_t characters);
-
 }  // namespace kx::ctl

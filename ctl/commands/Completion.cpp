@@ -2,9 +2,9 @@
 
 #include "ctl/AgentConnection.h"
 #include "ctl/ExitCode.h"
-#include "ctl/events/EventWords.h"
 #include "ctl/top/TopRows.h"
 #include "ctl/view/Environment.h"
+#include "ctl/view/Words.h"
 
 namespace kx::ctl {
 namespace {

@@ -74,7 +74,7 @@ std::vector<std::string> linesOf(const Finding& finding, std::optional<std::size
     constexpr std::size_t kIndent = 4 + 2 + kAboutWidth + 2;
     const std::string line =
         fmt::format("{}  {}  {}", painter(fmt::format("{:<4}", wordOf(finding.verdict)), paintOf(finding.verdict)),
-                    padded(finding.about, kAboutWidth), finding.words);
+                    filled(finding.about, kAboutWidth), finding.words);
     if (finding.todo.empty()) {
         return {line};
     }

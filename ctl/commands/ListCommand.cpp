@@ -12,10 +12,10 @@
 #include "ctl/Numbers.h"
 #include "ctl/Output.h"
 #include "ctl/Printable.h"
-#include "ctl/events/EventWords.h"
 #include "ctl/view/Environment.h"
 #include "ctl/view/Table.h"
 #include "ctl/view/Terminal.h"
+#include "ctl/view/Words.h"
 
 namespace kx::ctl {
 namespace {

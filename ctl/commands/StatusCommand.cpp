@@ -11,11 +11,11 @@
 #include "ctl/Json.h"
 #include "ctl/Output.h"
 #include "ctl/Printable.h"
-#include "ctl/events/EventWords.h"
 #include "ctl/view/AgentFacts.h"
 #include "ctl/view/Environment.h"
 #include "ctl/view/Paint.h"
 #include "ctl/view/Terminal.h"
+#include "ctl/view/Words.h"
 
 namespace kx::ctl {
 namespace {

@@ -1,6 +1,6 @@
 #include "ctl/events/EventJson.h"
 
-#include "ctl/events/EventWords.h"
+#include "ctl/view/Words.h"
 
 namespace kx::ctl {
 namespace {

@@ -6,7 +6,8 @@
 #include <limits>
 
 #include "ctl/Printable.h"
-#include "ctl/events/EventWords.h"
+#include "ctl/view/TextWidth.h"
+#include "ctl/view/Words.h"
 
 namespace kx::ctl {
 namespace {
@@ -82,8 +83,8 @@ std::string localTime(std::uint64_t timeMs) {
 std::string textLine(const KXLEvent& event, const std::optional<ContainerName>& about) {
     const Columns columns = columnsOf(event.getData().get());
     std::string line = fmt::format(
-        "{}  {}  {}  {}  {}", localTime(event.getTimeMs()), padded(printableWord(kindOf(event)), kKindWidth),
-        padded(containerText(about), kContainerWidth), padded(columns.state, kStateWidth), columns.value);
+        "{}  {}  {}  {}  {}", localTime(event.getTimeMs()), filled(printableWord(kindOf(event)), kKindWidth),
+        filled(containerText(about), kContainerWidth), filled(columns.state, kStateWidth), columns.value);
     return columns.text.empty() ? line : line + "  " + columns.text;
 }
 

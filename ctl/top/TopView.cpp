@@ -7,10 +7,10 @@
 
 #include "ctl/Printable.h"
 #include "ctl/events/EventText.h"
-#include "ctl/events/EventWords.h"
 #include "ctl/view/Amounts.h"
 #include "ctl/view/Table.h"
 #include "ctl/view/TextWidth.h"
+#include "ctl/view/Words.h"
 
 namespace kx::ctl {
 namespace {
@@ -95,7 +95,7 @@ std::string topAlertLine(const KXLEvent& event, const KXLResourceAlertData& aler
     const std::string at = localTime(event.getTimeMs());
     const std::string value = alert.alertValue == 0 ? "" : fmt::format(" ({})", alert.alertValue);
     return fmt::format("{}  {}  {}  {}{}", at.size() > kDate ? at.substr(kDate, kTime) : at,
-                       padded(wordOrNumber(alertWord(alert.alertCode), alert.alertCode), 8), containerText(about),
+                       filled(wordOrNumber(alertWord(alert.alertCode), alert.alertCode), 8), containerText(about),
                        printable(alert.alertText), value);
 }
 
@@ -133,6 +133,9 @@ std::vector<std::string> topText(const TopView& view, const Painter& painter) {
     if (!view.alerts.empty()) {
         lines.emplace_back("Alerts since the sample before:");
         lines.insert(lines.end(), view.alerts.begin(), view.alerts.end());
+    }
+    if (view.alertsLeftOut > 0) {
+        lines.push_back(fmt::format("({} more alerts are left out)", view.alertsLeftOut));
     }
     lines.emplace_back();
     return lines;
@@ -179,6 +182,9 @@ Json topJson(const TopView& view) {
     document.put("sorted_by", topOrderWord(view.order));
     document.put("containers", containers);
     document.put("alerts", alerts);
+    if (view.alertsLeftOut > 0) {
+        document.put("alerts_left_out", view.alertsLeftOut);
+    }
     return document;
 }
 

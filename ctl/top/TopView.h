@@ -20,12 +20,13 @@ struct TopView {
     std::vector<TopRow> rows;  ///< in order
     TopOrder order = TopOrder::In;
     bool isReversed = false;
-    std::size_t firstRow = 0;        ///< that is shown; those before are scrolled away
-    std::string time;                ///< of the sample
-    std::uint64_t timeMs = 0;        ///< likewise, since 1970-01-01 UTC
-    std::string trouble;             ///< why the rows are old; empty: they are not
-    std::deque<std::string> alerts;  ///< the latest last, fit for a terminal
-    std::vector<Json> alertsAsJson;  ///< those since the sample before
+    std::size_t firstRow = 0;         ///< that is shown; those before are scrolled away
+    std::string time;                 ///< of the sample
+    std::uint64_t timeMs = 0;         ///< likewise, since 1970-01-01 UTC
+    std::string trouble;              ///< why the rows are old; empty: they are not
+    std::deque<std::string> alerts;   ///< the latest last, fit for a terminal
+    std::vector<Json> alertsAsJson;   ///< those since the sample before
+    std::uint64_t alertsLeftOut = 0;  ///< since the sample before: there were too many
 };
 
 /// @return an alert in short, fit for a terminal: time, severity, container, text and, unless it is 0, the value

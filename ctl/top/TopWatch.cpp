@@ -29,7 +29,10 @@ using Clock = std::chrono::steady_clock;
 
 /// Rates need two reports; of the first wait only so much is needed for them.
 constexpr std::chrono::milliseconds kLongestFirstInterval{1000};
+
+/// Kept from one sample to the next; the rest is counted.
 constexpr std::size_t kMostAlerts = 100;
+constexpr std::size_t kMostAlertsAsJson = 10000;
 
 class TopWatch {
 public:
@@ -155,6 +158,8 @@ void TopWatch::takeMail() {
             again_.succeeded();
         } else if (notice.kind == Notice::Kind::Failed && notice.attempt == attempt_) {
             again_.failed(Clock::now());
+        } else if (notice.kind == Notice::Kind::Overflow) {
+            view_.alertsLeftOut += notice.missing;
         }
     }
     if (isInPlace()) {
@@ -168,13 +173,18 @@ void TopWatch::takeAlert(const KXLEvent& event) {
     if (alert == nullptr) {
         return;
     }
-    view_.alerts.push_back(topAlertLine(event, *alert, about));
-    if (view_.alerts.size() > kMostAlerts) {
+    if (options_.json && view_.alertsAsJson.size() < kMostAlertsAsJson) {
+        view_.alertsAsJson.push_back(eventJson(event, about));
+        return;
+    }
+    if (!options_.json) {
+        view_.alerts.push_back(topAlertLine(event, *alert, about));
+        if (view_.alerts.size() <= kMostAlerts) {
+            return;
+        }
         view_.alerts.pop_front();
     }
-    if (options_.json) {
-        view_.alertsAsJson.push_back(eventJson(event, about));
-    }
+    ++view_.alertsLeftOut;
 }
 
 // ---- the terminal -------------------------------------------------------------------------------------------------
@@ -309,6 +319,7 @@ void TopWatch::writeSample() {
         options_.json ? output_.writeLine(topJson(view_).line()) : output_.writeLines(topText(view_, painter_));
     view_.alerts.clear();
     view_.alertsAsJson.clear();
+    view_.alertsLeftOut = 0;
     isFinished_ = result != Output::Result::Written || ++shown_ == options_.count;
 }
 

@@ -9,7 +9,7 @@
 
 #include <kxa/KXAEnvConfig.h>
 
-#include "ctl/events/EventWords.h"
+#include "ctl/view/Words.h"
 
 namespace kx::ctl {
 namespace {

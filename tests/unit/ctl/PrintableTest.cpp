@@ -46,11 +46,5 @@ TEST(Printable, QuotesAWordThatWouldLookLikeSeveral) {
     EXPECT_EQ(printableWord("a\nb"), "a\\nb");
 }
 
-TEST(Printable, PadsByCharactersAndNotByBytes) {
-    EXPECT_EQ(padded("ab", 4), "ab  ");
-    EXPECT_EQ(padded("\xC3\xBC", 3), "\xC3\xBC  ");
-    EXPECT_EQ(padded("long", 2), "long");
-}
-
 }  // namespace
 }  // namespace kx::ctl

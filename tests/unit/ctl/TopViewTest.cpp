@@ -108,6 +108,14 @@ TEST(TopView, HasExactNumbersInJson) {
               R"("percent":90}}],"alerts":[{"code":2}]})");
 }
 
+TEST(TopView, SaysHowManyAlertsItLeavesOut) {
+    TopView view = viewOf(1);
+    EXPECT_THAT(topJson(view).line(), Not(HasSubstr("left_out")));
+    view.alertsLeftOut = 17;
+    EXPECT_THAT(topJson(view).line(), HasSubstr(R"("alerts":[],"alerts_left_out":17})"));
+    EXPECT_THAT(topText(view, kPlain), testing::Contains("(17 more alerts are left out)"));
+}
+
 TEST(TopView, HasAlertsInShort) {
     KXLResourceAlertData alert;
     alert.alertCode = 2;

@@ -1,4 +1,4 @@
-#include "ctl/events/EventWords.h"
+#include "ctl/view/Words.h"
 
 #include <algorithm>
 #include <array>

@@ -1,4 +1,4 @@
-// The words for the numbers and type names of events. Free functions, any thread.
+// The words for the numbers and type names of environments and events. Free functions, any thread.
 #pragma once
 
 #include <cstdint>
