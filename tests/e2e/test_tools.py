@@ -4,7 +4,7 @@ import re
 import subprocess
 
 import pytest
-from support.host import PROJECT
+from support.host import PROJECT, buildFolder
 from support.parts import SUBTREE
 
 INVENTORY = """
@@ -97,6 +97,12 @@ def test_show_tables_shows_addresses_and_templates_with_their_containers(describ
     assert ["101", "192.0.2.1", "255.255.255.0"] in rows
     assert ["101", "nginx", "1"] in rows
     assert ["VEID", "ADDRESS", "MASK"] in rows and ["VEID", "TEMPLATE", "VERSION"] in rows
+
+
+def test_the_program_has_no_function_that_the_agent_library_would_call_instead_of_its_own():
+    command = ["nm", "-D", "--defined-only", buildFolder() / "daemon/kxsnmp"]
+    exported = subprocess.run(command, capture_output=True, text=True, check=True)
+    assert not re.search(r" init_\w+$", exported.stdout, re.MULTILINE)
 
 
 def test_the_pictures_of_the_readme_show_what_they_are_there_for():
