@@ -135,7 +135,6 @@ void askAgent(AgentReport& report, const std::string& socket) {
     }
     report.findings.push_back({Verdict::Ok, "agent", fmt::format("it answers in {}", milliseconds(took)), ""});
     report.findings.push_back(compareVersions("kxctl " KX_VERSION, connection.programName()));
-    report.findings.push_back({Verdict::Ok, "protocol", "kxctl and the agent speak the same", ""});
     report.findings.push_back(lookAtSamples(agent));
 }
 
@@ -147,7 +146,8 @@ Finding compareVersions(const std::string& own, const std::string& agent) {
     if (version(own) == version(agent)) {
         return {Verdict::Ok, "versions", words, ""};
     }
-    return {Verdict::Warn, "versions", words, "install both from the same release"};
+    return {Verdict::Warn, "versions", words,
+            "install both from the same release, and restart the agent: systemctl restart kxagentd"};
 }
 
 AgentReport examineAgent(const std::string& socket) {
@@ -157,10 +157,12 @@ AgentReport examineAgent(const std::string& socket) {
         return report;
     }
     report.findings.push_back(lookAtRights(socket));
+    const bool isAllowed = report.findings.back().verdict != Verdict::Fail;
     try {
         askAgent(report, socket);
     } catch (const Failure& failure) {
-        report.findings.push_back({Verdict::Fail, "agent", failure.what(), kStart});
+        report.findings.push_back(
+            {Verdict::Fail, "agent", failure.what(), isAllowed ? kStart : "see the rights above"});
     }
     return report;
 }

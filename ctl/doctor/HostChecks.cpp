@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include "ctl/Printable.h"
+#include "ctl/doctor/Processes.h"
 
 namespace kx::ctl {
 namespace {
@@ -45,6 +46,39 @@ int askForQuota(const std::string& folder) {
     return error;
 }
 
+// ---- what runs ----------------------------------------------------------------------------------------------------
+
+void append(std::string& list, const std::string& text, const char* separator) {
+    list += (list.empty() ? "" : separator) + text;
+}
+
+/// A package that was replaced and whose service was not started again.
+std::optional<Finding> lookAtPrograms() {
+    const std::string about = "upgrade";
+    std::string seen, unseen, old, restart;
+    for (const std::string program : {"kxagentd", kSubAgentName}) {
+        for (const std::string& pid : processesOf(program)) {
+            const std::string process = fmt::format("{} (process {})", program, pid);
+            const auto maps = readProcess(pid, "maps");
+            append(maps ? seen : unseen, process, ", ");
+            if (maps && isOutdated(*maps, program)) {
+                append(old, process, ", ");
+                restart += restart.find(program) == std::string::npos ? " " + program : "";
+            }
+        }
+    }
+    if (!old.empty()) {
+        return Finding{Verdict::Warn, about, "an older one runs than is installed: " + old,
+                       "systemctl restart" + restart};
+    }
+    if (!unseen.empty()) {
+        return Finding{Verdict::Warn, about, "whether it is what is installed cannot be told of " + unseen,
+                       "run this as root"};
+    }
+    return seen.empty() ? std::nullopt
+                        : std::optional(Finding{Verdict::Ok, about, "what is installed is what runs: " + seen, ""});
+}
+
 }  // namespace
 
 Finding quotaFinding(int error, const std::string& folder) {
@@ -54,7 +88,8 @@ Finding quotaFinding(int error, const std::string& folder) {
             return {Verdict::Ok, "quotas", "project quotas are on for " + where, ""};
         case ESRCH:
             return {Verdict::Warn, "quotas", "project quotas are off for " + where,
-                    "mount its file system with -o prjquota; until then there are no limits to show"};
+                    "mount its file system with -o prjquota (ext4: first, unmounted, tune2fs -O project,quota); until "
+                    "then there are no limits to show"};
         case ENOSYS:
         case EOPNOTSUPP:
         case EINVAL:
@@ -75,7 +110,12 @@ Findings examineHost(const std::string& lxcFolder) {
     const int error = askForQuota(lxcFolder);
     // Quotas that are on, but not for this number yet: what xfs answers.
     const bool isMissing = error == ENOENT && ::access(lxcFolder.c_str(), F_OK) == 0;
-    return {lookAtCgroups(), quotaFinding(isMissing ? 0 : error, lxcFolder)};
+    Findings findings{lookAtCgroups(), quotaFinding(isMissing ? 0 : error, lxcFolder)};
+    const auto programs = lookAtPrograms();
+    if (programs) {
+        findings.push_back(*programs);
+    }
+    return findings;
 }
 
 }  // namespace kx::ctl

@@ -1,4 +1,5 @@
-// A look at the host's kernel and file systems. Main thread only.
+// A look at the host: its kernel and file systems, and whether our programs that run are those that are installed. Main
+// thread only.
 #pragma once
 
 #include <string>

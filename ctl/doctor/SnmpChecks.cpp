@@ -1,45 +1,31 @@
 #include "ctl/doctor/SnmpChecks.h"
 
-#include <dirent.h>
 #include <fmt/format.h>
+#include <grp.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cerrno>
-#include <chrono>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <memory>
 #include <sstream>
 
 #include "ctl/Printable.h"
 #include "ctl/doctor/FileAccess.h"
-#include "ctl/doctor/Subprocess.h"
+#include "ctl/doctor/MibChecks.h"
+#include "ctl/doctor/Processes.h"
+#include "ctl/doctor/SnmpTools.h"
 
 namespace kx::ctl {
 namespace {
 
 constexpr const char* kSubtree = ".1.3.6.1.4.1.53864.1.1";
 constexpr const char* kNoServer = "00000000-0000-0000-0000-000000000000";
-constexpr const char* kMibFile = "CORVANE-MIB.txt";
-constexpr const char* kSubAgent = "kxsnmp";
-constexpr const char* kViewLines =
-    "put into snmpd.conf: \"view kxsnmp included .1.3.6.1.4.1.53864\" and \"rocommunity public 127.0.0.1 -V kxsnmp\", "
-    "and restart snmpd";
+constexpr const char* kViewLine = "view systemonly included .1.3.6.1.4.1.53864";
 
-/// One try of two seconds; the tool itself takes some time to start.
+/// As whom Debian's snmpd runs.
+constexpr const char* kMasterUser = "Debian-snmp";
+
+/// What the agent is given, once.
 constexpr const char* kAnswerSeconds = "2";
-constexpr std::chrono::milliseconds kToolDeadline{6000};
-
-std::string readFile(const std::string& path) {
-    std::ifstream file(path);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
 
 // ---- the master agent's socket ------------------------------------------------------------------------------------
 
@@ -51,6 +37,9 @@ Finding lookAtMaster(const SnmpPlaces& places, const SocketUse& use) {
         return {Verdict::Warn, about, path + " is no path: not looked at", ""};
     }
     if (::stat(places.agentxSocket.c_str(), &found) != 0) {
+        if (errno == EACCES) {
+            return {Verdict::Warn, about, fmt::format("{}: you may not look", path), "run this as root"};
+        }
         return {Verdict::Fail, about, fmt::format("{}: {}", path, std::strerror(errno)),
                 "put \"master agentx\" into snmpd.conf and restart snmpd; --agentx tells another place"};
     }
@@ -58,6 +47,16 @@ Finding lookAtMaster(const SnmpPlaces& places, const SocketUse& use) {
         return {Verdict::Fail, about, fmt::format("nobody listens at {}", path), "restart snmpd"};
     }
     return {Verdict::Ok, about, fmt::format("{} ({})", path, ownerText(places.agentxSocket)), ""};
+}
+
+/// snmpd gives rights to the socket whenever it makes it, but to the folder only where there was none.
+std::string howToPass(const std::string& obstacle, const std::string& socket, const Identity& identity) {
+    if (obstacle != socket) {
+        return fmt::format("chmod a+x {}", printable(obstacle));
+    }
+    const group* const own = identity.groups.empty() ? nullptr : ::getgrgid(identity.groups.front());
+    return fmt::format("put \"agentXPerms 0660 0755 {} {}\" into snmpd.conf and restart snmpd",
+                       identityOf(kMasterUser) ? kMasterUser : "root", own == nullptr ? "root" : own->gr_name);
 }
 
 Finding lookAtRights(const SnmpPlaces& places) {
@@ -72,75 +71,55 @@ Finding lookAtRights(const SnmpPlaces& places) {
     if (obstacle) {
         return {Verdict::Fail, about,
                 fmt::format("{} may not use {} ({})", user, printable(*obstacle), ownerText(*obstacle)),
-                fmt::format("put \"agentXPerms 0660 0750 root {}\" into snmpd.conf and restart snmpd", user)};
+                howToPass(*obstacle, places.agentxSocket, *identity)};
     }
     return {Verdict::Ok, about, user + " may open it", ""};
 }
 
 // ---- the sub-agent ------------------------------------------------------------------------------------------------
 
-bool isNumber(const char* name) {
-    return *name != '\0' && std::all_of(name, name + std::strlen(name),
-                                        [](unsigned char character) { return std::isdigit(character) != 0; });
+struct SubAgent {
+    std::string pid;          ///< as text; empty when it does not run, or cannot be seen
+    std::size_t connections;  ///< to the master agent's socket
+};
+
+/// The kernel lists a connection, also the listener's end of it, in the network namespace of who has connected, which
+/// the sub-agent has one of its own for. Everybody may read the list; where there is none the process has ended.
+SocketUse useBy(const std::string& pid, const std::string& path) {
+    return socketUse(readProcess(pid, "net/unix").value_or(""), path);
 }
 
-/// @return its process id, as text; empty when it does not run, or cannot be seen
-std::string findSubAgent() {
-    const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir("/proc"), ::closedir);
-    while (const dirent* const entry = folder ? ::readdir(folder.get()) : nullptr) {
-        if (isNumber(entry->d_name) &&
-            readFile(fmt::format("/proc/{}/comm", entry->d_name)) == std::string(kSubAgent) + "\n") {
-            return entry->d_name;
+/// Of several that run, the one that has joined.
+SubAgent findSubAgent(const std::string& socket) {
+    SubAgent found{"", 0};
+    for (const std::string& pid : processesOf(kSubAgentName)) {
+        const std::size_t connections = useBy(pid, socket).connections;
+        if (found.pid.empty() || connections > found.connections) {
+            found = {pid, connections};
         }
     }
-    return {};
+    return found;
 }
 
-Finding subAgentFinding(const std::string& pid, bool isAnswering, const SocketUse& use) {
+Finding subAgentFinding(const SubAgent& found, bool isAnswering) {
     if (isAnswering) {
-        return {Verdict::Ok, kSubAgent, "it has joined snmpd and answers", ""};
+        return {Verdict::Ok, kSubAgentName, "it has joined snmpd and answers", ""};
     }
-    if (pid.empty()) {
-        return {Verdict::Fail, kSubAgent, "it does not run",
+    if (found.pid.empty()) {
+        return {Verdict::Fail, kSubAgentName, "it does not run",
                 "systemctl start kxsnmp; why it does not: its lines in the "
                 "system log"};
     }
-    if (use.connections == 0) {
-        return {Verdict::Fail, kSubAgent, fmt::format("it runs (process {}), but has not joined snmpd", pid),
+    if (found.connections == 0) {
+        return {Verdict::Fail, kSubAgentName, fmt::format("it runs (process {}), but has not joined snmpd", found.pid),
                 "let agentXSocket in kxsnmp.conf be what it is in snmpd.conf, and see the rights above"};
     }
-    return {Verdict::Ok, kSubAgent,
-            fmt::format("it runs (process {}), and snmpd has {} sub-agent connections", pid, use.connections), ""};
-}
-
-/// The kernel lists a connection, also the listener's end of it, in the network namespace of who has connected, which
-/// the sub-agent has one of its own for.
-SocketUse useBy(const std::string& pid, const std::string& path) {
-    return pid.empty() ? SocketUse{} : socketUse(readFile(fmt::format("/proc/{}/net/unix", pid)), path);
+    return {Verdict::Ok, kSubAgentName,
+            fmt::format("it runs (process {}), and snmpd has {} sub-agent connections", found.pid, found.connections),
+            ""};
 }
 
 // ---- what a manager sees ------------------------------------------------------------------------------------------
-
-/// The first line that begins like that; empty when there is none.
-std::string lineWith(const std::string& text, const std::string& beginning) {
-    std::istringstream lines(text);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.find(beginning) == 0) {
-            return line;
-        }
-    }
-    return {};
-}
-
-/// What a tool says before it gives up is in its last line.
-std::string lastLine(const std::string& text) {
-    std::istringstream lines(text);
-    std::string last;
-    for (std::string line; std::getline(lines, line);) {
-        last = line.empty() ? last : line;
-    }
-    return last;
-}
 
 std::optional<std::string> askNext(const SnmpPlaces& places) {
     return outputOf({"snmpgetnext", "-v2c", "-c", places.community, "-m", "", "-On", "-r", "0", "-t", kAnswerSeconds,
@@ -163,7 +142,8 @@ Finding viewFinding(const SnmpPlaces& places, const std::string& seen, const std
         return {Verdict::Warn, "view", "cannot be told before kxsnmp has joined snmpd", ""};
     }
     return {Verdict::Fail, "view", fmt::format("snmpd at {} does not show {} to this community", at, kSubtree),
-            kViewLines};
+            fmt::format("add it to the view that the community has, on Debian \"{}\" in snmpd.conf, and restart snmpd",
+                        kViewLine)};
 }
 
 /// @return nothing when it cannot be told whose containers are shown
@@ -181,19 +161,6 @@ std::optional<Finding> serverFinding(const std::string& seen, const std::optiona
     }
     return Finding{Verdict::Warn, about, "kxsnmp shows another agent's containers",
                    "look whether the right SNMP agent was asked (--snmp-address), and the right agent (--socket)"};
-}
-
-// ---- the MIB module -----------------------------------------------------------------------------------------------
-
-Finding lookForModule() {
-    for (const std::string& folder : mibFolders(std::getenv("MIBDIRS"), std::getenv("HOME"))) {
-        const std::string path = folder + "/" + kMibFile;
-        if (::access(path.c_str(), R_OK) == 0) {
-            return {Verdict::Ok, "mib", printable(path), ""};
-        }
-    }
-    return {Verdict::Warn, "mib", fmt::format("no {} where net-snmp's tools look", kMibFile),
-            "copy it to /usr/share/snmp/mibs, or name its folder in MIBDIRS; without it there are numbers for names"};
 }
 
 }  // namespace
@@ -215,48 +182,25 @@ SocketUse socketUse(const std::string& table, const std::string& path) {
     return use;
 }
 
-std::vector<std::string> mibFolders(const char* mibdirs, const char* home) {
-    std::vector<std::string> folders;
-    std::string named = mibdirs == nullptr ? "" : mibdirs;
-    const bool isMore = named.empty() || named.front() == '+' || named.front() == '-';
-    if (isMore && !named.empty()) {
-        named.erase(0, 1);
-    }
-    std::istringstream parts(named);
-    for (std::string part; std::getline(parts, part, ':');) {
-        folders.push_back(part);
-    }
-    if (isMore) {
-        if (home != nullptr) {
-            folders.push_back(std::string(home) + "/.snmp/mibs");
-        }
-        folders.emplace_back("/usr/share/snmp/mibs");
-        folders.emplace_back("/usr/local/share/snmp/mibs");
-    }
-    return folders;
-}
-
 Findings examineSnmp(const SnmpPlaces& places, const std::optional<std::string>& eid) {
-    const SocketUse use = socketUse(readFile("/proc/net/unix"), places.agentxSocket);
-    const std::string pid = findSubAgent();
+    const SocketUse use = useBy("self", places.agentxSocket);
     Findings findings{lookAtMaster(places, use)};
     if (findings.back().verdict == Verdict::Ok) {
         findings.push_back(lookAtRights(places));
     }
     const auto said = askNext(places);
     const std::string seen = said ? lineWith(*said, std::string(kSubtree) + ".") : "";
-    findings.push_back(subAgentFinding(pid, !seen.empty(), useBy(pid, places.agentxSocket)));
+    findings.push_back(subAgentFinding(findSubAgent(places.agentxSocket), !seen.empty()));
     if (said) {
         findings.push_back(viewFinding(places, seen, *said, findings.back()));
     } else {
-        findings.push_back(
-            {Verdict::Warn, "view", "cannot be told: there is no snmpgetnext", "apt-get install snmp, which has it"});
+        findings.push_back({Verdict::Warn, "view", "cannot be told: there is no snmpgetnext", kGetTools});
     }
     const auto server = seen.empty() ? std::nullopt : serverFinding(seen, eid);
     if (server) {
         findings.push_back(*server);
     }
-    findings.push_back(lookForModule());
+    findings.push_back(examineNames());
     return findings;
 }
 

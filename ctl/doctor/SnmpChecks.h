@@ -28,9 +28,4 @@ struct SocketUse {
 /// @param table what /proc/net/unix says
 SocketUse socketUse(const std::string& table, const std::string& path);
 
-/// @return the folders that are searched for MIB modules
-/// @param mibdirs the environment's MIBDIRS; null: not set
-/// @param home the environment's HOME; null: not set
-std::vector<std::string> mibFolders(const char* mibdirs, const char* home);
-
 }  // namespace kx::ctl
