@@ -1,7 +1,6 @@
 #include "agent/counters/CounterLedger.h"
 
 #include <algorithm>
-#include <functional>
 #include <numeric>
 #include <string_view>
 
@@ -81,10 +80,6 @@ const std::int64_t* CounterMemory::Shown::find(const CounterNames& in, std::size
     }
     const auto found = std::find(names->begin(), names->end(), (*in)[position]);
     return found == names->end() ? nullptr : &values[static_cast<std::size_t>(found - names->begin())];
-}
-
-std::size_t CounterMemory::HashEid::operator()(const Eid& eid) const {
-    return std::hash<std::string_view>()({reinterpret_cast<const char*>(eid.bytes.data()), eid.bytes.size()});
 }
 
 const CounterMemory::Shown* CounterMemory::find(const std::string& className, const CounterRow& row) const {

@@ -82,11 +82,8 @@ private:
         Rows rows;
         std::uint64_t turn = 0;
     };
-    struct HashEid {
-        std::size_t operator()(const Eid& eid) const;
-    };
 
-    std::unordered_map<Eid, Container, HashEid> containers_;
+    std::unordered_map<Eid, Container, EidHash> containers_;
     std::uint64_t turn_ = 1;
 };
 

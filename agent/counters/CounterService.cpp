@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "wire/Protocol.h"
+
 namespace kx::agent {
 namespace {
 
@@ -25,12 +27,11 @@ std::string scopeOf(const Request& request, CounterScope& scope) {
     }
     scope.classes.insert(request.classes().begin(), request.classes().end());
     for (const std::string& bytes : request.eids()) {
-        Eid eid;
-        if (bytes.size() != eid.bytes.size()) {
-            return fmt::format("an identifier has {} bytes, not {}", bytes.size(), eid.bytes.size());
+        const auto eid = Eid::fromWire(bytes);
+        if (!eid) {
+            return fmt::format("an identifier has {} bytes, this one has {}", wire::kEidBytes, bytes.size());
         }
-        std::copy(bytes.begin(), bytes.end(), eid.bytes.begin());
-        scope.eids.insert(eid);
+        scope.eids.insert(*eid);
     }
     return {};
 }

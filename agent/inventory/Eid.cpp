@@ -4,6 +4,7 @@
 #include <boost/uuid/name_generator_sha1.hpp>
 #include <boost/uuid/uuid.hpp>
 #include <charconv>
+#include <functional>
 
 namespace kx::agent {
 namespace {
@@ -37,6 +38,15 @@ std::string Eid::toWire() const {
     return {bytes.begin(), bytes.end()};
 }
 
+std::optional<Eid> Eid::fromWire(std::string_view wire) {
+    Eid eid;
+    if (wire.size() != eid.bytes.size()) {
+        return std::nullopt;
+    }
+    std::copy(wire.begin(), wire.end(), eid.bytes.begin());
+    return eid;
+}
+
 std::optional<Eid> Eid::parse(std::string_view text) {
     if (text.size() != kPattern.size()) {
         return std::nullopt;
@@ -62,6 +72,10 @@ Eid Eid::fromName(std::string_view machineId, std::string_view name) {
     Eid eid;
     std::copy(uuid.begin(), uuid.end(), eid.bytes.begin());
     return eid;
+}
+
+std::size_t EidHash::operator()(const Eid& eid) const {
+    return std::hash<std::string_view>()({reinterpret_cast<const char*>(eid.bytes.data()), eid.bytes.size()});
 }
 
 }  // namespace kx::agent

@@ -3,6 +3,7 @@
 
 #include <array>
 #include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -22,6 +23,10 @@ struct Eid {
     /// @return the 16 bytes as they go onto the wire
     std::string toWire() const;
 
+    /// @param wire what came from the wire
+    /// @return nothing when it has not 16 bytes
+    static std::optional<Eid> fromWire(std::string_view wire);
+
     /// @param text a UUID in its usual form, either case
     /// @return nothing when the text is not one
     static std::optional<Eid> parse(std::string_view text);
@@ -31,6 +36,11 @@ struct Eid {
     /// @param machineId what tells this machine from others, see MachineId.h
     /// @param name backend and name, e.g. "lxc/web"
     static Eid fromName(std::string_view machineId, std::string_view name);
+};
+
+/// For maps. Identifiers may be chosen by who describes a host, so all bytes count.
+struct EidHash {
+    std::size_t operator()(const Eid& eid) const;
 };
 
 }  // namespace kx::agent

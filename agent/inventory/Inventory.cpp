@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <functional>
 #include <string_view>
 #include <unordered_set>
 
@@ -80,10 +79,6 @@ struct Inventory::Changes {
     std::vector<std::size_t> changed;  ///< positions in the old list
     std::vector<Environment> added;
 };
-
-std::size_t EidHash::operator()(const Eid& eid) const {
-    return std::hash<std::string_view>()({reinterpret_cast<const char*>(eid.bytes.data()), eid.bytes.size()});
-}
 
 Inventory::Inventory(Environment host) {
     positions_.emplace(host.eid, 0);

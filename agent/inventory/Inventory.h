@@ -18,12 +18,6 @@
 
 namespace kx::agent {
 
-/// Hash of an identifier for the maps of this folder. Identifiers may be chosen by who describes a host, so all
-/// bytes count.
-struct EidHash {
-    std::size_t operator()(const Eid& eid) const;
-};
-
 /// The host's environment and, behind it, the containers.
 class Inventory {
 public:

@@ -37,19 +37,13 @@ std::string faultOf(const wire::AlertRaise& request) {
     if (request.target_case() == wire::AlertRaise::TARGET_NOT_SET) {
         return "the alert has no target: neither an identifier nor a container's number";
     }
-    if (request.has_eid() && request.eid().size() != wire::kEidBytes) {
+    if (request.has_eid() && !Eid::fromWire(request.eid())) {
         return fmt::format("an identifier has {} bytes, this one has {}", wire::kEidBytes, request.eid().size());
     }
     if (request.text().size() > kMaxAlertTextBytes) {
         return fmt::format("the alert's text has {} bytes, the limit is {}", request.text().size(), kMaxAlertTextBytes);
     }
     return {};
-}
-
-Eid eidOf(const std::string& bytes) {
-    Eid eid;
-    std::copy(bytes.begin(), bytes.end(), eid.bytes.begin());
-    return eid;
 }
 
 constexpr const char* kNoCounters = "there are no counters here";
@@ -220,7 +214,8 @@ std::optional<AlertSignal> Server::signalFor(const wire::AlertRaise& request, st
     if (!why.empty()) {
         return std::nullopt;
     }
-    const auto about = request.has_eid() ? eidOf(request.eid()) : content_.inventory().findByNumber(request.veid());
+    const auto about =
+        request.has_eid() ? Eid::fromWire(request.eid()) : content_.inventory().findByNumber(request.veid());
     if (!about) {
         why = fmt::format("there is no container with the number {}", request.veid());
         return std::nullopt;

@@ -1,7 +1,6 @@
 #include "agent/vocabulary/Vocabulary.h"
 
-#include <initializer_list>
-#include <string_view>
+#include <utility>
 
 namespace kx::agent {
 namespace {
@@ -10,27 +9,35 @@ namespace {
 constexpr std::int64_t kLevel = 1;
 constexpr std::int64_t kIncrease = 2;
 
-Category makeCategory(std::string name, std::int64_t counterType, std::initializer_list<std::string_view> ids) {
+Category makeCategory(std::string name, std::int64_t counterType, const std::vector<std::string>& ids) {
     Category category{std::move(name), {}};
-    for (const std::string_view id : ids) {
-        category.parameters.push_back({std::string(id), std::nullopt, {{"counter_type", counterType}}});
+    category.parameters.reserve(ids.size());
+    for (const std::string& id : ids) {
+        category.parameters.push_back({id, std::nullopt, {{"counter_type", counterType}}});
     }
     return category;
 }
 
 Vocabulary basicFunctionality() {
     Vocabulary vocabulary{kBasicFunctionality, {}, {}};
-    // Readers give the columns of their tables in the order of these lists.
-    vocabulary.categories.push_back(
-        makeCategory("counters_kx_quota", kLevel,
-                     {"diskspace_used", "diskspace_softlimit", "diskspace_hardlimit", "diskspace_grace", "inodes_used",
-                      "inodes_softlimit", "inodes_hardlimit", "inodes_grace"}));
-    vocabulary.categories.push_back(
-        makeCategory("counters_kx_net", kIncrease, {"bytes_in", "packets_in", "bytes_out", "packets_out"}));
+    vocabulary.categories.push_back(makeCategory(kQuotaClass, kLevel, quotaCounterNames()));
+    vocabulary.categories.push_back(makeCategory(kNetworkClass, kIncrease, networkCounterNames()));
     return vocabulary;
 }
 
 }  // namespace
+
+const std::vector<std::string>& quotaCounterNames() {
+    static const std::vector<std::string> names{"diskspace_used",   "diskspace_softlimit", "diskspace_hardlimit",
+                                                "diskspace_grace",  "inodes_used",         "inodes_softlimit",
+                                                "inodes_hardlimit", "inodes_grace"};
+    return names;
+}
+
+const std::vector<std::string>& networkCounterNames() {
+    static const std::vector<std::string> names{"bytes_in", "packets_in", "bytes_out", "packets_out"};
+    return names;
+}
 
 std::vector<Vocabulary> standardVocabularies(const std::optional<std::string>& productVersion) {
     Vocabulary server;

@@ -36,6 +36,12 @@ struct Vocabulary {
 /// Name of the vocabulary that describes the counter classes.
 inline constexpr const char* kBasicFunctionality = "KXABasicFunctionality";
 
+/// The counter classes of containers, and what is in them in the order of the tables' columns.
+inline constexpr const char* kQuotaClass = "counters_kx_quota";
+inline constexpr const char* kNetworkClass = "counters_kx_net";
+const std::vector<std::string>& quotaCounterNames();
+const std::vector<std::string>& networkCounterNames();
+
 /// @brief The vocabularies of a real host: the counter classes, and the product's version.
 /// @param productVersion value of `kxversion`; absent: the default vocabulary does not have it
 std::vector<Vocabulary> standardVocabularies(const std::optional<std::string>& productVersion);

@@ -16,12 +16,10 @@
 #include "agent/backends/lxc/Descriptors.h"
 #include "agent/backends/lxc/RootFile.h"
 #include "agent/backends/lxc/SignalMask.h"
+#include "agent/vocabulary/Vocabulary.h"
 
 namespace kx::agent::lxc {
 namespace {
-
-constexpr const char* kNetworkClass = "counters_kx_net";
-constexpr const char* kQuotaClass = "counters_kx_quota";
 
 /// The list of some thousand interfaces.
 constexpr std::size_t kMaxNetDevBytes = std::size_t{1024} * 1024;
@@ -53,9 +51,8 @@ int indexOf(int socket, const std::string& interface) {
 
 CounterThread::CounterThread(LogSink log)
     : log_(std::move(log)),
-      networkNames_(namesOf({"bytes_in", "packets_in", "bytes_out", "packets_out"})),
-      quotaNames_(namesOf({"diskspace_used", "diskspace_softlimit", "diskspace_hardlimit", "diskspace_grace",
-                           "inodes_used", "inodes_softlimit", "inodes_hardlimit", "inodes_grace"})),
+      networkNames_(namesOf(networkCounterNames())),
+      quotaNames_(namesOf(quotaCounterNames())),
       targets_(std::make_shared<const std::vector<CounterTarget>>()) {
     const AllSignalsBlocked blocked;
     thread_ = std::thread([this] { run(); });

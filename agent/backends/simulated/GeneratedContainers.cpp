@@ -5,6 +5,8 @@
 #include <array>
 #include <string_view>
 
+#include "agent/vocabulary/Vocabulary.h"
+
 namespace kx::agent::simulated {
 namespace {
 
@@ -80,22 +82,22 @@ Counters generateCounters(std::size_t index) {
     const auto number = static_cast<std::int64_t>(index);
     constexpr std::int64_t gib = std::int64_t{1} << 30;
     Counters counters;
-    counters["counters_kx_quota"][""] = {{"diskspace_used", {(number % 90 + 1) * gib / 5, number % 3 * 4096}},
-                                         {"diskspace_softlimit", {16 * gib, 0}},
-                                         {"diskspace_hardlimit", {20 * gib, 0}},
-                                         {"diskspace_grace", {0, 0}},
-                                         {"inodes_used", {20000 + number % 1000, 0}},
-                                         {"inodes_softlimit", {900000, 0}},
-                                         {"inodes_hardlimit", {1000000, 0}},
-                                         {"inodes_grace", {0, 0}}};
+    counters[kQuotaClass][""] = {{"diskspace_used", {(number % 90 + 1) * gib / 5, number % 3 * 4096}},
+                                 {"diskspace_softlimit", {16 * gib, 0}},
+                                 {"diskspace_hardlimit", {20 * gib, 0}},
+                                 {"diskspace_grace", {0, 0}},
+                                 {"inodes_used", {20000 + number % 1000, 0}},
+                                 {"inodes_softlimit", {900000, 0}},
+                                 {"inodes_hardlimit", {1000000, 0}},
+                                 {"inodes_grace", {0, 0}}};
     if (stateOf(index) == State::Stopped) {
         return counters;
     }
     const std::int64_t rate = stateOf(index) == State::Running ? number % 17 : 0;
-    counters["counters_kx_net"]["2"] = {{"bytes_in", {number * 1500, rate * 15000}},
-                                        {"packets_in", {number * 10, rate * 100}},
-                                        {"bytes_out", {number * 3000, rate * 45000}},
-                                        {"packets_out", {number * 20, rate * 120}}};
+    counters[kNetworkClass]["2"] = {{"bytes_in", {number * 1500, rate * 15000}},
+                                    {"packets_in", {number * 10, rate * 100}},
+                                    {"bytes_out", {number * 3000, rate * 45000}},
+                                    {"packets_out", {number * 20, rate * 120}}};
     return counters;
 }
 

@@ -54,5 +54,12 @@ TEST(Eid, OtherTextsAreRefused) {
     }
 }
 
+TEST(Eid, ComesBackFromTheWire) {
+    const Eid eid = Eid::fromName("machine", "lxc/web");
+    EXPECT_EQ(Eid::fromWire(eid.toWire()), eid);
+    EXPECT_FALSE(Eid::fromWire(eid.toWire() + "x"));
+    EXPECT_FALSE(Eid::fromWire(""));
+}
+
 }  // namespace
 }  // namespace kx::agent

@@ -189,7 +189,7 @@ TEST_F(Service, RefusesWhatMakesNoSense) {
     EXPECT_THAT(service_.query(&peer_, peer_.send, 1, queryOf({})), HasSubstr("no counter class"));
     wire::CounterQuery query = queryOf();
     query.add_eids("short");
-    EXPECT_THAT(service_.query(&peer_, peer_.send, 1, query), HasSubstr("5 bytes, not 16"));
+    EXPECT_THAT(service_.query(&peer_, peer_.send, 1, query), HasSubstr("has 16 bytes, this one has 5"));
     EXPECT_THAT(service_.query(&peer_, peer_.send, 1, queryOf(std::vector<std::string>(65, "x"))),
                 HasSubstr("more than 64"));
     EXPECT_THAT(readings_, IsEmpty());
