@@ -7,12 +7,12 @@ import re
 import pytest
 from support.consumers import CONSUMERS, run
 from support.host import Host
-from support.prometheus import FOLDER, GENERATED, HASTE, RULES, Prometheus, SnmpExporter, hastyConfig
+from support.prometheus import FOLDER, GENERATED, HASTE, RULES, WINDOW, Prometheus, SnmpExporter, hastyConfig
 from support.wait import waitUntil
 
 DASHBOARD = json.loads((CONSUMERS / "grafana/kxsnmp.json").read_text())
 OF_OTHERS = {"up", "ALERTS", "snmp_scrape_duration_seconds"}
-PATIENCE_S = 20
+PATIENCE_S = 60
 GIGABYTE = 10**9
 
 INVENTORY = f"""
@@ -72,7 +72,7 @@ def queries():
     """Pairs of a panel's title and a query of it, as Prometheus gets them from the dashboard."""
     for panel in DASHBOARD["panels"]:
         for target in panel.get("targets", []):
-            expression = target["expr"].replace("$instance", ".*").replace("$__rate_interval", "5s")
+            expression = target["expr"].replace("$instance", ".*").replace("$__rate_interval", WINDOW)
             yield pytest.param(expression, id=f"{panel['title']} {target['refId']}")
 
 
@@ -82,7 +82,7 @@ def test_each_query_of_the_dashboard_finds_something(prometheus, expression):
 
 
 def test_the_rate_that_the_dashboard_shows_is_the_rate_of_the_container(prometheus):
-    rate = "sum(rate(kxVeNetstatBytesOut[5s]))"
+    rate = f"sum(rate(kxVeNetstatBytesOut[{WINDOW}]))"
 
     def isAboutRight():
         found = prometheus.query(rate)

@@ -4,6 +4,7 @@ import re
 
 import pytest
 from support.consumers import CONSUMERS
+from support.host import QUOTA_COUNTERS
 from support.nagios import CONFIGURATION, CRITICAL, OK, UNKNOWN, WARNING, check, commandLines, runLine
 
 DAY_S = 86400
@@ -25,6 +26,13 @@ INVENTORY = "\n".join(
         (LATE, 2, ("diskspace_grace = 604800", f"inodes_grace = {DAY_S}")),
     ]
 )
+
+
+@pytest.fixture(scope="module")
+def describedHost(describedHost):
+    """An answer that the agent was late with is without counters."""
+    describedHost.waitForCounters(QUOTA_COUNTERS)
+    return describedHost
 
 
 @pytest.mark.parametrize(

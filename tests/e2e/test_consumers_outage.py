@@ -3,10 +3,10 @@
 import pytest
 from support import process
 from support.nagios import CRITICAL, OK, check
-from support.prometheus import HASTE, Prometheus, SnmpExporter, hastyConfig
+from support.prometheus import HASTE, WINDOW, Prometheus, SnmpExporter, hastyConfig
 from support.wait import waitUntil
 
-PATIENCE_S = 20
+PATIENCE_S = 60
 INVENTORY = """
 [[environment]]
 name = "web"
@@ -43,7 +43,8 @@ def test_each_part_that_is_missing_is_told_by_its_own_alert(watchedHost):
     watchedHost.agent.start()
     waitForAlerts(watchedHost)
     assert check(watchedHost.snmpd.port, "check_kxsnmp_server")[0] == OK
-    waitUntil(lambda: watchedHost.prometheus.query("rate(kxVeNetstatPacketsIn[3s]) > 0"), PATIENCE_S, "packets count")
+    counting = f"rate(kxVeNetstatPacketsIn[{WINDOW}]) > 0"
+    waitUntil(lambda: watchedHost.prometheus.query(counting), PATIENCE_S, "packets count")
 
     process.endHard(watchedHost.agent.pid)
     waitForAlerts(watchedHost, "KxCountersStandStill")

@@ -28,6 +28,13 @@ NETSTATS = ["kxVeNetstatBytesIn", "kxVeNetstatPacketsIn", "kxVeNetstatBytesOut",
 
 
 @pytest.fixture(scope="module")
+def describedHost(describedHost):
+    """An answer that the agent was late with is without counters."""
+    describedHost.waitForCounters()
+    return describedHost
+
+
+@pytest.fixture(scope="module")
 def exporter(describedHost):
     with SnmpExporter(describedHost.folder) as running:
         yield running

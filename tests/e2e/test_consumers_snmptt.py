@@ -9,6 +9,7 @@ from support.mibs import MODULE_FILE, NamingSnmptrapd, netSnmpSettings
 from support.parts import Snmptrapd
 from support.raising import AlertRaiser
 from support.syslog import SyslogCollector
+from support.traps import PROBE_CODE, waitForSubscription
 from support.wait import waitUntil
 
 FOLDER = CONSUMERS / "snmptt"
@@ -39,8 +40,8 @@ def settings(tmp_path):
 
 
 def logged(syslog):
-    """What snmptt has logged: level, severity, and the text behind them."""
-    lines = [line for line in syslog.lines() if line.program == "snmptt"]
+    """What snmptt has logged of alerts that count: level, severity, and the text behind them."""
+    lines = [line for line in syslog.lines() if line.program == "snmptt" and f"code {PROBE_CODE}:" not in line.text]
     return [(LEVELS[line.priority & 7], *_LINE.search(line.text.rstrip("\n")).groups()) for line in lines]
 
 
@@ -56,16 +57,23 @@ def trappingHost(request, settings):
     to snmptt."""
     made = Host(trapPorts=[TRAP_PORT])
     trapd = request.param(made.folder / "snmptrapd", TRAP_PORT)
+
+    def hasLogged(text):
+        return any(line.program == "snmptt" and text.decode() in line.text for line in made.syslog.lines())
+
     try:
         with open(trapd.folder / "snmptrapd.conf", "a", encoding="utf-8") as config:
             config.write(installed("snmptrapd.conf", {"/etc/snmp/kxsnmp-snmptt.ini": settings}))
         trapd.start()
         made.startAll(INVENTORY)
+        waitForSubscription(101, hasLogged, LOGGED_WITHIN_S)
         yield made
     finally:
-        trapd.stop()
-        made.close()
-        made.removeFolder()
+        try:
+            trapd.stop()
+        finally:
+            made.close()
+            made.removeFolder()
 
 
 def test_each_alert_is_logged_with_its_container_severity_text_and_value(trappingHost):

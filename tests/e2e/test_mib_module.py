@@ -5,7 +5,6 @@ import re
 import shutil
 import subprocess
 from functools import cache
-from itertools import count
 
 import pytest
 from support import describedhost, mibs
@@ -13,11 +12,14 @@ from support.describedhost import expectedTables
 from support.host import PRODUCT_VERSION, PROJECT, ROOT, SERVER_EID
 from support.raising import AlertRaiser
 from support.snmp import COUNTER64, IP_ADDRESS, OCTET_STRING, UNSIGNED32, formatOid
-from support.wait import DeadlineExceeded, waitUntil
+from support.traps import waitForSubscription
+from support.wait import waitUntil
 
 INVENTORY = describedhost.INVENTORY
 
 TRAPD_PORT = 1162
+ALERTED = 101  # a container
+ARRIVES_WITHIN_S = 20
 _SCALARS = ["kxServerEid", "kxProductVersion"]
 _SEPARATOR = "\x1f"  # between the cells of a table; no text of the described host has it
 
@@ -34,6 +36,13 @@ def module():
 def table(request):
     """Each table of the module."""
     return module().tables[request.param]
+
+
+@pytest.fixture(scope="module")
+def describedHost(describedHost):
+    """An answer that the agent was late with is without counters."""
+    describedHost.waitForCounters()
+    return describedHost
 
 
 def named(name):
@@ -294,38 +303,37 @@ def test_a_walk_by_names_reads_everything(describedHost):
 @pytest.fixture
 def trapd(describedHost):
     """snmptrapd with the module, at which the described host's alerts arrive."""
-    with open(describedHost.snmpd.folder / "snmpd.conf", "a", encoding="ascii") as config:
-        config.write(f"trap2sink 127.0.0.1:{TRAPD_PORT} public\n")
+    config = describedHost.snmpd.folder / "snmpd.conf"
+    withoutSinks = config.read_text()
     made = mibs.NamingSnmptrapd(describedHost.folder / "snmptrapd", TRAPD_PORT)
     made.start()
     try:
-        describedHost.snmpd.stop()
-        describedHost.snmpd.start()
-        describedHost.waitForSubtree()
-        probes = count()
-        waitUntil(lambda: isHeard(made, next(probes)), 10, "alerts arrive as traps")
+        restartSnmpd(describedHost, withoutSinks + f"trap2sink 127.0.0.1:{TRAPD_PORT} public\n")
+        waitForSubscription(ALERTED, lambda text: trapsWith(made, text))
         yield made
     finally:
         made.stop()
+        restartSnmpd(describedHost, withoutSinks)
 
 
-def isHeard(trapd, number):
-    try:
-        return raised(trapd, 0.2, code=0, text=b"is anybody there %d" % number)
-    except DeadlineExceeded:
-        return None
+def restartSnmpd(host, config):
+    host.snmpd.stop()
+    (host.snmpd.folder / "snmpd.conf").write_text(config)
+    host.snmpd.start()
+    host.waitForSubtree()
 
 
-def raised(trapd, deadlineSeconds=5, **alert):
-    """Raises an alert about the container 101. @return its variables as snmptrapd shows them"""
+def trapsWith(trapd, text):
+    """The variables of each trap with an alert's text, as snmptrapd shows them."""
+    shown = "STRING: " + text.decode()
+    return [trap for trap in trapd.traps() if any(value == shown for _, value in trap)]
+
+
+def raised(trapd, **alert):
+    """Raises an alert. @return its variables as snmptrapd shows them"""
     with AlertRaiser() as raiser:
-        raiser.alert(veid=101, **alert)
-    text = "STRING: " + alert["text"].decode()
-
-    def arrived():
-        return [trap for trap in trapd.traps() if any(value == text for _, value in trap)]
-
-    return waitUntil(arrived, deadlineSeconds, f"snmptrapd shows a trap with {text}")[-1]
+        raiser.alert(veid=ALERTED, **alert)
+    return waitUntil(lambda: trapsWith(trapd, alert["text"]), ARRIVES_WITHIN_S, f"a trap with {alert['text']}")[-1]
 
 
 def test_snmptrapd_shows_a_trap_with_all_its_names(trapd):

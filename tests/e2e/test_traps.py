@@ -7,7 +7,7 @@ from support.host import Host
 from support.parts import Snmptrapd
 from support.raising import AlertRaiser
 from support.snmp import COUNTER64, INTEGER, OCTET_STRING, UNSIGNED32, Varbind, parseOid
-from support.traps import ALERT_TRAP, SINK_PORT
+from support.traps import ALERT_TRAP, SINK_PORT, MuteSink, waitForSubscription
 from support.wait import waitUntil
 
 TRAPD_PORT = 1162
@@ -18,6 +18,7 @@ CODE = parseOid("1.3.6.1.4.1.53864.1.1.10")
 VALUE = parseOid("1.3.6.1.4.1.53864.1.1.11")
 
 NO_NUMBER = 4294967295
+PROBED = 102  # the container whose alerts show whether alerts arrive
 UNNUMBERED_EID = bytes.fromhex("0f8e5c1a7a444c3b9d1e0000000000ff")
 
 INVENTORY = """
@@ -32,7 +33,7 @@ name = "unnumbered"
 eid = "0f8e5c1a-7a44-4c3b-9d1e-0000000000ff"
 """
 
-RECONNECT_DEADLINE_S = 10
+RECONNECT_DEADLINE_S = 20
 RESUBSCRIBE_DEADLINE_S = 10
 
 
@@ -42,7 +43,7 @@ def host(sink):
     made = Host(trapPorts=[TRAPD_PORT, SINK_PORT])
     try:
         made.startAll(INVENTORY)
-        waitForSubscription(made, sink)
+        sink.waitForSubscription(PROBED)
         yield made
     finally:
         made.close()
@@ -55,23 +56,6 @@ def host(sink):
 def raiser(host):
     with AlertRaiser() as made:
         yield made
-
-
-def waitForSubscription(host, sink, deadlineSeconds=RECONNECT_DEADLINE_S):
-    """Returns once alerts arrive as traps, and forgets the traps that showed it."""
-    before = len(sink.traps())
-    rounds = iter(range(10**6))
-
-    def arrives():
-        with AlertRaiser() as raiser:
-            raiser.alert(veid=102, code=0, text=b"is anybody there %d" % next(rounds))
-        try:
-            return sink.waitFor(before + 1, 0.2)
-        except AssertionError:
-            return None
-
-    waitUntil(arrives, deadlineSeconds, "alerts arrive as traps")
-    sink.forget()
 
 
 def variables(veid, text, code, value):
@@ -130,7 +114,7 @@ def test_snmptrapd_shows_the_trap(host, raiser, sink):
     trapd.start()
     try:
         raiser.alert(veid=101, code=-2, text=b'say "yes"', value=2**63 - 1)
-        (shown,) = waitUntil(trapd.traps, 5, "snmptrapd shows a trap")
+        (shown,) = waitUntil(trapd.traps, 20, "snmptrapd shows a trap")
     finally:
         trapd.stop()
     uptime, oid, *rest = shown
@@ -141,6 +125,35 @@ def test_snmptrapd_shows_the_trap(host, raiser, sink):
         (".1.3.6.1.4.1.53864.1.1.10", "INTEGER: -2"),
         (".1.3.6.1.4.1.53864.1.1.11", "Counter64: 9223372036854775807"),
     ]
+
+
+SENT_AT_MOST = 6  # by net-snmp, a second apart
+INFORMED_WITHIN_S = 30
+
+
+def test_an_inform_is_repeated_some_times_unless_it_is_acknowledged():
+    """snmptrapd acknowledges it, and so gets it once; whoever does not gets it again, but not for ever."""
+    host, mute = Host(), MuteSink()
+    trapd = Snmptrapd(host.folder / "snmptrapd", TRAPD_PORT)
+    try:
+        with open(host.snmpd.folder / "snmpd.conf", "a", encoding="ascii") as config:
+            config.writelines(f"informsink 127.0.0.1:{port} public\n" for port in (TRAPD_PORT, SINK_PORT))
+        trapd.start()
+        host.startAll(INVENTORY)
+        waitForSubscription(PROBED, lambda text: trapd.log.exists() and text in trapd.log.read_bytes())
+        with AlertRaiser() as raiser:
+            raiser.alert(veid=101, text=b"the first")
+            waitUntil(lambda: mute.count(b"the first") >= SENT_AT_MOST, INFORMED_WITHIN_S, "it is repeated")
+            raiser.alert(veid=101, text=b"the second")
+        waitUntil(lambda: mute.count(b"the second") > 1, INFORMED_WITHIN_S, "the next one is repeated")
+        assert mute.count(b"the first") == SENT_AT_MOST
+        shown = [text for trap in trapd.traps() for _, text in trap if "the first" in text or "the second" in text]
+        assert shown == ['STRING: "the first"', 'STRING: "the second"']
+    finally:
+        trapd.stop()
+        mute.close()
+        host.close()
+        host.removeFolder()
 
 
 # ---- what gives no trap ---------------------------------------------------------------------------------------------
@@ -165,7 +178,7 @@ def test_an_alert_about_an_unknown_environment_gives_no_trap(raiser, sink):
 
 def test_events_of_other_types_give_no_trap(host, raiser, sink):
     host.agent.writeInventory(INVENTORY + '[[environment]]\nname = "fresh"\nveid = 103\n')
-    waitUntil(lambda: host.client.get([VEID + (103,)])[0].value == 103, 5, "the new container is shown")
+    waitUntil(lambda: host.client.get([VEID + (103,)])[0].value == 103, 20, "the new container is shown")
     assertOnlyTrapIs(raiser, sink, b"end")
 
 
@@ -182,7 +195,7 @@ def test_alerts_arrive_each_once_in_their_order(raiser, sink):
 def test_alerts_about_a_container_that_has_just_come_find_it(host, raiser, sink):
     for veid in range(201, 211):
         host.agent.writeInventory(INVENTORY + f'[[environment]]\nname = "fresh"\nveid = {veid}\n')
-        waitUntil(lambda: canRaise(raiser, veid), 5, "the agent has read the inventory again")  # noqa: B023
+        waitUntil(lambda: canRaise(raiser, veid), 20, "the agent has read the inventory again")  # noqa: B023
         assert sink.waitFor(veid - 200)[-1].variables[0].value == veid
 
 
@@ -197,7 +210,7 @@ def test_alerts_arrive_each_once_after_every_restart_of_the_agent(host, sink, ho
     for round in range(3):
         host.agent.stop(how)
         host.agent.start()
-        waitForSubscription(host, sink)
+        sink.waitForSubscription(PROBED, RECONNECT_DEADLINE_S)
         with AlertRaiser() as raiser:
             raiser.alert(veid=101, text=b"round %d" % round)
             raiser.alert(veid=101, text=b"end")
@@ -223,7 +236,7 @@ def test_alerts_arrive_when_the_agent_comes_after_kxsnmp(sink):
         host.agent.start()
         # The link is tried with each request; no event can come before the first of them.
         assert host.client.get([VEID + (101,)])[0].value == 101
-        waitForSubscription(host, sink)
+        sink.waitForSubscription(PROBED, RECONNECT_DEADLINE_S)
     finally:
         host.close()
         reports = host.reports()
@@ -241,7 +254,7 @@ def test_a_subscriber_that_stands_still_is_dropped_and_comes_back(host, sink):
     """Large texts fill what the agent keeps for a subscriber; another subscriber goes on getting them all."""
     host.agent.writeConfig('backend = "simulated"', "[alerts]\nper_second = 10000\nburst = 10000\n")
     host.agent.sendSignal(signal.SIGHUP)
-    waitUntil(lambda: any("read the configuration again" in line for line in host.agent.lines()), 5, "it is read again")
+    waitUntil(lambda: "read the configuration again" in host.agent.log.read_text(), 20, "it is read again")
     host.kxsnmp.sendSignal(signal.SIGSTOP)
     with AlertRaiser() as raiser, AlertRaiser() as other:
         request = other.schema.Frame(request_id=5)
@@ -255,4 +268,4 @@ def test_a_subscriber_that_stands_still_is_dropped_and_comes_back(host, sink):
     dropped = [line for line in host.agent.lines() if "does not read" in line]
     assert len(dropped) == 1 and "kxsnmp" in dropped[0], dropped
     host.kxsnmp.sendSignal(signal.SIGCONT)
-    waitForSubscription(host, sink, RESUBSCRIBE_DEADLINE_S)
+    sink.waitForSubscription(PROBED, RESUBSCRIBE_DEADLINE_S)

@@ -1,10 +1,12 @@
 """The packages on a Debian with its stock snmpd configuration: what runs, as whom, and what a manager sees."""
 
 import os
+import re
 import signal
 from pathlib import Path
 
 import pytest
+from support.host import PROJECT
 from support.parts import SUBTREE
 from support.wait import waitUntil
 
@@ -14,6 +16,7 @@ CONFIG = "/etc/kxagent/kxagentd.toml"
 NAME_OF_101 = f"{SUBTREE}.4.1.3.101"
 CANNOT_REACH_AGENT = 3
 RESTARTS = 10
+BACK_WITHIN_S = 8  # kxsnmp waits 2 of them before it looks for snmpd; without a setting it would wait 15
 
 
 @pytest.fixture(scope="module", autouse=True)
@@ -25,19 +28,10 @@ def described(debian):
     debian.do("systemctl", "reload", "kxagentd")
 
 
-def processOf(debian, unit):
-    """The one process that a unit runs, once it has settled."""
-    return waitUntil(lambda: _only(debian.processesOf(unit)), 10, f"{unit} runs one process")
-
-
-def statusOf(debian, unit):
-    """What /proc says of the one process of a unit: name -> value."""
-    lines = Path(f"/proc/{processOf(debian, unit)}/status").read_text().splitlines()
+def statusOf(process):
+    """What /proc says of a process: name -> value."""
+    lines = Path(f"/proc/{process}/status").read_text().splitlines()
     return {name: value.strip() for name, _, value in (line.partition(":") for line in lines)}
-
-
-def _only(processes):
-    return processes[0] if len(processes) == 1 else None
 
 
 def test_the_community_public_sees_the_containers(debian):
@@ -52,7 +46,7 @@ def test_what_the_stock_configuration_shows_is_still_shown(debian):
 
 
 def test_the_sub_agent_is_unprivileged(debian):
-    status = statusOf(debian, "kxsnmp")
+    status = statusOf(debian.daemonOf("kxsnmp"))
     user = debian.do("id", "-u", "kxsnmp").strip()
     group = debian.do("getent", "group", "kxagent").split(":")[2]
     assert set(status["Uid"].split()) == {user} and user != "0"
@@ -62,16 +56,17 @@ def test_the_sub_agent_is_unprivileged(debian):
 
 
 def test_the_agent_has_the_capabilities_of_its_unit_and_no_others(debian):
-    status = statusOf(debian, "kxagentd")
+    status = statusOf(debian.processOf("kxagentd"))
     dacReadSearch, sysPtrace, sysAdmin = 2, 19, 21
     assert int(status["CapBnd"], 16) == int(status["CapEff"], 16) == 1 << dacReadSearch | 1 << sysPtrace | 1 << sysAdmin
     assert (status["NoNewPrivs"], status["Seccomp"]) == ("1", "2")
 
 
 def test_a_sub_agent_that_crashed_is_started_again(debian):
-    crashed = processOf(debian, "kxsnmp")
+    crashed = debian.daemonOf("kxsnmp")
     os.kill(crashed, signal.SIGSEGV)
-    waitUntil(lambda: _only([p for p in debian.processesOf("kxsnmp") if p != crashed]), 10, "another kxsnmp runs")
+    waitUntil(lambda: crashed not in debian.processesOf("kxsnmp"), 10, "it has crashed")
+    debian.daemonOf("kxsnmp")
     debian.waitForWalk(SUBTREE, lambda found: NAME_OF_101 in found, "the containers are shown again")
 
 
@@ -80,15 +75,17 @@ def test_the_process_that_the_sub_agent_leaves_behind_is_not_taken_for_it(debian
     for _ in range(RESTARTS):
         debian.do("systemctl", "reset-failed", "kxsnmp")  # so many starts in a row would be too many for it
         debian.do("systemctl", "restart", "kxsnmp")
-        running = processOf(debian, "kxsnmp")
+        running = debian.daemonOf("kxsnmp")
         started = debian.do("systemctl", "show", "--property=NRestarts,ActiveState", "kxsnmp").split()
         assert started == ["NRestarts=0", "ActiveState=active"]
-        assert processOf(debian, "kxsnmp") == running
+        assert debian.daemonOf("kxsnmp") == running
 
 
 def test_a_restart_of_snmpd_takes_the_tables_away_for_a_moment_only(debian):
+    settings = debian.path("/etc/snmp/kxsnmp.conf").read_text()
+    assert re.findall(r"^[^#\n].*", settings, re.MULTILINE) == ["agentXPingInterval 2"]
     debian.do("systemctl", "restart", "snmpd")
-    debian.waitForWalk(SUBTREE, lambda found: NAME_OF_101 in found, "the containers are shown again", 10)
+    debian.waitForWalk(SUBTREE, lambda found: NAME_OF_101 in found, "the containers are shown again", BACK_WITHIN_S)
 
 
 def test_root_may_ask_the_agent(debian):
@@ -105,6 +102,40 @@ def test_a_member_of_the_group_may(debian):
 
 def test_the_agentx_socket_is_for_the_sub_agent_only(debian):
     assert debian.do("stat", "-c", "%a %U %G", "/var/agentx/master").split() == ["660", "Debian-snmp", "kxsnmp"]
+
+
+def documentedFolders():
+    """Path, mode, owner and group of every folder that the packages have made at the start of the system."""
+    for file in sorted((PROJECT / "packaging/tmpfiles").glob("*.conf")):
+        yield from re.findall(r"^d (\S+) +0(\d+) (\S+) (\S+)$", file.read_text(), re.MULTILINE)
+
+
+def test_folders_have_the_modes_and_owners_that_the_packages_give_them(debian):
+    wanted = {path: [mode, owner, group] for path, mode, owner, group in documentedFolders()}
+    assert wanted.keys() >= {"/var/opt/orma/agent", "/var/lib/kxagent", "/var/agentx"}
+    assert {path: debian.do("stat", "-c", "%a %U %G", path).split() for path in wanted} == wanted
+
+
+# What bash does when Tab is pressed behind "kxctl sh": it asks the file with the command's name.
+_TAB = r"""
+. /usr/share/bash-completion/completions/kxctl
+COMP_WORDS=(kxctl sh) COMP_CWORD=1
+$(complete -p kxctl | sed 's/.*-F \([^ ]*\).*/\1/')
+echo "${COMPREPLY[@]}"
+"""
+
+
+def test_bash_completes_the_commands_of_kxctl(debian):
+    assert debian.do("bash", "--norc", "-c", _TAB) == "show\n"
+
+
+def test_the_documented_command_lets_a_user_ask_the_agent(debian):
+    (command,) = re.findall(r"^adduser alice .*$", (PROJECT / "docs/operations.md").read_text(), re.MULTILINE)
+    debian.do("useradd", "alice")
+    asks = ["runuser", "-u", "alice", "--", "kxctl", "counters"]
+    debian.do(*asks, status=CANNOT_REACH_AGENT)
+    debian.do(*command.split())
+    assert "bytes_in" in debian.do(*asks)
 
 
 def test_the_units_say_nothing_that_systemd_complains_about(debian):

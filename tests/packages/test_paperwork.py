@@ -31,10 +31,10 @@ def test_the_packages_have_the_version_of_the_sources():
 
 def test_lintian_has_neither_errors_nor_warnings(tmp_path):
     (changes,) = PACKAGES.glob("*.changes")
-    # It leaves files behind. Its standard error says that it is run by root.
-    streams = {"stdout": subprocess.PIPE, "stderr": subprocess.DEVNULL, "text": True}
-    done = subprocess.run(["lintian", changes], env={**os.environ, "TMPDIR": str(tmp_path)}, **streams, check=False)
-    assert (done.returncode, done.stdout) == (0, "")
+    # It leaves files behind. Its standard error says that it is run by root, and more when it fails.
+    environment = {**os.environ, "TMPDIR": str(tmp_path)}
+    done = subprocess.run(["lintian", changes], env=environment, capture_output=True, text=True, check=False)
+    assert (done.returncode, done.stdout) == (0, ""), done.stderr
 
 
 @pytest.mark.parametrize("unit, limit", [("kxsnmp", 1.5), ("kxagentd", 3.5)])
@@ -58,7 +58,7 @@ def test_a_manual_page_is_without_warnings(page):
 
 
 def test_the_manual_pages_name_the_version():
-    for page in (PROJECT / "man").glob("kx*.[58]"):
+    for page in (PROJECT / "man").glob("kx*.[158]"):
         assert f"kxsnmp {cmakeVersion()}" in page.read_text().splitlines()[0], page.name
 
 

@@ -1,5 +1,6 @@
 """A Debian of our own with its systemd, to install packages in; debianroot.sh does the work and explains how."""
 
+import re
 import shutil
 import subprocess
 import tempfile
@@ -13,6 +14,7 @@ PACKAGES = PROJECT / "build/packages"  # scripts/build-packages makes them
 
 _SCRIPT = Path(__file__).with_suffix(".sh")
 _COMMAND_DEADLINE_S = 120
+_SETTLED_WITHIN_S = 20
 _ENVIRONMENT = ["PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C.UTF-8", "DEBIAN_FRONTEND=noninteractive", "HOME=/root"]
 
 
@@ -26,10 +28,12 @@ def builtPackages():
     return sorted(path for path in PACKAGES.glob("*.deb") if "-dbgsym_" not in path.name)
 
 
-def repack(package, version, folder):
-    """Copies a package into `folder` as one of another version. @return the copy"""
+def repack(package, version, folder, change=lambda content: None):
+    """Copies a package into `folder` as one of another version. `change` may change what is in it, and is given the
+    folder that it is unpacked in. @return the copy"""
     content = Path(folder) / package.stem
     subprocess.run(["dpkg-deb", "-R", package, content], check=True)
+    change(content)
     control = content / "DEBIAN/control"
     lines = control.read_text().splitlines(keepends=True)
     control.write_text("".join(f"Version: {version}\n" if line.startswith("Version:") else line for line in lines))
@@ -38,6 +42,19 @@ def repack(package, version, folder):
     subprocess.run(command, stdout=subprocess.DEVNULL, check=True)
     shutil.rmtree(content)
     return made
+
+
+def _only(processes):
+    return processes[0] if len(processes) == 1 else None
+
+
+def _idsInside(pid):
+    """The numbers of a process and of its session as the Debian sees them, as texts; empty when it is gone."""
+    try:
+        status = Path(f"/proc/{pid}/status").read_text()
+    except OSError:
+        return {}
+    return {name: ids.split()[-1] for name, ids in re.findall(r"^(NSpid|NSsid):(.*)$", status, re.MULTILINE)}
 
 
 _CONTAINER_SETUP = r"""
@@ -120,7 +137,30 @@ class DebianRoot:
     def processesOf(self, unit):
         """Process ids, as seen from here, of all that a unit runs."""
         group = self.do("systemctl", "show", "--property=ControlGroup", "--value", unit).strip()
-        return [int(word) for word in self.path(f"/sys/fs/cgroup{group}/cgroup.procs").read_text().split()]
+        if not group:  # it does not run; what has no name would be the root of all groups
+            return []
+        try:
+            return [int(word) for word in self.path(f"/sys/fs/cgroup{group}/cgroup.procs").read_text().split()]
+        except OSError:  # it has ended meanwhile, and its group with it
+            return []
+
+    def processOf(self, unit):
+        """The one process that a unit runs in the foreground, once it has settled."""
+        return waitUntil(lambda: _only(self.processesOf(unit)), _SETTLED_WITHIN_S, f"{unit} runs one process")
+
+    def daemonOf(self, unit):
+        """The one process that a unit runs which goes into the background in two steps, once it has settled. What is
+        between the two may be alone in the unit as well, but it is in the session of what systemd started, or leads
+        its own."""
+
+        def settled():
+            pid = _only(self.processesOf(unit))
+            shown = self.do("systemctl", "show", "--property=ExecStart", "--value", unit)
+            ids = _idsInside(pid)
+            passing = (ids.get("NSpid"), re.search(r"\bpid=(\d+)", shown).group(1))
+            return pid if ids and ids["NSsid"] not in passing else None
+
+        return waitUntil(settled, _SETTLED_WITHIN_S, f"{unit} runs one process, which has detached itself")
 
     def walk(self, oid):
         """OID -> value as net-snmp prints it, through the master agent on its usual port, as the community public."""
@@ -136,9 +176,9 @@ class DebianRoot:
                 walked = self.walk(oid)
             except AssertionError:  # the master agent is being started again
                 return None
-            return walked if condition(walked) else None
+            return (walked,) if condition(walked) else None  # nothing may be what is waited for
 
-        return waitUntil(found, deadlineSeconds, what)
+        return waitUntil(found, deadlineSeconds, what)[0]
 
     def logs(self):
         return self.do("journalctl", "--no-pager", "-o", "short-monotonic")

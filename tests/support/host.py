@@ -7,7 +7,7 @@ from pathlib import Path
 
 from . import sanitizers
 from .parts import SUBTREE, Agent, Kxsnmp, Snmpd
-from .snmp import NO_SUCH_INSTANCE, SnmpClient, SnmpTimeout, parseOid
+from .snmp import NO_SUCH_INSTANCE, SnmpClient, SnmpTimeout, formatOid, parseOid
 from .syslog import SyslogCollector
 from .wait import waitUntil
 
@@ -22,6 +22,8 @@ IP_ADDRESSES = ROOT + (5,)
 APPLICATION_TEMPLATES = ROOT + (6,)
 QUOTA_COUNTERS = ROOT + (7,)
 NETWORK_COUNTERS = ROOT + (8,)
+_COUNTERS_WITHIN_S = 60  # a report comes every 30 s
+_NO_SERVER = b"00000000-0000-0000-0000-000000000000"
 _NO_ROW_OF_LAST_TABLE = ROOT + (8, 1, 1, 0, 0)
 
 
@@ -46,13 +48,21 @@ class Host:
         self.client = SnmpClient(port)
 
     def startAll(self, inventory=None):
-        """Starts the three programs and returns when our subtree is answered."""
+        """Starts the three programs and returns when our subtree is answered with what the agent tells."""
         if inventory is not None:
             self.agent.writeInventory(inventory)
         self.snmpd.start()
         self.agent.start()
         self.kxsnmp.start()
         self.waitForSubtree()
+        # Everything is answered before the agent is reached too; on a busy machine that may take some attempts.
+        waitUntil(self._isAgentReached, 20, "the agent is reached")
+
+    def _isAgentReached(self):
+        try:
+            return self.client.get([SERVER_EID])[0].value not in (None, _NO_SERVER)
+        except SnmpTimeout:
+            return False
 
     def waitForSubtree(self, deadlineSeconds=20):
         waitUntil(self.isSubtreeAnswered, deadlineSeconds, "the subtree is answered")
@@ -65,6 +75,20 @@ class Host:
         except SnmpTimeout:
             return False
         return first.value is not None and last.tag == NO_SUCH_INSTANCE
+
+    def waitForCounters(self, *tables):
+        """Returns once the tables of counters have rows, both unless they are given. The first answer is without them
+        where the agent was late with it."""
+        for table in tables or (QUOTA_COUNTERS, NETWORK_COUNTERS):
+            what = f"the counters of {formatOid(table)} are shown"
+            waitUntil(lambda: self._hasRows(table), _COUNTERS_WITHIN_S, what)  # noqa: B023
+
+    def _hasRows(self, table):
+        try:
+            found = self.client.getnext([table])[0]
+        except SnmpTimeout:
+            return False
+        return found.value is not None and found.oid[: len(table)] == table
 
     def reports(self):
         """What sanitizers said of any of our programs."""
