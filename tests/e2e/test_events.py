@@ -17,6 +17,7 @@ DEADLINE_S = 10
 WEB_EID = "0f8e5c1a-7a44-4c3b-9d1e-000000000101"
 UNKNOWN_EID = bytes(range(16))
 MAX_TEXT_BYTES = 256 * 1024
+REPEAT_S = 2  # within it the agent has taken all that a test raises, on a busy machine too
 
 INVENTORY = f"""
 [[environment]]
@@ -335,7 +336,7 @@ def raiseMany(count, **alert):
 
 
 def test_the_same_alert_is_counted_and_told_again_when_its_time_is_over():
-    with runningAgent("repeat_seconds = 0.3"), AgentPeer(Agent.SOCKET) as peer:
+    with runningAgent(f"repeat_seconds = {REPEAT_S}"), AgentPeer(Agent.SOCKET) as peer:
         peer.subscribe()
         raiseMany(10, text=b"out of memory")
         first, again = peer.events(2)
@@ -363,7 +364,7 @@ def test_what_is_beyond_the_rate_waits_and_everything_adds_up():
 
 
 def test_an_alert_that_is_over_is_not_told_again():
-    with runningAgent("repeat_seconds = 0.3"), AgentPeer(Agent.SOCKET) as peer, AlertRaiser() as raiser:
+    with runningAgent(f"repeat_seconds = {REPEAT_S}"), AgentPeer(Agent.SOCKET) as peer, AlertRaiser() as raiser:
         peer.subscribe()
         raiseMany(3, code=2, text=b"low")
         raiser.alert(veid=101, code=0, text=b"over")

@@ -8,6 +8,7 @@ import threading
 from pathlib import Path
 
 import pytest
+from support.agentpeer import AgentPeer
 from support.host import NETWORK_COUNTERS, QUOTA_COUNTERS, Host
 from support.parts import Agent
 from support.snmp import COUNTER64
@@ -17,7 +18,7 @@ PUSHED_WITHIN_S = 5
 RECONNECT_DEADLINE_S = 10
 STREAM_DEADLINE_S = 30
 QUICK = "[monitoring]\nperiod_scale = 0.01\n"  # a report every 0.3 s instead of every 30 s
-SELDOM = "[monitoring]\nperiod_scale = 0.05\n"  # every 1.5 s: what is done in between is in one report
+NEVER = "[monitoring]\nperiod_scale = 100\n"  # not before the test is over
 MEBIBYTE = 1024 * 1024
 PORT = 5000
 INDEX = 4242  # of interfaces that the tests add
@@ -290,7 +291,10 @@ def test_it_is_counted_exactly_though_the_connection_was_cut(counted, lab, strea
 
     def cutTwice():
         for _ in range(2):
+            known = counted.proxy.connections
             counted.proxy.cut()
+            # What was known is shown until the loss is noticed.
+            waitUntil(lambda: counted.proxy.connections > known, RECONNECT_DEADLINE_S, "it is back")  # noqa: B023
             waitUntil(lambda: network(counted), RECONNECT_DEADLINE_S, "counters are shown again")
 
     sendAndCompare(counted, lab, stream, 20, cutTwice)
@@ -344,15 +348,55 @@ def test_an_interface_that_is_added_to_a_running_container_has_a_row_of_its_inde
     waitForKernels(counted, lab, "101")
 
 
+class ReportWatch(AgentPeer):
+    """Sees the reports go by: it monitors a container that does not exist, in the same period as kxsnmp."""
+
+    def __init__(self, host):
+        super().__init__(host.agent.SOCKET)
+        self.handshake()
+        frame = self.schema.Frame(request_id=1)
+        frame.monitor_start.classes.append(b"counters_kx_net")
+        frame.monitor_start.eids.append(bytes(16))
+        frame.monitor_start.period_seconds = 30
+        self.sendFrame(frame)
+        assert self.receiveFrame().HasField("done")
+
+    def waitForReport(self):
+        self.setTimeout(PUSHED_WITHIN_S)
+        assert self.receiveFrame().HasField("counter_sample")
+
+    def sees(self):
+        """Whether there was a report that was not waited for."""
+        self.setTimeout(0)
+        try:
+            return self.receiveFrame()
+        except BlockingIOError:
+            return None
+
+
+def setPeriod(host, settings):
+    before = readings(host)
+    host.agent.writeConfig('backend = "lxc"', settings)
+    host.agent.sendSignal(signal.SIGHUP)
+    waitUntil(lambda: readings(host) > before, PUSHED_WITHIN_S, "the configuration is read again")
+
+
+def readings(host):
+    return sum("read the configuration again" in line for line in host.agent.lines())
+
+
 def test_a_container_that_was_restarted_between_two_reports_shows_its_new_counters(counted, lab):
     addInterface(lab, "102", 30)
-    counted.agent.writeConfig('backend = "lxc"', SELDOM)
-    counted.agent.sendSignal(signal.SIGHUP)
-    earlier = waitForKernels(counted, lab, "102", "extra", RECONNECT_DEADLINE_S)
+    earlier = waitForKernels(counted, lab, "102", "extra")
     oldIndex = indexOf(lab, "102")
-    lab.do("stop", "102")
-    lab.do("start", "102")
-    addInterface(lab, "102", 1)
+    setPeriod(counted, NEVER)
+    with ReportWatch(counted) as reports:
+        lab.do("stop", "102")
+        lab.do("start", "102")
+        addInterface(lab, "102", 1)
+        assert not reports.sees(), "it was restarted between two reports"
+        setPeriod(counted, QUICK)
+        reports.waitForReport()
     later = waitForKernels(counted, lab, "102", "extra", RECONNECT_DEADLINE_S)
     assert 0 < later[PACKETS_OUT] < earlier[PACKETS_OUT]
     waitForKernels(counted, lab, "102")

@@ -1,4 +1,5 @@
-"""Walks with an agent that comes and goes, meant for builds with sanitizers: KX_BUILD=build/asan, build/tsan.
+"""Walks with an agent that comes and goes, and while traps are sent, meant for builds with sanitizers:
+KX_BUILD=build/asan, build/tsan.
 
 A sanitizer's report of either program, a leak found at the orderly end included, fails the test that caused it.
 """
@@ -6,14 +7,22 @@ A sanitizer's report of either program, a leak found at the orderly end included
 import signal
 import threading
 
+import pytest
 from support import snmp
-from support.host import ENTRY, PRODUCT_VERSION, SERVER_EID, TABLE, buildFolder
+from support.host import ENTRY, PRODUCT_VERSION, ROOT, SERVER_EID, TABLE, Host, buildFolder
+from support.raising import AlertRaiser
+from support.traps import SINK_PORT
 from support.wait import waitUntil
 
 A_HUNDRED = '[host]\ngenerate = 100\nproduct_version = "1"\n'
 RECONNECT_DEADLINE_S = 30  # sanitized programs are slow to start
 ROUNDS = 4
 WALKS = 20
+ALERTS = 300
+ALERTS_AT_ONCE = 10
+WALKERS = 2
+FIRST_GENERATED_NUMBER = 2001
+ARRIVES_WITHIN_S = 60
 LEAK_WALKS = 60 if "asan" in buildFolder().name else WALKS  # a leak is only found where one is looked for
 
 
@@ -67,3 +76,79 @@ def test_walks_of_a_settled_host_leave_nothing_allocated(host):
         assert len(host.client.get([SERVER_EID, PRODUCT_VERSION])) == 2
         assert host.client.get([ENTRY + (1, 1)])[0].tag == snmp.NO_SUCH_INSTANCE
     assert host.stopAll() == 0
+
+
+# ---- traps meanwhile ------------------------------------------------------------------------------------------------
+
+
+@pytest.fixture
+def alertedHost(sink):
+    """A running host of a hundred containers whose every alert is told, and becomes a trap that the sink gets."""
+    made = Host(trapPorts=[SINK_PORT])
+    try:
+        made.agent.writeConfig(
+            'backend = "simulated"', "[alerts]\nrepeat_seconds = 0\nper_second = 10000\nburst = 10000\n"
+        )
+        made.startAll(A_HUNDRED)
+        sink.waitForSubscription(FIRST_GENERATED_NUMBER)
+        yield made
+    finally:
+        made.close()
+        reports = made.reports()
+        made.removeFolder()
+    assert not reports, "\n".join(reports)
+
+
+class Walker(threading.Thread):
+    """Walks everything again and again until it is told to end."""
+
+    def __init__(self, port):
+        super().__init__()
+        self.walks = 0
+        self.error = None
+        self._client = snmp.SnmpClient(port, timeoutSeconds=20)
+        self._ending = threading.Event()
+
+    def run(self):
+        try:
+            while not self._ending.is_set():
+                assert len(self._client.bulkwalk(ROOT, 20)) > 900
+                self.walks += 1
+        except (snmp.SnmpTimeout, snmp.SnmpError, AssertionError) as error:
+            self.error = error
+        finally:
+            self._client.close()
+
+    def end(self):
+        self._ending.set()
+        self.join()
+
+
+def raiseAlerts():
+    """@return the texts"""
+    texts = [b"alert %d" % number for number in range(ALERTS)]
+    with AlertRaiser() as raiser:
+        for begin in range(0, ALERTS, ALERTS_AT_ONCE):
+            for text in texts[begin : begin + ALERTS_AT_ONCE]:
+                raiser.send(veid=FIRST_GENERATED_NUMBER, text=text)
+            for _ in range(ALERTS_AT_ONCE):
+                raiser.confirm()
+    return texts
+
+
+def test_traps_are_sent_while_walks_are_answered(alertedHost, sink):
+    """Traps are sent by one thread and requests answered by another, through one connection to the master agent."""
+    walkers = [Walker(alertedHost.snmpd.port) for _ in range(WALKERS)]
+    for walker in walkers:
+        walker.start()
+    try:
+        waitUntil(lambda: all(walker.walks or walker.error for walker in walkers), ARRIVES_WITHIN_S, "they walk")
+        expected = raiseAlerts()
+        traps = sink.waitFor(ALERTS, ARRIVES_WITHIN_S)
+    finally:
+        for walker in walkers:
+            walker.end()
+    assert [walker.error for walker in walkers] == [None] * WALKERS
+    assert [trap.variables[1].value for trap in traps] == expected
+    assert alertedHost.kxsnmp.stop() == 0
+    assert alertedHost.agent.stop() == 0

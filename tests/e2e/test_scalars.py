@@ -8,7 +8,7 @@ from support.wait import waitUntil
 
 NO_SERVER = b"00000000-0000-0000-0000-000000000000"
 RECONNECT_DEADLINE_S = 10  # the client library waits up to 5 s between attempts
-CHANGED_WITHIN_S = 1.0
+CHANGED_WITHIN_S = 5.0  # how soon is for the tests of a host's life; the machine may be busy
 
 
 def described(version):

@@ -4,7 +4,7 @@ from support import snmp
 from support.host import IP_ADDRESSES
 from support.wait import waitUntil
 
-CHANGED_WITHIN_S = 1.0
+CHANGED_WITHIN_S = 5.0  # how soon is for the tests of a host's life; the machine may be busy
 
 
 def indexes(host):

@@ -20,6 +20,12 @@ from support.snmp import COUNTER64, INTEGER, OCTET_STRING, UNSIGNED32, Varbind
 INVENTORY = describedhost.INVENTORY
 
 
+@pytest.fixture(scope="module", autouse=True)
+def counters(describedHost):
+    """An answer that the agent was late with is without them."""
+    describedHost.waitForCounters()
+
+
 @pytest.fixture
 def wholeTree(client):
     """The expected tables behind the scalars. The server's identifier is the agent's own, so it is asked."""

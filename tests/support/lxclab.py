@@ -7,6 +7,8 @@ from pathlib import Path
 
 _SCRIPT = Path(__file__).with_suffix(".sh")
 _COMMAND_DEADLINE_S = 60
+_CONTAINERS = "/var/lib/lxc"
+_CGROUPS = "/sys/fs/cgroup"
 
 
 def obstacle():
@@ -41,6 +43,27 @@ class LxcLab:
         if done.returncode:
             raise AssertionError(f"lxclab {command} {arguments}: {done.stdout}")
         return done.stdout
+
+    def containers(self):
+        """The names of all containers, those included whose configuration LXC cannot read."""
+        return self.do("exec", "ls", _CONTAINERS).split()
+
+    def destroyAll(self):
+        """Leaves the lab without a container, whatever a test has made of them."""
+        for name in self.containers():
+            try:
+                self.do("destroy", name)
+            except AssertionError:  # LXC cannot read its configuration
+                self.do("exec", "rm", "-rf", f"{_CONTAINERS}/{name}")
+
+    def cgroup(self, name, controller):
+        """The folder of a running container's cgroup that has this controller: v1's of its own, or v2's."""
+        lines = Path(f"/proc/{self.init(name)}/cgroup").read_text().splitlines()
+        paths = {names: path for _, names, path in (line.split(":", 2) for line in lines)}
+        for names, path in paths.items():
+            if controller in names.split(","):
+                return Path(f"{_CGROUPS}/{controller}{path}")
+        return Path(f"{_CGROUPS}{paths['']}")
 
     def writeFile(self, path, text):
         """Writes a file inside the lab, where /var/lib/lxc is the lab's own."""

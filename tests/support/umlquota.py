@@ -1,5 +1,6 @@
 #!/usr/bin/python3
-"""Project quotas of real containers, in a user-mode-linux guest: the kernels of most test machines have none.
+"""Project quotas of real containers, in a user-mode-linux guest: the kernels of most test machines have none. The guest
+has nothing but cgroup v2, which most test machines do not have either: so what limits of it are hit is seen there too.
 
 Imported, this is the side of the host. Run as a program it is the side of the guest: it makes containers with quotas,
 starts our programs beside them, and writes down what they publish and what the guest's own tools say.
@@ -22,14 +23,20 @@ from support.host import QUOTA_COUNTERS, Host, buildFolder  # noqa: E402
 from support.traps import SINK_PORT, TrapSink  # noqa: E402
 from support.wait import DeadlineExceeded, waitUntil  # noqa: E402
 
-_GUEST_DEADLINE_S = 120  # some 25 s where nothing else runs
+_GUEST_DEADLINE_S = 300  # some 30 s where nothing else runs
 _INIT = Path(__file__).with_suffix(".sh")
 _DISK_BYTES = 64 * 1024 * 1024
 _DISK = "/mnt/disk"
 _OUT = Path("/mnt/out")
 _BLOCK = 1024  # repquota's unit of space
-_SAMPLE_DEADLINE_S = 20
-_ALERT_DEADLINE_S = 30  # quotas are looked at every few seconds, and the guest is slow
+_SAMPLE_DEADLINE_S = 60
+_ALERT_DEADLINE_S = 60  # quotas are looked at every few seconds, and the guest is slow
+_COMMAND_DEADLINE_S = 60
+_HEARD_WITHIN_S = 0.5  # or the next alert is raised
+_QUOTA = re.compile("disk space|inodes")  # in what is told of quotas, and of nothing else
+
+# Reports come often, and every kill is told.
+_SETTINGS = "[monitoring]\nperiod_scale = 0.01\n[alerts]\nrepeat_seconds = 0.001\n"
 
 
 # ---- on the host ----------------------------------------------------------------------------------------------------
@@ -127,6 +134,13 @@ def _published(host):
     return rows
 
 
+def _isGraceRunning(host):
+    """Of 101's space and of 102's inodes. A container whose counters come and go has no row, or half a one."""
+    rows = _published(host)
+    full = [rows[veid] for veid in (101, 102) if len(rows.get(veid, [])) == 8]
+    return len(full) == 2 and full[0][3] and full[1][7]
+
+
 def _look(host):
     """What is published, what the system's own tool says, and when that was."""
     before = time.time()
@@ -162,17 +176,90 @@ def _alerts(sink):
     return alerts
 
 
+def _quotaAlerts(sink):
+    return [alert for alert in _alerts(sink) if _QUOTA.search(alert[2])]
+
+
+def _waitForQuotaAlerts(sink, count):
+    def haveCome():
+        return len(_quotaAlerts(sink)) >= count
+
+    try:
+        waitUntil(haveCome, _ALERT_DEADLINE_S, f"{count} alerts about quotas have arrived")
+    except DeadlineExceeded as late:
+        raise AssertionError(f"{late}: {_alerts(sink)}") from None
+
+
 def _useUpAndFree(lab, sink):
-    """101 goes on until there is no space left, and then has all of it again. Returns what was told."""
-    sink.waitFor(2, _ALERT_DEADLINE_S)  # the two soft limits that were exceeded from the beginning
+    """101 goes on until there is no space left, and then has all of it again."""
+    _waitForQuotaAlerts(sink, 2)  # the two soft limits that were exceeded from the beginning
     _inside(lab, "101", "dd if=/dev/zero of=/root/more bs=1M count=4")
     os.sync()
-    sink.waitFor(3, _ALERT_DEADLINE_S)
+    _waitForQuotaAlerts(sink, 3)
     os.unlink(f"{_DISK}/101/root/file")
     os.unlink(f"{_DISK}/101/root/more")
     os.sync()
-    sink.waitFor(5, _ALERT_DEADLINE_S)
-    return _alerts(sink)
+    _waitForQuotaAlerts(sink, 5)
+
+
+def _freeInodes(sink):
+    """102 has all of its inodes again. What is told of that comes from a later look at quotas than all that was told
+    before, so whatever was told without a reason has come by then too."""
+    for number in range(120):
+        os.unlink(f"{_DISK}/102/root/{number}")
+    os.sync()
+    _waitForQuotaAlerts(sink, 6)
+
+
+# ---- limits of cgroup v2 --------------------------------------------------------------------------------------------
+
+
+def _countIn(lab, controller, file, key):
+    lines = (lab.cgroup("103", controller) / file).read_text().splitlines()
+    return int(next(line.split()[1] for line in lines if line.split()[0] == key))
+
+
+def _kills(lab):
+    return _countIn(lab, "memory", "memory.events", "oom_kill")
+
+
+def _alertsOf103(sink, text):
+    """Of those that are over the text begins with other words."""
+    return [alert for alert in _alerts(sink) if alert[0] == 103 and alert[2].startswith(text)]
+
+
+def _runOutOfMemory(lab, sink):
+    """Has processes of 103 killed for lack of memory until that is told, and nothing of it is on its way any more.
+    Events are subscribed to some time after the link has been made, and what is told of quotas is told once only.
+    Returns what was told, and how many were killed."""
+
+    def told():
+        return _alertsOf103(sink, "out of memory")
+
+    def isHeard():
+        lab.spawn("103", "exec tail /dev/zero").wait(_COMMAND_DEADLINE_S)
+        try:
+            return waitUntil(told, _HEARD_WITHIN_S, "it is told")
+        except DeadlineExceeded:
+            return None
+
+    waitUntil(isHeard, _ALERT_DEADLINE_S, "alerts arrive")
+    waitUntil(lambda: told()[-1][3] == _kills(lab), _ALERT_DEADLINE_S, "the last of them has arrived as well")
+    return {"alerts": told(), "kills": _kills(lab)}
+
+
+def _runOutOfProcesses(lab, sink):
+    """Lets 103 have as many processes as it may, and some more. Returns what was told, and how often it was refused."""
+    bomb = lab.spawn("103", "i=0; while [ $i -lt 100 ]; do sleep 20 & i=$((i + 1)); done; wait")
+    try:
+        waitUntil(lambda: _alertsOf103(sink, "the limit of processes"), _ALERT_DEADLINE_S, "that limit's hit is told")
+        hits = _countIn(lab, "pids", "pids.events", "max")
+    finally:
+        lab.end(bomb)
+    return {"alerts": _alertsOf103(sink, "the limit of processes"), "hits": hits}
+
+
+# ---- all of it ------------------------------------------------------------------------------------------------------
 
 
 def _guest():
@@ -183,18 +270,21 @@ def _guest():
     looks = []
     try:
         _makeContainers(lab)
-        host.agent.writeConfig('backend = "lxc"', "[monitoring]\nperiod_scale = 0.01\n")
+        host.agent.writeConfig('backend = "lxc"', _SETTINGS)
         host.agent.start(lab.launcher)
         host.snmpd.start()
         host.kxsnmp.start()
         host.waitForSubtree()
-        # Events are subscribed to with the link, so an alert from now on becomes a trap.
         waitUntil(lambda: set(_published(host)) == {101, 102, 103}, _SAMPLE_DEADLINE_S, "all containers are published")
+        memory = _runOutOfMemory(lab, sink)
+        processes = _runOutOfProcesses(lab, sink)
         _exceedSoftLimits(lab)
-        waitUntil(lambda: _published(host)[101][3] and _published(host)[102][7], _SAMPLE_DEADLINE_S, "grace begins to run")
+        waitUntil(lambda: _isGraceRunning(host), _SAMPLE_DEADLINE_S, "grace begins to run")
         looks.append(_settled(host))
-        alerts = _useUpAndFree(lab, sink)
+        _useUpAndFree(lab, sink)
         looks.append(_settled(host))
+        _freeInodes(sink)
+        alerts = _quotaAlerts(sink)
     finally:
         host.close()
         log = host.agent.lines()
@@ -202,6 +292,7 @@ def _guest():
         sink.close()
         lab.close()
     result = {"kernel": os.uname().release, "looks": looks, "alerts": alerts, "log": log}
+    result |= {"memory": memory, "processes": processes}
     (_OUT / "result.json").write_text(json.dumps(result))
 
 
