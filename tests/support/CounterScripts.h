@@ -182,7 +182,8 @@ public:
         send(vocabulary);
     }
     /// Sends a change of one environment.
-    void change(const wire::Environment& environment) { send(deltaFrame(++generation_, {environment})); }
+    void change(const wire::Environment& environment) { change(std::vector{environment}); }
+    void change(const std::vector<wire::Environment>& environments) { send(deltaFrame(++generation_, environments)); }
 
     /// @brief Ends the link of the moment; the next one is another.
     void hangUp() {

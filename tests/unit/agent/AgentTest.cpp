@@ -238,7 +238,8 @@ std::vector<std::string> nextTexts(Peer& subscriber, std::size_t count) {
 }
 
 TEST_F(AgentTest, AlertsOfADescribedHostGoThroughTheEngineWithTheLimitsOfTheConfiguration) {
-    writeConfig("agent.sock", "inventory.toml", "[alerts]\nrepeat_seconds = 0.2\n");
+    // So long that all three are taken within it.
+    writeConfig("agent.sock", "inventory.toml", "[alerts]\nrepeat_seconds = 2\n");
     ASSERT_EQ(replaceFile(folder_ / "inventory.toml", "[[environment]]\nname = 'first'\nveid = 101\n"), "");
     start();
     ASSERT_TRUE(shows("agent.sock", {"first"}));

@@ -50,7 +50,8 @@ TEST_F(AlertServiceTest, TellsAtOnceWhatMayBeTold) {
 }
 
 TEST_F(AlertServiceTest, WakesUpForWhatBecomesDue) {
-    start({milliseconds(30), 50.0, 100});
+    // So long that all three are taken within it, and so short that it is waited for.
+    start({milliseconds(500), 50.0, 100});
     service_->take(signalOf("oom"));
     service_->take(signalOf("oom"));
     service_->take(signalOf("oom"));
@@ -60,7 +61,8 @@ TEST_F(AlertServiceTest, WakesUpForWhatBecomesDue) {
 }
 
 TEST_F(AlertServiceTest, WakesUpForThoseThatWait) {
-    start({milliseconds(0), 100.0, 1});
+    // So seldom that all three are taken before the next may be told.
+    start({milliseconds(0), 5.0, 1});
     for (const std::string about : {"a", "b", "c"}) {
         service_->take(signalOf("oom of " + about, 0, kAlertCritical, about));
     }

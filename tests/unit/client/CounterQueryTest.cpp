@@ -12,10 +12,15 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-// Room above what is promised for a loaded machine; a lost deadline would take far longer.
 constexpr milliseconds kPromise{500};
 constexpr milliseconds kFollowUp{5};
-constexpr milliseconds kSlack{250};
+
+/// Room above what is promised for a loaded machine; a lost deadline would take far longer.
+constexpr milliseconds kSlack{2000};
+
+/// What does not wait out the half second is done by then, the best of several times.
+constexpr milliseconds kAtOnce{250};
+constexpr int kTries = 5;
 
 std::vector<wire::Frame> sayNothing(const wire::Frame&) {
     return {};
@@ -30,6 +35,18 @@ protected:
         EXPECT_EQ(query(classes), KXL_ERROR_TIMEOUT);
         EXPECT_TRUE(eventually([this] { return !agent.queries().empty(); }));
         return agent.queries().back();
+    }
+    /// @brief Queries until one has ended at once, a few times; all must end with this code.
+    void expectAtOnce(int code, const std::function<int()>& ask) {
+        milliseconds least = milliseconds::max();
+        for (int round = 0; round < kTries && least >= kAtOnce; ++round) {
+            EXPECT_EQ(ask(), code);
+            least = std::min(least, took);
+        }
+        EXPECT_LT(least, kAtOnce);
+    }
+    void expectAtOnce(int code) {
+        expectAtOnce(code, [this] { return query(); });
     }
     /// Nobody is told, and the link goes on.
     void expectNobodyHears() {
@@ -125,8 +142,7 @@ TEST_F(CounterQuery, GivesEachOfSeveralCallersItsOwnAnswer) {
 TEST_F(CounterQuery, FailsWhenItIsRefused) {
     bringUp();
     agent.answerQueries([](const wire::Frame& request) { return std::vector{refusalFrame(request)}; });
-    EXPECT_EQ(query(), KXL_ERROR_REFUSED);
-    EXPECT_LT(took, kSlack);
+    expectAtOnce(KXL_ERROR_REFUSED);
 }
 
 TEST_F(CounterQuery, TakesAnAnswerOfAnotherKindForARefusal) {
@@ -140,8 +156,7 @@ TEST_F(CounterQuery, FailsWhenTheAnswerMakesNoSense) {
     auto bad = groupWith(5);
     bad.add_instances("2");
     agent.answerQueriesWith({bad});
-    EXPECT_EQ(query(), KXL_ERROR_REFUSED);
-    EXPECT_LT(took, kSlack);
+    expectAtOnce(KXL_ERROR_REFUSED);
 }
 
 TEST_F(CounterQuery, EndsTheLinkOverAnAnswerWithoutEnd) {
@@ -166,23 +181,35 @@ TEST_F(CounterQuery, GivesASilentAgentItsHalfSecondAndThoseThatFollowFiveMillise
     EXPECT_EQ(query(), KXL_ERROR_TIMEOUT);
     EXPECT_GE(took, kPromise);
     EXPECT_LT(took, kPromise + kSlack);
-    for (int i = 0; i < 3; ++i) {
+    milliseconds least = milliseconds::max();
+    for (int i = 0; i < kTries; ++i) {
         EXPECT_EQ(query(), KXL_ERROR_TIMEOUT);
         EXPECT_GE(took, kFollowUp);
-        EXPECT_LT(took, kFollowUp + kSlack);
+        EXPECT_LT(took, kPromise + kSlack);
+        least = std::min(least, took);
     }
+    EXPECT_LT(least, kAtOnce);
 }
 
 TEST_F(CounterQuery, GivesASilentAgentAnotherHalfSecondOnceThatIsOver) {
     bringUp();
     agent.answerQueries(sayNothing);
-    EXPECT_EQ(query(), KXL_ERROR_TIMEOUT);
+    // The half second of short ones begins when the first one's own is over, and no later than that returns.
     const auto since = std::chrono::steady_clock::now();
-    EXPECT_TRUE(eventually([this] {
+    EXPECT_EQ(query(), KXL_ERROR_TIMEOUT);
+    auto lastLong = std::chrono::steady_clock::now();
+    milliseconds least = milliseconds::max();
+    while (std::chrono::steady_clock::now() < since + 2 * kPromise) {
         EXPECT_EQ(query(), KXL_ERROR_TIMEOUT);
-        return took >= kPromise;
-    }));
-    EXPECT_GE(std::chrono::steady_clock::now() - since, 2 * kPromise) << "after half a second of short ones";
+        least = std::min(least, took);
+        if (took >= kPromise) {  // which takes a machine that stands still for a while
+            lastLong = std::chrono::steady_clock::now();
+        }
+    }
+    EXPECT_LT(least, kAtOnce);
+    eventually([&] { return std::chrono::steady_clock::now() >= lastLong + kPromise; });
+    EXPECT_EQ(query(), KXL_ERROR_TIMEOUT);
+    EXPECT_GE(took, kPromise);
 }
 
 TEST_F(CounterQuery, IsAnsweredWithinTheFiveMillisecondsByAnAgentThatIsAwakeAgain) {
@@ -190,6 +217,7 @@ TEST_F(CounterQuery, IsAnsweredWithinTheFiveMillisecondsByAnAgentThatIsAwakeAgai
     unanswered();
     agent.answerQueriesWith({groupWith(5)});
     EXPECT_TRUE(eventually([this] { return query() == 0; }));
+    EXPECT_LT(took, kPromise);
     EXPECT_EQ(textOf(output), "counters_kx_net=5");
 }
 
@@ -199,8 +227,10 @@ TEST_F(CounterQuery, EndsAtOnceWhenTheAgentIsLostMeanwhile) {
         agent.hangUp();
         return std::vector<wire::Frame>();
     });
-    EXPECT_EQ(query(), KXL_ERROR_DISCONNECT);
-    EXPECT_LT(took, kSlack);
+    expectAtOnce(KXL_ERROR_DISCONNECT, [this] {
+        EXPECT_TRUE(settle()) << "the link does not come up again";
+        return query();
+    });
 }
 
 TEST_F(CounterQuery, FailsAtOnceWhileTheAgentIsAway) {
@@ -208,27 +238,26 @@ TEST_F(CounterQuery, FailsAtOnceWhileTheAgentIsAway) {
     agent.setAway(true);
     agent.hangUp();
     ASSERT_TRUE(journal.becomes({"link lost"}));
-    EXPECT_EQ(query(), KXL_ERROR_DISCONNECT);
-    EXPECT_LT(took, kSlack);
+    expectAtOnce(KXL_ERROR_DISCONNECT);
 }
 
 TEST_F(CounterQuery, FailsAtOnceBeforeTheFirstConnectionAndOnAnotherAgent) {
-    EXPECT_EQ(query(), KXL_ERROR_DISCONNECT);
+    expectAtOnce(KXL_ERROR_DISCONNECT);
     bringUp();
     KXLGUIDBase::Bytes other{};
     other.back() = 1;
     EXPECT_EQ(KXLPerfMonAgent(KXLEID(other), accessPoint).query(output, {}, classList({kNet})), KXL_ERROR_DISCONNECT);
     EXPECT_EQ(KXLPerfMonAgent(accessPoint->getEID(), nullptr).query(output, {}, classList({kNet})),
               KXL_ERROR_DISCONNECT);
-    EXPECT_LT(took, kSlack);
 }
 
 TEST_F(CounterQuery, WaitsForNothingOnTheLoopThread) {
     bringUp();
-    std::promise<int> result;
-    loop->loop()->post([&] { result.set_value(query()); });
-    EXPECT_EQ(result.get_future().get(), KXL_ERROR_STOPPED);
-    EXPECT_LT(took, kSlack);
+    expectAtOnce(KXL_ERROR_STOPPED, [this] {
+        std::promise<int> result;
+        loop->loop()->post([&] { result.set_value(query()); });
+        return result.get_future().get();
+    });
     EXPECT_TRUE(settle());
     EXPECT_THAT(agent.queries(), IsEmpty());
 }
@@ -236,8 +265,7 @@ TEST_F(CounterQuery, WaitsForNothingOnTheLoopThread) {
 TEST_F(CounterQuery, FailsOnceTheLoopHasStopped) {
     bringUp();
     loop->stop();
-    EXPECT_EQ(query(), KXL_ERROR_STOPPED);
-    EXPECT_LT(took, kSlack);
+    expectAtOnce(KXL_ERROR_STOPPED);
 }
 
 TEST_F(CounterQuery, EndsAtOnceWhenTheLoopStopsMeanwhile) {

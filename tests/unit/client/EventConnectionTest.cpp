@@ -14,9 +14,8 @@ using std::chrono::milliseconds;
 TEST_F(EventConnections, DeliverMessagesInTheirOrderOnTheLoopsThread) {
     const ScriptedAgent agent(agentWith(sending({alerts({"a", "b"}), alerts({"c"}), alerts({})})));
     ASSERT_EQ(bringUp(agent.path()), 0);
-    const ConnectionPtr connection = open();
+    const ConnectionPtr connection = openWith({first});
     ASSERT_TRUE(connection);
-    ASSERT_EQ(subscribe(connection, first), 0);
     EXPECT_TRUE(journal.becomes({"link up", "first subscribed", "first: a b", "first: c", "first:"}));
     EXPECT_NE(first->thread.load(), std::this_thread::get_id());
 }
@@ -114,12 +113,12 @@ TEST_F(EventConnections, GoElsewhereWhenTheyAreDedicated) {
     KXLConnectivityInfo info;
     info.setType("NamedPipe");
     info.setAddress(other.path());
-    const auto access = accessPoint->getAccess();
-    const ConnectionPtr elsewhere = access->openDedicatedConnection(accessPoint->getEID(), KXLEID::EID_INVALID, &info);
-    const ConnectionPtr here = access->openDedicatedConnection(accessPoint->getEID(), KXLEID::EID_INVALID, nullptr);
+    const auto openTo = [this](const KXLConnectivityInfo* where) {
+        return accessPoint->getAccess()->openDedicatedConnection(accessPoint->getEID(), KXLEID::EID_INVALID, where);
+    };
     const EventHandlerPtr second = handlerNamed("second");
-    ASSERT_EQ(subscribe(elsewhere, first), 0);
-    ASSERT_EQ(subscribe(here, second), 0);
+    const ConnectionPtr elsewhere = openWith({first}, [&] { return openTo(&info); });
+    const ConnectionPtr here = openWith({second}, [&] { return openTo(nullptr); });
     EXPECT_TRUE(eventually([&] { return journal.has("first: the other's") && journal.has("second: the link's"); }));
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <atomic>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -11,6 +12,7 @@
 
 #include <kxl/KXLEvent.h>
 
+#include "client/src/loop/Loop.h"
 #include "tests/unit/client/LinkFixture.h"
 
 namespace kx::test {
@@ -156,6 +158,22 @@ protected:
     ConnectionPtr open() { return accessPoint->getAccess()->openEventConnection(accessPoint->getEID(), ""); }
     static int subscribe(const ConnectionPtr& connection, const EventHandlerPtr& handler) {
         return connection->subscribe(KXLEvent::subscriptionName, handler);
+    }
+    /// @brief Opens a connection and subscribes on it while the loop waits: what comes before there is a handler is
+    /// nobody's, also that it is subscribed.
+    ConnectionPtr openWith(const std::vector<EventHandlerPtr>& handlers) {
+        return openWith(handlers, [this] { return open(); });
+    }
+    ConnectionPtr openWith(const std::vector<EventHandlerPtr>& handlers, const std::function<ConnectionPtr()>& opens) {
+        std::promise<ConnectionPtr> opened;
+        loop->loop()->post([&] {
+            const ConnectionPtr connection = opens();
+            for (const EventHandlerPtr& each : handlers) {
+                EXPECT_EQ(subscribe(connection, each), 0);
+            }
+            opened.set_value(connection);
+        });
+        return opened.get_future().get();
     }
     EventHandlerPtr handlerNamed(const std::string& name) { return EventHandlerPtr(new EventHandler(name, journal)); }
 

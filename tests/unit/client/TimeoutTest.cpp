@@ -69,6 +69,30 @@ TEST(TimeoutHandler, TakesMicrosecondsForTheExpiryItself) {
     EXPECT_EQ(timeout->getPeriod(), 30);
 }
 
+/// An explicit instantiation may name private members: it hands one on to a function that finds it by its tag.
+template <typename Tag, typename Tag::Member member>
+struct Expose {
+    friend typename Tag::Member memberOf(Tag) { return member; }
+};
+struct Second {
+    using Member = long KXLTimeoutHandlerPrototype::*;
+    friend Member memberOf(Second);
+};
+template struct Expose<Second, &KXLTimeoutHandlerPrototype::second>;
+
+TEST(TimeoutHandler, RemembersMicrosecondsUntilItIsSetWithOthers) {
+    const TestClock clock;
+    const TimeoutPtr timeout(new CountingTimeout);
+    const auto second = [&] { return (*timeout).*memberOf(Second()); };
+    timeout->set(30, 0);
+    EXPECT_EQ(second(), 0) << "seconds are not remembered there";
+    timeout->set(30, 7);
+    EXPECT_EQ(second(), 7);
+    timeout->set(40, 0);
+    EXPECT_EQ(second(), 7);
+    EXPECT_EQ(timeout->getExpiry(), 1040);
+}
+
 TEST_F(Timeouts, FireOnceOnTheLoopsThreadAndAreLetGoOf) {
     const TimeoutPtr timeout = after(0);
     ASSERT_EQ(add(timeout), 0);
@@ -76,7 +100,11 @@ TEST_F(Timeouts, FireOnceOnTheLoopsThreadAndAreLetGoOf) {
     EXPECT_NE(timeout->thread.load(), std::this_thread::get_id());
 }
 
-TEST_F(Timeouts, FireAfterTheirTimeAndNotBefore) {
+/// The clock is held still from before the loop starts until it has stopped: a second that turned between setting a
+/// timeout and beginning it would be one less to wait.
+class TimeoutsOnAHeldClock : private TestClock, public Timeouts {};
+
+TEST_F(TimeoutsOnAHeldClock, FireAfterTheirTimeAndNotBefore) {
     const TimeoutPtr timeout = after(1);
     const auto start = std::chrono::steady_clock::now();
     ASSERT_EQ(add(timeout), 0);

@@ -2,7 +2,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <boost/pointer_cast.hpp>
+#include <future>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -54,11 +57,11 @@ class Link : public testing::Test {
 protected:
     ~Link() override { link->stop(); }
 
+    using ReceiverPtr = boost::intrusive_ptr<KXLReceiver<KXLEvent>>;
+
     std::size_t environments() { return link->getAccessPoint()->getEnvCache()->getEnvList().size(); }
     KXLEID eid() { return link->getAccessPoint()->getEID(); }
-    void addReceiver(const std::string& name) {
-        link->addReceiver(boost::intrusive_ptr<KXLReceiver<KXLEvent>>(new NamedReceiver(name, received)));
-    }
+    void addReceiver(const std::string& name) { link->addReceiver(ReceiverPtr(new NamedReceiver(name, received))); }
     std::vector<std::string> dispatch(const std::string& category) {
         received.clear();
         link->dispatchEvent(KXLEvent(category, nullptr));
@@ -91,8 +94,9 @@ TEST_F(Link, IsInitialisedOnlyOnce) {
     for (int i = 0; i < 10; ++i) {
         EXPECT_EQ(environments(), 2U);
     }
-    EXPECT_EQ(agent.links(), 1);
+    EXPECT_TRUE(eventually([&] { return agent.links() > 0; })) << "the agent learns of it a moment later";
     link->stop();
+    EXPECT_EQ(agent.links(), 1);
 }
 
 TEST_F(Link, TriesAgainWithEveryRequestWhileTheAgentRefuses) {
@@ -110,6 +114,131 @@ TEST_F(Link, ReceiversGetEventsInTheOrderOfTheirRegistration) {
     addReceiver("first");
     addReceiver("second");
     EXPECT_EQ(dispatch("x"), (Received{"first:x", "second:x"}));
+}
+
+/// Registers another receiver from another thread while it receives, and sees whether that waits.
+class RegisteringReceiver : public KXLReceiver<KXLEvent> {
+public:
+    explicit RegisteringReceiver(std::function<void()> addOther) : addOther_(std::move(addOther)) {}
+    int receive(const KXLEvent&) override {
+        added_ = std::async(std::launch::async, addOther_);
+        waited_ = added_.wait_for(std::chrono::milliseconds(50)) == std::future_status::timeout;
+        return 0;
+    }
+    bool waited() const { return waited_; }
+    bool isThrough() { return added_.wait_for(kPatience) == std::future_status::ready; }
+
+private:
+    const std::function<void()> addOther_;
+    std::future<void> added_;
+    bool waited_ = false;
+};
+
+// Deliberate: what receivers do is kept apart from everything else that the link's lock guards.
+TEST_F(Link, IsLockedWhileReceiversGetAnEvent) {
+    const boost::intrusive_ptr<RegisteringReceiver> receiver(new RegisteringReceiver([this] { addReceiver("late"); }));
+    link->addReceiver(receiver);
+    EXPECT_EQ(dispatch("x"), Received{});
+    EXPECT_TRUE(receiver->waited());
+    EXPECT_TRUE(receiver->isThrough());
+    EXPECT_EQ(dispatch("y"), Received{"late:y"});
+    EXPECT_TRUE(receiver->isThrough()) << "it adds another one each time";
+}
+
+/// Writes its name and the texts of alerts into a log; on the event loop's thread.
+class TextReceiver : public KXLReceiver<KXLEvent> {
+public:
+    struct Log {
+        std::vector<std::string> lines() const {
+            const std::lock_guard guard(lock);
+            return all;
+        }
+        mutable std::mutex lock;
+        std::vector<std::string> all;
+    };
+
+    TextReceiver(std::string name, Log& log) : name_(std::move(name)), log_(log) {}
+    int receive(const KXLEvent& event) override {
+        const auto alert = boost::dynamic_pointer_cast<KXLResourceAlertData>(event.getData());
+        const std::lock_guard guard(log_.lock);
+        log_.all.push_back(name_ + ":" + (alert ? alert->alertText : "no alert"));
+        return 0;
+    }
+
+private:
+    const std::string name_;
+    Log& log_;
+};
+
+/// An agent that sends events to all that have subscribed, and ends all connections at once.
+class EventfulAgent {
+public:
+    int subscriptions() const { return subscriptions_; }
+
+    void send(const std::string& text) {
+        const std::lock_guard guard(lock_);
+        for (PeerSocket* const subscriber : subscribers_) {
+            subscriber->send(eventFrame({alertEvent(kServerEidBytes, text)}));
+        }
+    }
+    /// The links go first: an event connection that is lost alone is opened anew at once.
+    void hangUp() {
+        const std::lock_guard guard(lock_);
+        for (std::set<PeerSocket*>* const peers : {&links_, &subscribers_}) {
+            for (PeerSocket* const peer : *peers) {
+                peer->hangUp();
+            }
+            peers->clear();
+        }
+    }
+
+private:
+    void serve(PeerSocket& peer) {
+        wire::Frame request;
+        if (!shakeHands(peer, request)) {
+            return;
+        }
+        std::set<PeerSocket*>& peers = request.has_event_subscribe() ? subscribers_ : links_;
+        {
+            const std::lock_guard guard(lock_);
+            peers.insert(&peer);
+        }
+        if (request.has_event_subscribe()) {
+            acceptSubscription(peer, request);
+            ++subscriptions_;
+            peer.readUntilClosed();
+        } else if (serveFirstData(peer, {})) {
+            answerUntilClosed(peer);
+        }
+        const std::lock_guard guard(lock_);
+        peers.erase(&peer);
+    }
+
+    std::mutex lock_;
+    std::set<PeerSocket*> links_;
+    std::set<PeerSocket*> subscribers_;
+    std::atomic<int> subscriptions_{0};
+    ScriptedAgent agent_{kSocketPath, [this](PeerSocket& peer) { serve(peer); }};
+};
+
+TEST_F(Link, ReceiversGetEachEventOnceInTheirOrderAfterTenReconnections) {
+    TextReceiver::Log log;
+    link->addReceiver(ReceiverPtr(new TextReceiver("first", log)));
+    link->addReceiver(ReceiverPtr(new TextReceiver("second", log)));
+    EventfulAgent agent;
+    link->getAccessPoint();
+    Received expected;
+    for (int round = 0; round <= 10; ++round) {
+        ASSERT_TRUE(eventually([&] { return agent.subscriptions() == round + 1; })) << round;
+        const std::string text = "of round " + std::to_string(round);
+        agent.send(text);
+        expected.push_back("first:" + text);
+        expected.push_back("second:" + text);
+        ASSERT_TRUE(eventually([&] { return log.lines().size() >= expected.size(); })) << round;
+        agent.hangUp();
+    }
+    link->stop();
+    EXPECT_EQ(log.lines(), expected);
 }
 
 TEST_F(Link, ReceiversOutliveEveryReconnectionInTheirOrder) {

@@ -43,8 +43,8 @@ TEST_F(LabHazardsTest, aMalformedConfigurationIsPublishedAsFarAsKnownAndHidesNoO
     EXPECT_EQ(host_.find("web")->veid, 1000001);
     expectOtherIsSeen();
     writeFile("/var/lib/lxc/web/config", "lxc.uts.name = mended\n");
-    EXPECT_TRUE(host_.waitUntil([&] { return host_.is("web", State::Stopped); }));
-    EXPECT_EQ(host_.find("web")->hostname, "mended");
+    EXPECT_TRUE(
+        host_.waitUntil([&] { return host_.is("web", State::Stopped) && host_.find("web")->hostname == "mended"; }));
 }
 
 TEST_F(LabHazardsTest, aRunningContainerWhoseConfigurationBreaksIsStillKnownToRun) {

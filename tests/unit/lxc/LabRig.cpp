@@ -232,7 +232,18 @@ std::size_t LabHost::logged(const std::string& part) const {
 }
 
 void writeFile(const std::string& path, const std::string& text, bool append) {
-    std::ofstream(path, append ? std::ios::app : std::ios::trunc) << text;
+    if (append) {
+        std::ofstream(path, std::ios::app) << text;
+        return;
+    }
+    const std::filesystem::path place(path);
+    const std::filesystem::path fresh = place.parent_path() / ("." + place.filename().string() + ".fresh");
+    std::ofstream(fresh) << text;
+    std::filesystem::rename(fresh, place);
+}
+
+void tellKernel(const std::string& path, const std::string& text) {
+    std::ofstream(path) << text;
 }
 
 pid_t initOf(const std::string& name) {
@@ -254,9 +265,9 @@ void tellFreezer(pid_t init, bool freeze) {
     const auto files = CgroupTree::read().freezerOf(init);
     ASSERT_TRUE(files);
     if (files->state.empty()) {
-        writeFile(files->freeze, freeze ? "1" : "0");
+        tellKernel(files->freeze, freeze ? "1" : "0");
     } else {
-        writeFile(files->state, freeze ? "FROZEN" : "THAWED");
+        tellKernel(files->state, freeze ? "FROZEN" : "THAWED");
     }
 }
 

@@ -22,8 +22,15 @@ namespace kx::agent::lxc {
 
 inline constexpr const char* kLabPath = "/var/lib/lxc";
 
+/// How many times as long everything may take: what a sanitizer watches is slow, and often not alone on its machine.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr int kSlowness = 4;
+#else
+inline constexpr int kSlowness = 1;
+#endif
+
 /// Within that long every change must have been seen.
-inline constexpr std::chrono::milliseconds kNoticed{1000};
+inline constexpr std::chrono::milliseconds kNoticed{1000 * kSlowness};
 
 /// What the backend is told to be the product's version.
 inline constexpr const char* kLabVersion = "7.0-lab";
@@ -119,8 +126,12 @@ private:
     std::vector<std::string> log_;
 };
 
-/// @brief Writes a file in the lab.
+/// @brief Writes a file in the lab. It takes the place of an old one at once, so that nobody sees half of it, or none;
+/// what is appended is written in place.
 void writeFile(const std::string& path, const std::string& text, bool append = false);
+
+/// @brief Writes into a file that the kernel made.
+void tellKernel(const std::string& path, const std::string& text);
 
 /// @return the init process of a running container, seen from here
 pid_t initOf(const std::string& name);

@@ -2,7 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <filesystem>
+#include <fstream>
 #include <memory>
+#include <set>
 
 namespace kx::agent::lxc {
 namespace {
@@ -30,7 +33,10 @@ protected:
     /// @return whether the alert with this code has come in time
     bool tells(const std::string& name, std::int32_t code) {
         std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kDeadline, [&] { return told_[eidOf(name)] == code; });
+        return changed_.wait_for(lock, kDeadline, [&] {
+            const auto found = told_.find(eidOf(name));
+            return found != told_.end() && found->second == code;
+        });
     }
 
     /// Waits until every container that is watched now has been read again, or the whole deadline is over.
@@ -138,9 +144,38 @@ TEST_F(QuotaWatchTest, aFolderThatHasMovedIsLookedAtWhereItIs) {
     EXPECT_TRUE(looksAt("/new"));
 }
 
+std::set<std::string> threads() {
+    std::set<std::string> found;
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        found.insert(thread.path().filename());
+    }
+    return found;
+}
+
+/// @return whether there is a thread beside those from before, and it waits for something (proc(5): state S)
+bool newThreadSleeps(const std::set<std::string>& before) {
+    for (const std::string& thread : threads()) {
+        std::ifstream file("/proc/self/task/" + thread + "/stat");
+        std::string stat;
+        std::getline(file, stat);
+        const auto state = stat.rfind(") ");
+        if (!before.contains(thread) && state != std::string::npos && stat[state + 2] == 'S') {
+            return true;
+        }
+    }
+    return false;
+}
+
 TEST_F(QuotaWatchTest, endsAtOnceBetweenLooks) {
-    start(std::chrono::hours(1));
+    const std::set<std::string> before = threads();
+    // Longer than it may take, and not so long that a failure stops everything.
+    start(3 * kDeadline);
     watch_->setTargets(targets({"web"}));
+    const auto until = std::chrono::steady_clock::now() + kDeadline;
+    while (!newThreadSleeps(before)) {
+        ASSERT_LT(std::chrono::steady_clock::now(), until) << "it never waits";
+        std::this_thread::yield();
+    }
     const auto begun = std::chrono::steady_clock::now();
     watch_.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - begun, kDeadline);

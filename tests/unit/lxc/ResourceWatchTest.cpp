@@ -53,17 +53,22 @@ protected:
         std::filesystem::rename(folder_ / "fresh", folder_ / name);
     }
 
+    /// The same of a file that somebody is told of who watches it: what is written over it must not be shorter.
+    void writeOver(const std::string& name, const std::string& text) {
+        std::fstream(folder_ / name, std::ios::in | std::ios::out) << text;
+    }
+
     void hostKills(int number) { replace("vmstat", "oom_kill " + std::to_string(number) + "\n"); }
 
     /// @return a container's cgroups of v2, as long as nothing is wrong with it
     ResourceFolders make(const std::string& name) {
-        memory(name, 10);
-        events(name, 0, 0);
+        folder_.write(name + "/memory.current", "10\n");
+        folder_.write(name + "/memory.events", eventsText(0, 0));
         folder_.write(name + "/memory.max", "1000\n");
         folder_.write(name + "/memory.stat", "");
         folder_.write(name + "/pids.max", "100\n");
         folder_.write(name + "/pids.current", "10\n");
-        pidsHits(name, 0);
+        folder_.write(name + "/pids.events", pidsText(0));
         return {{folder_ / name, true}, {folder_ / name, true}};
     }
 
@@ -74,16 +79,15 @@ protected:
         return {{folder_ / name, false}, {folder_ / name, false}};
     }
 
-    void memory(const std::string& name, int used) {
-        folder_.write(name + "/memory.current", std::to_string(used) + "\n");
-    }
+    void memory(const std::string& name, int used) { replace(name + "/memory.current", std::to_string(used) + "\n"); }
     void events(const std::string& name, int hits, int kills) {
-        folder_.write(name + "/memory.events",
-                      "max " + std::to_string(hits) + "\noom_kill " + std::to_string(kills) + "\n");
+        writeOver(name + "/memory.events", eventsText(hits, kills));
     }
-    void pidsHits(const std::string& name, int hits) {
-        folder_.write(name + "/pids.events", "max " + std::to_string(hits) + "\n");
+    static std::string eventsText(int hits, int kills) {
+        return "max " + std::to_string(hits) + "\noom_kill " + std::to_string(kills) + "\n";
     }
+    void pidsHits(const std::string& name, int hits) { writeOver(name + "/pids.events", pidsText(hits)); }
+    static std::string pidsText(int hits) { return "max " + std::to_string(hits) + "\n"; }
 
     /// Has the watch told that a container is about to lose a process, as the kernel does under v1: by the descriptor
     /// that the watch has written into a file of the cgroup.
@@ -108,6 +112,17 @@ protected:
         return changed_.wait_for(lock, patience, [&] {
             return std::any_of(told_.begin(), told_.end(), [&](const AlertSignal& signal) {
                 return signal.source == source && signal.code == code && signal.about == about;
+            });
+        });
+    }
+
+    /// @return whether it is told that a container has lost so many processes in all
+    bool tellsOfKills(const Eid& about, std::int64_t count, milliseconds patience = kPatience) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, patience, [&] {
+            return std::any_of(told_.begin(), told_.end(), [&](const AlertSignal& signal) {
+                return signal.source == kMemoryOomSource && signal.code == kAlertCritical && signal.about == about &&
+                       signal.value == count;
             });
         });
     }
@@ -157,10 +172,8 @@ TEST_F(ResourceWatchTest, aKillIsToldWhenTheKernelTellsOfIt) {
     start();
     watch_->track(eidOf("web"), make("web"));
     ASSERT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("web"), [&](int times) { events("web", 0, times); }));
-    forgetTold();
     events("web", 0, 1000);
-    ASSERT_TRUE(tells(kMemoryOomSource, kAlertCritical, eidOf("web")));
-    EXPECT_EQ(told(kMemoryOomSource).at(0).value, 1000);
+    EXPECT_TRUE(tellsOfKills(eidOf("web"), 1000));
 }
 
 TEST_F(ResourceWatchTest, aHitOfTheLimitOfProcessesIsToldWhenTheKernelTellsOfIt) {
@@ -191,7 +204,7 @@ TEST_F(ResourceWatchTest, whereTheKernelTellsNothingLooksFindIt) {
     folder_.write("web/memory.limit_in_bytes", "1000\n");
     folder_.write("web/memory.usage_in_bytes", "1000\n");
     EXPECT_TRUE(tellsInTheEnd(kMemoryLimitSource, eidOf("web"),
-                              [&](int times) { folder_.write("web/memory.failcnt", std::to_string(times) + "\n"); }));
+                              [&](int times) { replace("web/memory.failcnt", std::to_string(times) + "\n"); }));
     const std::lock_guard lock(mutex_);
     EXPECT_THAT(logged_, testing::IsEmpty());
 }
@@ -202,7 +215,7 @@ TEST_F(ResourceWatchTest, thatTheKernelCannotBeAskedIsOneLineAndLooksFindIt) {
         watch_->track(eidOf(name), makeV1(name));
     }
     EXPECT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("db"), [&](int times) {
-        folder_.write("db/memory.oom_control", "oom_kill " + std::to_string(times) + "\n");
+        replace("db/memory.oom_control", "oom_kill " + std::to_string(times) + "\n");
     }));
     const std::lock_guard lock(mutex_);
     ASSERT_THAT(logged_, testing::SizeIs(1));
@@ -218,10 +231,10 @@ TEST_F(ResourceWatchTest, aContainerThatHasStoppedIsClearedInItsTimeAndNoMoreRea
     // Orders are obeyed in order: once the later one is watched, the earlier one no longer is.
     watch_->track(eidOf("db"), make("db"));
     ASSERT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("db"), [&](int times) { events("db", 0, times); }));
-    forgetTold();
     events("web", 0, 1000);
+    // On a slow machine it has been cleared before it stopped, so nothing of what was told is forgotten.
     EXPECT_TRUE(tells(kMemoryOomSource, kAlertClear, eidOf("web")));
-    EXPECT_FALSE(tells(kMemoryOomSource, kAlertCritical, eidOf("web"), milliseconds(0)));
+    EXPECT_FALSE(tellsOfKills(eidOf("web"), 1000, 5 * times_.look));
 }
 
 TEST_F(ResourceWatchTest, whatHappensLastIsSeenAtTheEnd) {
@@ -232,26 +245,34 @@ TEST_F(ResourceWatchTest, whatHappensLastIsSeenAtTheEnd) {
     watch_->track(eidOf("db"), make("db"));
     // Both are watched once the later one is.
     ASSERT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("db"), [&](int times) { events("db", 0, times); }));
-    folder_.write("web/memory.oom_control", "oom_kill 1\n");
+    replace("web/memory.oom_control", "oom_kill 1\n");
     watch_->untrack(eidOf("web"));
     EXPECT_TRUE(tells(kMemoryOomSource, kAlertCritical, eidOf("web")));
 }
 
 TEST_F(ResourceWatchTest, processesKilledOutsideOfContainersAreTheHosts) {
+    times_.look = milliseconds(200);
     times_.quietAfterKill = milliseconds(300);
     start();
+    // From then on the host's count has been read: one that is read between a kill's two counts is of no use.
+    ASSERT_TRUE(tellsInTheEnd(kHostOomSource, host_, [&](int times) { hostKills(100 + times); }));
+    ASSERT_TRUE(tells(kHostOomSource, kAlertClear, host_));
+    const int host = 100 + happened_;
+    const std::int64_t before = told(kHostOomSource).back().value;
+    forgetTold();
+    // The container's count comes first: what is seen of it earlier is none of the host's.
     watch_->track(eidOf("web"), make("web"));
     ASSERT_TRUE(tellsInTheEnd(kMemoryOomSource, eidOf("web"), [&](int times) {
-        hostKills(100 + times);
         events("web", 0, times);
+        hostKills(host + times);
     }));
     const int seen = happened_;
-    forgetTold();
-    hostKills(100 + seen + 5);
     events("web", 0, seen + 5);
-    ASSERT_TRUE(tells(kMemoryOomSource, kAlertCritical, eidOf("web")));
-    ASSERT_TRUE(tellsInTheEnd(kHostOomSource, host_, [&](int) { hostKills(100 + seen + 5 + 7); }));
-    EXPECT_EQ(told(kHostOomSource).at(0).value, 7) << "without the container's";
+    hostKills(host + seen + 5);
+    ASSERT_TRUE(tellsOfKills(eidOf("web"), seen + 5));
+    EXPECT_THAT(told(kHostOomSource), testing::IsEmpty());
+    ASSERT_TRUE(tellsInTheEnd(kHostOomSource, host_, [&](int) { hostKills(host + seen + 5 + 7); }));
+    EXPECT_EQ(told(kHostOomSource).at(0).value, before + 7) << "without the container's";
     EXPECT_TRUE(tells(kHostOomSource, kAlertClear, host_));
 }
 
@@ -272,7 +293,7 @@ TEST_F(ResourceWatchTest, killsThatV1AnnouncesAreNotLookedForWithoutASign) {
     folder_.write("web/cgroup.event_control", "");
     watch_->track(eidOf("web"), makeV1("web"));
     ASSERT_TRUE(tellsInTheEnd(kPidsLimitSource, eidOf("web"), [&](int times) { pidsHits("web", times); }));
-    folder_.write("web/memory.oom_control", "oom_kill 1\n");
+    replace("web/memory.oom_control", "oom_kill 1\n");
     forgetTold();
     ASSERT_TRUE(tellsInTheEnd(kPidsLimitSource, eidOf("web"), [&](int times) { pidsHits("web", 1000 + times); }));
     EXPECT_THAT(told(kMemoryOomSource), testing::IsEmpty());
@@ -288,7 +309,7 @@ TEST_F(ResourceWatchTest, aKillThatV1AnnouncesIsLookedForUntilItIsCounted) {
     announceKill("web");
     // Some of the looks have found nothing by then.
     EXPECT_FALSE(tells(kMemoryOomSource, kAlertCritical, eidOf("web"), milliseconds(20)));
-    folder_.write("web/memory.oom_control", "oom_kill 1\n");
+    replace("web/memory.oom_control", "oom_kill 1\n");
     EXPECT_TRUE(tells(kMemoryOomSource, kAlertCritical, eidOf("web")));
 }
 
@@ -350,7 +371,8 @@ TEST_F(ResourceWatchTest, itEndsAtOnceWhateverItWatches) {
     }
     const auto begin = std::chrono::steady_clock::now();
     watch_.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    // Obeying 300 orders is part of it, under a sanitizer too.
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
 }
 
 }  // namespace

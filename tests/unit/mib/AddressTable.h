@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "mib/Keys.h"
+#include "mib/LibraryLock.h"
 #include "mib/TableDataContext.h"
 #include "mib/TableHelperHelper.h"
 
@@ -32,12 +33,23 @@ struct AddressEntry {
 
 class AddressRow;
 
+/// @brief Counts reads of a kind, and those that were made while the library's lock was held.
+struct LockWitness {
+    int reads = 0;
+    int locked = 0;
+
+    void note() {
+        ++reads;
+        locked += LibraryLock::isHeldHere() ? 1 : 0;
+    }
+};
+
 /// @brief The vector's rows as they were when the walk began.
 class AddressSnapshot : Counted<AddressSnapshot> {
 public:
     using Cursor = std::vector<AddressEntry>::const_iterator;
 
-    AddressSnapshot() : entries_(table) {}
+    AddressSnapshot() : entries_(table) { taken.note(); }
 
     Cursor begin() const { return entries_.begin(); }
     Cursor end() const { return entries_.end(); }
@@ -46,6 +58,7 @@ public:
 
     /// What the table holds; a test fills it.
     static inline std::vector<AddressEntry> table;
+    static inline LockWitness taken;
 
 private:
     std::vector<AddressEntry> entries_;
@@ -71,6 +84,7 @@ public:
             case 1:
                 return fromString(ASN_IPADDRESS, entry_.address);
             case 2:
+                notes.note();
                 return fromString(ASN_OCTET_STR, entry_.note);
             case 4: {
                 ColumnValue owner(ASN_UNSIGNED);
@@ -83,6 +97,9 @@ public:
     }
 
     static int alive() { return Counted<AddressRow>::alive; }
+
+    /// Of column 2, which is no key: those of the keys are read to walk, and ask nobody.
+    static inline LockWitness notes;
 
 private:
     static ColumnValue fromString(std::uint8_t type, const std::string& text) {

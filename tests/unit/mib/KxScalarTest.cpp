@@ -16,6 +16,9 @@ using namespace kx::test;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
+// The number is laid down by the interface of the vocabularies.
+static_assert(KXL_FIELD_VALUE == 1307);
+
 /// A request for one scalar's instance, as the scalar helper passes it on.
 class ScalarRequest {
 public:

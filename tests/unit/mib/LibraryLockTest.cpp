@@ -1,9 +1,12 @@
 #include "mib/LibraryLock.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -56,21 +59,67 @@ TEST(LibraryLock, LetsInOneThreadAtATime) {
     EXPECT_EQ(unguarded, 8000);
 }
 
-TEST(LibraryLock, GivesAWaitingThreadItsTurnBeforeTheOneThatHasJustHadIt) {
-    std::atomic<bool> ending{false};
-    std::thread busy([&] {
-        while (!ending) {
-            const InLibrary library;
-        }
-    });
-    const auto start = std::chrono::steady_clock::now();
-    for (int round = 0; round < 100; ++round) {
-        const InLibrary library;
+/// @return whether a thread of this process waits for something (proc(5): state S)
+bool sleeps(pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string stat;
+    std::getline(file, stat);
+    const auto state = stat.rfind(") ");
+    return state != std::string::npos && stat[state + 2] == 'S';
+}
+
+/// Takes turns as fast as it can.
+class BusyThread {
+public:
+    ~BusyThread() {
+        ending_ = true;
+        thread_.join();
     }
-    const auto took = std::chrono::steady_clock::now() - start;
-    ending = true;
-    busy.join();
-    EXPECT_LT(took, std::chrono::seconds(10));
+
+    /// To be asked by whoever holds the lock.
+    int turns() const { return turns_; }
+
+private:
+    int turns_ = 0;  ///< guarded by the lock
+    std::atomic<bool> ending_{false};
+    std::thread thread_{[this] {
+        while (!ending_) {
+            const InLibrary library;
+            ++turns_;
+        }
+    }};
+};
+
+/// Waits for a turn beside a busy thread.
+/// @return how many turns that had before
+int turnsOfABusyThreadBeforeOurs(const BusyThread& busy) {
+    std::atomic<pid_t> waiting{0};
+    int before = 0;
+    int after = 0;
+    std::thread waiter;
+    {
+        const InLibrary library;
+        before = busy.turns();
+        waiter = std::thread([&] {
+            waiting = ::gettid();
+            const InLibrary turn;
+            after = busy.turns();
+        });
+        // From then on it is its turn next, or the busy one's and then its.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while ((waiting == 0 || !sleeps(waiting)) && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::yield();
+        }
+    }
+    waiter.join();
+    return after - before;
+}
+
+TEST(LibraryLock, GivesAWaitingThreadItsTurnBeforeTheOneThatHasJustHadIt) {
+    const BusyThread busy;
+    for (int round = 0; round < 50; ++round) {
+        EXPECT_LE(turnsOfABusyThreadBeforeOurs(busy), 2);
+    }
 }
 
 }  // namespace

@@ -123,6 +123,23 @@ TEST_F(RegisteredTable, FindsTheNextOfSeveralNamesInOneRequest) {
                     address({101, 9, 0, 0, 1}, std::string("\x09\0\0\x01", 4))));
 }
 
+// Whoever sends a trap holds the link's lock and waits for the library's; taking a snapshot or reading a column may
+// wait for the link's.
+TEST_F(RegisteredTable, IsReadWithoutTheLibrarysLockWhichIsTakenAgain) {
+    AddressSnapshot::taken = {};
+    AddressRow::notes = {};
+    {
+        const InLibrary library;
+        EXPECT_THAT(agent_->walk(tableOid), ElementsAreArray(expectedTree()));
+        EXPECT_TRUE(LibraryLock::isHeldHere());
+    }
+    EXPECT_GE(AddressSnapshot::taken.reads, 8);
+    EXPECT_EQ(AddressSnapshot::taken.locked, 0);
+    EXPECT_EQ(AddressRow::notes.reads, 4);
+    EXPECT_EQ(AddressRow::notes.locked, 0);
+    EXPECT_FALSE(LibraryLock::isHeldHere());
+}
+
 TEST_F(RegisteredTable, WithoutRowsIsPassedOver) {
     AddressSnapshot::table.clear();
     EXPECT_TRUE(agent_->walk(tableOid).empty());

@@ -2,6 +2,8 @@
 //
 // A query's answer is stored without the cache's lock, which is the monitor's own choice: it relies on queries being
 // made only until the first report. So no read here meets an empty cache, and no test lets the two meet.
+#include <algorithm>
+#include <atomic>
 #include <thread>
 
 #include "tables/VeNetworkCountersTableData.h"
@@ -69,6 +71,116 @@ TEST_F(ConcurrentReads, OfATableGiveOneReportOrTheOtherWhileReportsArrive) {
     EXPECT_TRUE(settle());
     EXPECT_EQ(read(kNet).at(101).at("1").at("bytes_in"), kRounds + 1) << "no increase was lost";
     EXPECT_TRUE(agent().queries().empty());
+}
+
+/// As many containers as a large host has, with as many counters, in reports of as many frames as these take.
+class LargeReports : public PerfFixture {
+protected:
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    static constexpr int kContainers = 1000;
+#else
+    static constexpr int kContainers = 10000;
+#endif
+    static constexpr int kFrames = 10;
+    static constexpr int kReports = 4;
+    static constexpr int kCounters = 12;
+    static inline const std::string kClass = "large";
+
+    LargeReports() {
+        for (int i = 1; i <= kCounters; ++i) {
+            names_.push_back("c" + std::to_string(i));
+        }
+        std::vector<CounterName> described;
+        for (const std::string& name : names_) {
+            described.push_back({name, 1});
+        }
+        CounterClasses classes = usualClasses();
+        classes.emplace_back(kClass, described);
+        agent().setVocabulary(vocabularyOf(classes));
+        for (int i = 0; i < kContainers; ++i) {
+            containers_.push_back(renumbered(wireEnv(1000 + i), 1000 + i));
+        }
+        agent().change(containers_);
+        EXPECT_TRUE(settle());
+        read(kClass);
+    }
+    /// The next link has the usual containers again.
+    ~LargeReports() override {
+        agent().hangUp();
+        EXPECT_TRUE(settle());
+    }
+
+    /// All counters of all containers are `value`.
+    std::vector<wire::Frame> reportOf(std::int64_t value) {
+        std::vector<wire::Frame> frames;
+        constexpr int part = kContainers / kFrames;
+        for (int frame = 0; frame < kFrames; ++frame) {
+            std::vector<CounterRow> rows;
+            for (int i = frame * part; i < (frame + 1) * part; ++i) {
+                rows.push_back(
+                    rowOf(containers_[static_cast<std::size_t>(i)], "1", std::vector<std::int64_t>(kCounters, value)));
+            }
+            frames.push_back(reportFrame(agent().monitor(), {groupOf(kClass, names_, rows)}));
+            frames.back().mutable_counter_sample()->set_continued(frame + 1 < kFrames);
+        }
+        return frames;
+    }
+
+    std::vector<std::string> names_;
+    std::vector<wire::Environment> containers_;
+};
+
+/// @return what all counters of all containers are; -1 when they are not the same, or some are missing
+std::int64_t valueOfAll(const ClassStats& stats, std::size_t containers, std::size_t counters) {
+    if (stats.size() != containers) {
+        return -1;
+    }
+    const std::int64_t value = stats.begin()->second.begin()->second.begin()->second.value1.integer;
+    for (const auto& [veid, instances] : stats) {
+        const CounterMap& read = instances.begin()->second;
+        const bool isWhole =
+            instances.size() == 1 && read.size() == counters &&
+            std::all_of(read.begin(), read.end(), [&](const auto& entry) {
+                return entry.second.value1.integer == value && entry.second.value3.integer == 3 * value;
+            });
+        if (!isWhole) {
+            return -1;
+        }
+    }
+    return value;
+}
+
+TEST_F(LargeReports, AreReadAsAWholeOrNotAtAll) {
+    std::vector<std::vector<wire::Frame>> reports;
+    for (int value = 1; value <= kReports; ++value) {
+        reports.push_back(reportOf(value));
+    }
+    std::atomic<bool> begun{false};
+    // The first read is of the first report: an empty cache is filled by a query, whose answer is stored without the
+    // lock.
+    std::thread reporter([&] {
+        eventually([&] { return begun.load(); });
+        for (auto report = reports.begin() + 1; report != reports.end(); ++report) {
+            for (const wire::Frame& frame : *report) {
+                agent().send(frame);
+            }
+        }
+    });
+    for (const wire::Frame& frame : reports[0]) {
+        agent().send(frame);
+    }
+    EXPECT_TRUE(settle());
+    begun = true;
+    std::int64_t seen = 1;
+    const bool sawTheLast = eventually([&] {
+        const std::int64_t now = valueOfAll(monitor.getStats(kClass), kContainers, kCounters);
+        EXPECT_GE(now, seen) << "half a report, or an old one";
+        seen = now;
+        return now == kReports || HasFailure();
+    });
+    reporter.join();
+    EXPECT_TRUE(sawTheLast);
+    EXPECT_TRUE(settle());
 }
 
 // Rows, and the names of their columns, which are fetched from the vocabulary of the moment.

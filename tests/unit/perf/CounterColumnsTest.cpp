@@ -4,6 +4,7 @@
 #include "tables/VeNetworkCountersTableData.h"
 #include "tables/VeQuotaCountersTableData.h"
 #include "tests/support/LogCapture.h"
+#include "tests/unit/mib/LogFormats.h"
 #include "tests/unit/perf/PerfFixture.h"
 
 namespace kx::test {
@@ -78,12 +79,16 @@ protected:
         }
         return values;
     }
+    static const std::string& formatOf(const VeQuotaCountersTableData&) { return kUnknownTag; }
+    static const std::string& formatOf(const VeNetworkCountersTableData&) { return kUnknownLongTag; }
     template <typename Row>
     static void expectNullAndLogged(Row row, const std::vector<unsigned>& tags) {
         for (const unsigned tag : tags) {
             const LogCapture log;
+            const LogFormats formats;
             EXPECT_TRUE(row[tag].isNull()) << tag;
             EXPECT_THAT(log.lines(), ElementsAre(unknownTag(tag)));
+            EXPECT_THAT(formats.formats(), ElementsAre(formatOf(row)));
         }
     }
     template <typename Row>

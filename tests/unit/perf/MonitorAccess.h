@@ -1,5 +1,5 @@
 // The monitor's inner steps, for what no agent can bring about through its interface: a container without any class,
-// a class without instances, an accumulated counter that is held as doubles, a fourth word that is not 0.
+// a class without instances, an accumulated counter that is held as doubles, a fourth word that is not 0. And its lock.
 #pragma once
 
 #include "link/SNMPNodeLocal.h"
@@ -27,9 +27,15 @@ struct CounterTypes {
     friend Member memberOf(CounterTypes);
 };
 
+struct MonitorLock {
+    using Member = KXLLock SNMPNodePerfomanceMonitor::*;
+    friend Member memberOf(MonitorLock);
+};
+
 template struct Expose<MergeStats, &SNMPNodePerfomanceMonitor::mergeStats>;
 template struct Expose<StoreMonitorData, &SNMPNodePerfomanceMonitor::storeMonitorData>;
 template struct Expose<CounterTypes, &SNMPNodePerfomanceMonitor::counterTypes>;
+template struct Expose<MonitorLock, &SNMPNodePerfomanceMonitor::lock>;
 
 inline void mergeStats(SNMPNodePerfomanceMonitor& monitor, const CounterMap& incoming, CounterMap& target) {
     (monitor.*memberOf(MergeStats()))(incoming, target);
@@ -40,6 +46,10 @@ inline void storeMonitorData(SNMPNodePerfomanceMonitor& monitor, const std::vect
 }
 inline std::map<std::string, std::int32_t>& counterTypes(SNMPNodePerfomanceMonitor& monitor) {
     return monitor.*memberOf(CounterTypes());
+}
+
+inline KXLLock& lockOf(SNMPNodePerfomanceMonitor& monitor) {
+    return monitor.*memberOf(MonitorLock());
 }
 
 }  // namespace kx::test

@@ -1,6 +1,10 @@
 // What a monitor asks the agent for when it is read.
+#include <future>
+#include <mutex>
+
 #include "link/SNMPNodeLocal.h"
 #include "tests/support/LogCapture.h"
+#include "tests/unit/perf/MonitorAccess.h"
 #include "tests/unit/perf/PerfFixture.h"
 
 namespace kx::test {
@@ -149,6 +153,29 @@ TEST_F(Subscriptions, DoNotLockTheCacheWhileAQueryIsUnderWay) {
                            answerFrame(request, {bytesOf({rowOf(kWeb, "1", {2})})})};
     });
     EXPECT_EQ(read(), (Readings{{101, {{"1", {{"bytes_in", 7}}}}}}));
+}
+
+// The lock is somebody else's from before the answer until the read is through: whoever wanted it for storing the
+// answer would wait for it in vain.
+TEST_F(Subscriptions, DoNotLockTheCacheToStoreAQuerysAnswerEither) {
+    std::promise<void> taken;
+    std::promise<void> release;
+    std::thread holder;
+    agent().answerQueries([&](const wire::Frame& request) {
+        holder = std::thread([&] {
+            const std::lock_guard guard(lockOf(monitor));
+            taken.set_value();
+            release.get_future().wait();
+        });
+        taken.get_future().wait();
+        return std::vector{answerFrame(request, {bytesOf({rowOf(kWeb, "1", {5})})})};
+    });
+    auto result = std::async(std::launch::async, [this] { return read(); });
+    EXPECT_EQ(result.wait_for(kPatience), std::future_status::ready);
+    release.set_value();
+    EXPECT_EQ(result.get(), kOfWeb);
+    ASSERT_TRUE(holder.joinable());
+    holder.join();
 }
 
 // The one path that writes the cache without its lock; here nothing else is under way.

@@ -4,9 +4,11 @@
 #include <gmock/gmock.h>
 
 #include <boost/make_shared.hpp>
+#include <future>
 #include <limits>
 #include <mutex>
 
+#include "client/src/loop/Loop.h"
 #include "daemon/link/SNMPNodeLocal.h"
 #include "daemon/traps/InitTraps.h"
 #include "daemon/traps/SNMPNotificationData.h"
@@ -54,6 +56,13 @@ KXLEID eidOf(const std::string& bytes) {
 const wire::Environment kWeb = container(1, 101);
 const wire::Environment kUnnumbered = container(2, std::nullopt);
 
+/// The host itself is in the list, too.
+wire::Environment host() {
+    wire::Environment env = wireEnv(0, "host");
+    env.set_eid(kServerEidBytes);
+    return env;
+}
+
 /// An agent with two containers that sends what it is told to those who subscribe.
 class AlertingAgent {
 public:
@@ -83,7 +92,7 @@ private:
             return;
         }
         if (!request.has_event_subscribe()) {
-            if (serveFirstData(peer, {kWeb, kUnnumbered})) {
+            if (serveFirstData(peer, {kWeb, kUnnumbered, host()})) {
                 answerUntilClosed(peer);
             }
             return;
@@ -151,6 +160,17 @@ TEST_F(Alerts, AboutAContainerBecomeATrapWithItsNumberAndTheAlertsThreeParts) {
                                                 TrapVariable{kValue, ASN_COUNTER64, counter64(17)}));
 }
 
+TEST_F(Alerts, AreSentOnTheThreadOfTheEventLoop) {
+    std::promise<std::thread::id> loopsThread;
+    SNMPNodeLocal::instance()->getAccessPoint()->getAccess()->getEventLoop()->loop()->post(
+        [&] { loopsThread.set_value(std::this_thread::get_id()); });
+    agent->send(alertEvent(kWeb.eid(), "text"));
+    const auto traps = trapsAfter(1);
+    ASSERT_THAT(traps, SizeIs(1));
+    EXPECT_EQ(traps[0].thread, loopsThread.get_future().get());
+    EXPECT_NE(traps[0].thread, std::this_thread::get_id());
+}
+
 TEST_F(Alerts, CarryTheirTextByteForByte) {
     const std::vector<std::string> texts = {"",         std::string("\0nul\0", 5), "\"quoted\" 'too'", "größe 日本\n",
                                             "\xff\xfe", std::string(5000, 'x')};
@@ -187,6 +207,7 @@ TEST_F(Alerts, AboutAContainerWithoutANumberCarryMinusOne) {
 }
 
 TEST_F(Alerts, AboutTheHostItselfGiveNoTrap) {
+    ASSERT_TRUE(SNMPNodeLocal::instance()->getEnvCache()->getEnvCopy(eidOf(kServerEidBytes)));
     expectNoTrapOf({alertEvent(kServerEidBytes, "the host's")});
 }
 

@@ -1,10 +1,14 @@
 // Collects the traps that the agent library is asked to send, as it would send them.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "mib/LibraryLock.h"
 #include "mib/NetSnmp.h"
 
 // clang-format off
@@ -32,6 +36,7 @@ struct Trap {
     long genericTrap;
     long specificTrap;
     std::vector<TrapVariable> variables;
+    std::thread::id thread;  ///< that sent it
 };
 
 /// @brief While it lives, traps come here. One at a time.
@@ -54,9 +59,13 @@ public:
 
 private:
     static int take(int, int, void* message, void* self) {
+        EXPECT_TRUE(LibraryLock::isHeldHere()) << "a request may be answered on the same session meanwhile";
         const auto* const pdu = static_cast<const netsnmp_pdu*>(message);
-        Trap trap{
-            Oid(pdu->enterprise, pdu->enterprise + pdu->enterprise_length), pdu->trap_type, pdu->specific_type, {}};
+        Trap trap{Oid(pdu->enterprise, pdu->enterprise + pdu->enterprise_length),
+                  pdu->trap_type,
+                  pdu->specific_type,
+                  {},
+                  std::this_thread::get_id()};
         for (const netsnmp_variable_list* at = pdu->variables; at != nullptr; at = at->next_variable) {
             trap.variables.push_back({Oid(at->name, at->name + at->name_length), at->type,
                                       std::string(reinterpret_cast<const char*>(at->val.string), at->val_len)});
