@@ -63,6 +63,8 @@ ResourceWatch::ResourceWatch(ResourceWatchSettings settings, SignalSink sink, Lo
     if (!added) {
         throw std::runtime_error(fmt::format("epoll: {}", std::strerror(errno)));
     }
+    // Before any container's count is read: a kill in between would be taken for one outside of them.
+    lookAtHost(std::chrono::steady_clock::now());
     orders_.start([this] {
         lookAtDue();
         wait();

@@ -102,6 +102,10 @@ bool decodeCounters(const wire::CounterSample& from, std::vector<KXLMonitorData>
             reason = "a report of counters whose columns do not fit together";
             return false;
         }
+        // Most often each group has the same containers, once.
+        const auto rows = static_cast<std::size_t>(group.instances_size());
+        into.reserve(rows);
+        positions.reserve(rows);
         decodeGroup(group, into, positions);
     }
     return true;
