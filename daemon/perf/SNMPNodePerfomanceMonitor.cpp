@@ -211,17 +211,17 @@ void SNMPNodePerfomanceMonitor::storeMonitorData(const std::vector<KXLMonitorDat
 void SNMPNodePerfomanceMonitor::storeVeData(int veid, const KXLMonitorData::Classes& classes) {
     for (const auto& [className, sample] : classes) {
         InstanceMap& held = perfCache[className][veid];
-        InstanceMap fresh;
-        for (const auto& [instance, counters] : sample) {
-            const auto before = held.find(instance);
-            CounterMap& target = fresh[instance];
-            if (before != held.end()) {
-                target = std::move(before->second);  // what is held goes in any case
-            }
-            mergeStats(counters, target);
-        }
+        auto place = held.begin();
         // Instances that are not reported any more go; counters that are not stay, in instances that are.
-        held = std::move(fresh);
+        for (const auto& [instance, counters] : sample) {
+            while (place != held.end() && place->first < instance) {
+                place = held.erase(place);
+            }
+            place = findOrInsert(held, place, instance);
+            mergeStats(counters, place->second);
+            ++place;
+        }
+        held.erase(place, held.end());
     }
 }
 

@@ -34,8 +34,8 @@ public:
     virtual boost::intrusive_ptr<KXLEnvCache> getCache() const = 0;
 
     /// @brief Opens an event connection to an agent. Answers at once, from any thread: a failure to connect is told to
-    /// those who subscribe on it, by handleFailure. Several handlers may subscribe on one connection; what happens before
-    /// the first does is told to nobody.
+    /// those who subscribe on it, by handleFailure. Several handlers may subscribe on one connection; what happens
+    /// before the first does is told to nobody.
     /// @param eid the agent's own identifier
     /// @param name empty: of no meaning yet
     /// @return null when no access point of this access is connected to that agent, or the event loop does not run

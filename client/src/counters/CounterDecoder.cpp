@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <numeric>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 namespace kx::client {
 
@@ -48,31 +50,79 @@ std::vector<int> inNameOrder(const wire::CounterGroup& group) {
     return order;
 }
 
-KXLMonitorData& elementOf(std::string_view eid, std::vector<KXLMonitorData>& into, Positions& positions) {
-    const auto [known, isNew] = positions.emplace(eid, into.size());
-    if (isNew) {
-        KXLGUIDBase::Bytes bytes{};
-        std::copy(eid.begin(), eid.end(), bytes.begin());
-        into.push_back({KXLEID(bytes), {}});
-    }
-    return into[known->second];
-}
+/// Makes a report out of its groups, from the parts of an earlier one where these fit: of ten thousand containers
+/// reports have hundreds of thousands of parts, and seldom other ones than before.
+class ReportBuilder {
+public:
+    ReportBuilder(std::vector<KXLMonitorData>& report, std::vector<KXLMonitorData> earlier)
+        : report_(report), earlier_(std::move(earlier)) {}
 
-void decodeGroup(const wire::CounterGroup& group, std::vector<KXLMonitorData>& into, Positions& positions) {
-    const auto order = inNameOrder(group);
-    const std::int64_t* numbers = group.values().data();
-    for (int row = 0; row < group.instances_size(); ++row) {
-        const auto eid =
-            std::string_view(group.eids()).substr(static_cast<std::size_t>(row) * wire::kEidBytes, wire::kEidBytes);
-        auto& counters = elementOf(eid, into, positions).classes[group.class_name()][group.instances(row)];
-        for (const int counter : order) {
-            const auto offset = static_cast<std::size_t>(counter) * wire::kNumbersPerCounter;
-            counters.insert_or_assign(counters.end(), group.counters(counter),
-                                      statOf(numbers + offset, group.doubles()));
+    void add(const wire::CounterGroup& group) {
+        // Most often each group has the same containers, once.
+        const auto rows = static_cast<std::size_t>(group.instances_size());
+        report_.reserve(rows);
+        positions_.reserve(rows);
+        const auto order = inNameOrder(group);
+        const std::int64_t* numbers = group.values().data();
+        for (std::size_t row = 0; row < rows; ++row) {
+            const auto eid = std::string_view(group.eids()).substr(row * wire::kEidBytes, wire::kEidBytes);
+            addRow(group, positionOf(eid), group.instances(static_cast<int>(row)), order, numbers);
+            numbers += order.size() * wire::kNumbersPerCounter;
         }
-        numbers += order.size() * wire::kNumbersPerCounter;
     }
-}
+
+private:
+    using Counters = KXLMonitorData::Counters;
+    using Instances = KXLMonitorData::Instances;
+
+    std::size_t positionOf(std::string_view eid) {
+        const auto [known, isNew] = positions_.emplace(eid, report_.size());
+        if (isNew) {
+            KXLGUIDBase::Bytes bytes{};
+            std::copy(eid.begin(), eid.end(), bytes.begin());
+            report_.push_back({KXLEID(bytes), {}});
+        }
+        return known->second;
+    }
+
+    void addRow(const wire::CounterGroup& group, std::size_t position, const std::string& instance,
+                const std::vector<int>& order, const std::int64_t* numbers) {
+        auto& instances = report_[position].classes[group.class_name()];
+        auto known = instances.find(instance);
+        const bool isFirst = known == instances.end();
+        if (isFirst) {
+            auto part = earlierPart(position, group.class_name(), instance);
+            known = part ? instances.insert(std::move(part)).position : instances.try_emplace(instance).first;
+        }
+        Counters& counters = known->second;
+        auto place = counters.begin();
+        for (const int counter : order) {
+            const std::string& name = group.counters(counter);
+            // What an earlier report had, and this one has not.
+            while (isFirst && place != counters.end() && place->first < name) {
+                place = counters.erase(place);
+            }
+            const auto offset = static_cast<std::size_t>(counter) * wire::kNumbersPerCounter;
+            place = std::next(counters.insert_or_assign(place, name, statOf(numbers + offset, group.doubles())));
+        }
+        if (isFirst) {
+            counters.erase(place, counters.end());
+        }
+    }
+
+    /// @return the instance's counters in the earlier report, which are this one's now; nothing when it had none
+    Instances::node_type earlierPart(std::size_t position, const std::string& className, const std::string& instance) {
+        if (position >= earlier_.size() || !(earlier_[position].eid == report_[position].eid)) {
+            return {};
+        }
+        const auto found = earlier_[position].classes.find(className);
+        return found == earlier_[position].classes.end() ? Instances::node_type() : found->second.extract(instance);
+    }
+
+    std::vector<KXLMonitorData>& report_;
+    std::vector<KXLMonitorData> earlier_;
+    Positions positions_;
+};
 
 }  // namespace
 
@@ -96,17 +146,13 @@ SampleAssembler::Outcome SampleAssembler::take(std::uint64_t key, wire::CounterS
 }
 
 bool decodeCounters(const wire::CounterSample& from, std::vector<KXLMonitorData>& into, std::string& reason) {
-    Positions positions;
+    ReportBuilder report(into, std::exchange(into, {}));
     for (const wire::CounterGroup& group : from.groups()) {
         if (!isConsistent(group)) {
             reason = "a report of counters whose columns do not fit together";
             return false;
         }
-        // Most often each group has the same containers, once.
-        const auto rows = static_cast<std::size_t>(group.instances_size());
-        into.reserve(rows);
-        positions.reserve(rows);
-        decodeGroup(group, into, positions);
+        report.add(group);
     }
     return true;
 }

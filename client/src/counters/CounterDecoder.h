@@ -35,6 +35,7 @@ private:
 };
 
 /// @brief Decodes a whole report: one element a container, in the order in which they first appear.
+/// @param into an earlier report, of which only the memory is used, or nothing; is replaced
 /// @param reason receives why the report makes no sense
 /// @return false when it makes none; then `into` is of no worth
 bool decodeCounters(const wire::CounterSample& from, std::vector<KXLMonitorData>& into, std::string& reason);

@@ -43,6 +43,9 @@ public:
     /// @brief Forgets all in silence.
     void drop();
 
+    /// @return where a monitor's next report goes: its last one, to be written over, when nobody has it any more
+    std::shared_ptr<std::vector<KXLMonitorData>> storageFor(std::uint64_t number);
+
     /// @brief Delivers a report of a monitor. One of an unknown monitor is of one that was stopped meanwhile.
     void report(std::uint64_t number, const CounterReport& data);
     /// @brief Delivers an answer that nobody waits for any more, to the first monitor that reports its classes.
@@ -52,6 +55,7 @@ private:
     struct Monitor {
         MonitorHandlerPtr handler;
         std::set<std::string> classes;
+        std::shared_ptr<std::vector<KXLMonitorData>> last{};
     };
 
     void tell(const Monitor& monitor, int code);

@@ -99,7 +99,7 @@ void Session::takeSample(wire::CounterSample sample) {
         case SampleAssembler::Outcome::Complete:
             break;
     }
-    auto data = std::make_shared<std::vector<KXLMonitorData>>();
+    const auto data = monitors_.storageFor(number);
     std::string reason;
     if (!decodeCounters(sample, *data, reason)) {
         protocolError(reason);

@@ -3,7 +3,9 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <limits>
+#include <random>
 
 #include "tests/support/CounterScripts.h"
 
@@ -118,6 +120,55 @@ TEST(CounterDecoder, KeepsIntegersAndDoublesOfOneReportApart) {
     const Report report = decoded({goodGroup(), doubles});
     EXPECT_EQ(report.at(0).classes.at(kNet).at("1").at("in").kind, 1);
     EXPECT_EQ(report.at(0).classes.at(kQuota).at("1").at("in").kind, 0);
+}
+
+/// All that a report says, as a text.
+std::string textOf(const Report& report) {
+    std::string text;
+    for (const KXLMonitorData& container : report) {
+        text += container.eid.toString() + "\n";
+        for (const auto& [className, instances] : container.classes) {
+            for (const auto& [instance, counters] : instances) {
+                text += className + "/" + instance + ":";
+                for (const auto& [name, stat] : counters) {
+                    text += " " + name + "=" + std::to_string(stat.value1.integer) + "," + std::to_string(stat.kind);
+                }
+                text += "\n";
+            }
+        }
+    }
+    return text;
+}
+
+/// Makes reports up; containers, instances and counters come and go, and some are named twice.
+wire::CounterSample anyReport(std::mt19937& random) {
+    const auto below = [&](unsigned limit) { return static_cast<int>(random() % limit); };
+    std::vector<wire::CounterGroup> groups;
+    for (int group = below(4); group >= 0; --group) {
+        std::vector<std::string> names;
+        for (int counter = below(5); counter > 0; --counter) {
+            names.push_back(std::string(1, static_cast<char>('a' + below(6))));
+        }
+        std::vector<CounterRow> rows;
+        for (int row = below(6); row > 0; --row) {
+            std::vector<std::int64_t> values(names.size());
+            std::generate(values.begin(), values.end(), [&] { return below(1000); });
+            rows.push_back(rowOf(wireEnv(below(4)), std::to_string(below(3)), values));
+        }
+        groups.push_back(groupOf(below(2) == 0 ? kNet : kQuota, names, rows));
+    }
+    return sampleOf(groups);
+}
+
+TEST(CounterDecoder, LeavesNothingOfAnEarlierReportWhoseMemoryItUses) {
+    std::mt19937 random(7);
+    Report used;
+    for (int i = 0; i < 2000; ++i) {
+        const wire::CounterSample sample = anyReport(random);
+        std::string reason;
+        ASSERT_TRUE(client::decodeCounters(sample, used, reason)) << reason;
+        ASSERT_EQ(textOf(used), textOf(decoded(sample))) << i;
+    }
 }
 
 TEST(CounterDecoder, GathersAContainerFromSeveralGroupsAndClasses) {
