@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "agent/core/Log.h"
+#include "agent/base/Log.h"
 
 namespace kx::agent {
 namespace {

@@ -5,20 +5,12 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "agent/alerts/Alert.h"
 #include "agent/counters/CounterImage.h"
-#include "agent/inventory/Environment.h"
-#include "agent/vocabulary/Vocabulary.h"
+#include "agent/inventory/HostImage.h"
 
 namespace kx::agent {
-
-/// Everything a backend knows at one moment.
-struct HostImage {
-    std::vector<Environment> environments;  ///< containers only, in the backend's order; the agent adds the host
-    std::vector<Vocabulary> vocabularies;
-};
 
 /// Receives what a backend finds. Main thread only.
 class BackendListener {

@@ -8,7 +8,7 @@
 #include <csignal>
 
 #include "agent/backends/simulated/SimulatedBackend.h"
-#include "agent/core/Log.h"
+#include "agent/base/Log.h"
 #include "agent/core/MachineId.h"
 #include "agent/core/ServiceManager.h"
 

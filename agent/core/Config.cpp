@@ -9,8 +9,8 @@
 #include <filesystem>
 #include <functional>
 
-#include "agent/core/File.h"
-#include "agent/core/TomlGuard.h"
+#include "agent/base/File.h"
+#include "agent/base/TomlGuard.h"
 
 namespace kx::agent {
 namespace {

@@ -8,8 +8,8 @@
 #include <random>
 #include <stdexcept>
 
-#include "agent/core/File.h"
-#include "agent/core/Log.h"
+#include "agent/base/File.h"
+#include "agent/base/Log.h"
 
 namespace kx::agent {
 namespace {

@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <exception>
 
+#include "agent/base/Log.h"
 #include "agent/core/Agent.h"
-#include "agent/core/Log.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "agent/inventory/HostContent.h"
 
-#include "agent/core/Log.h"
+#include "agent/base/Log.h"
 #include "agent/inventory/WireEncoding.h"
 
 namespace kx::agent {

@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "agent/backends/Backend.h"
+#include "agent/inventory/HostImage.h"
 #include "agent/inventory/Inventory.h"
 
 namespace kx::agent {

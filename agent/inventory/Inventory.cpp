@@ -6,7 +6,7 @@
 #include <string_view>
 #include <unordered_set>
 
-#include "agent/core/Log.h"
+#include "agent/base/Log.h"
 #include "agent/inventory/WireEncoding.h"
 #include "wire/Protocol.h"
 

@@ -7,7 +7,7 @@
 #include <boost/asio/post.hpp>
 #include <cerrno>
 
-#include "agent/core/Log.h"
+#include "agent/base/Log.h"
 #include "wire/Protocol.h"
 
 namespace kx::agent {

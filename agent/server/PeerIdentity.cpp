@@ -6,7 +6,7 @@
 
 #include <cerrno>
 
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 #include "wire/Protocol.h"
 
 namespace kx::agent {

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "agent/core/Log.h"
+#include "agent/base/Log.h"
 #include "wire/Protocol.h"
 
 namespace kx::agent {

@@ -16,10 +16,10 @@
 
 #include "agent/alerts/Alert.h"
 #include "agent/counters/CounterService.h"
-#include "agent/inventory/EventFrames.h"
 #include "agent/inventory/HostContent.h"
 #include "agent/server/AccessPolicy.h"
 #include "agent/server/Connection.h"
+#include "agent/server/EventFrames.h"
 #include "agent/server/ServerLimits.h"
 #include "agent/server/SocketFile.h"
 

@@ -12,8 +12,8 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "agent/core/File.h"
-#include "agent/core/Log.h"
+#include "agent/base/File.h"
+#include "agent/base/Log.h"
 
 namespace kx::agent {
 namespace {

@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent {
 

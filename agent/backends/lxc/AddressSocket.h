@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 #include "agent/inventory/Environment.h"
 
 namespace kx::agent::lxc {

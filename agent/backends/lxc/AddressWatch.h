@@ -29,7 +29,7 @@
 #include "agent/backends/lxc/LookPacer.h"
 #include "agent/backends/lxc/NetworkSpace.h"
 #include "agent/backends/lxc/OrderThread.h"
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 #include "agent/inventory/Environment.h"
 
 namespace kx::agent::lxc {

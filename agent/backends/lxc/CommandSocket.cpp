@@ -10,7 +10,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <toml++/toml.h>
 
-#include "agent/core/TomlGuard.h"
+#include "agent/base/TomlGuard.h"
 
 namespace kx::agent::lxc {
 namespace {

@@ -17,7 +17,7 @@
 #include "agent/backends/lxc/LxcState.h"
 #include "agent/backends/lxc/RecheckList.h"
 #include "agent/backends/lxc/RootFile.h"
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 #include "agent/inventory/Environment.h"
 
 namespace kx::agent::lxc {

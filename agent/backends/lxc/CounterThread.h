@@ -23,7 +23,7 @@
 #include "agent/backends/lxc/LogSink.h"
 #include "agent/backends/lxc/NetDevText.h"
 #include "agent/backends/lxc/NetworkSpace.h"
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 #include "agent/counters/CounterImage.h"
 
 namespace kx::agent::lxc {

@@ -4,7 +4,7 @@
 
 #include <sys/types.h>
 
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 

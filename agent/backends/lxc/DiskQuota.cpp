@@ -13,7 +13,7 @@
 #include <limits>
 #include <optional>
 
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 namespace {

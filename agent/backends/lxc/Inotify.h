@@ -7,7 +7,7 @@
 #include <map>
 #include <string>
 
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 

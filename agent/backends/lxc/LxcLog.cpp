@@ -1,6 +1,6 @@
 #include "agent/backends/lxc/LxcLog.h"
 
-#include "agent/core/Log.h"
+#include "agent/base/Log.h"
 
 namespace kx::agent::lxc {
 

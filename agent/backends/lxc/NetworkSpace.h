@@ -8,7 +8,7 @@
 
 #include <functional>
 
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 

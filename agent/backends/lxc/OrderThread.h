@@ -10,7 +10,7 @@
 #include <mutex>
 #include <thread>
 
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 

@@ -26,7 +26,7 @@
 #include "agent/backends/lxc/OrderThread.h"
 #include "agent/backends/lxc/ResourceWatchContainer.h"
 #include "agent/backends/lxc/ResourceWatchHost.h"
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 

@@ -12,7 +12,7 @@
 #include <memory>
 #include <utility>
 
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 namespace {

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <utility>
 
-#include "agent/core/File.h"
+#include "agent/base/File.h"
 
 namespace kx::agent::lxc {
 namespace {

@@ -11,7 +11,7 @@
 #include <optional>
 #include <string>
 
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 

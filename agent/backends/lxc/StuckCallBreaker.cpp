@@ -12,7 +12,7 @@
 #include <string_view>
 
 #include "agent/backends/lxc/SignalMask.h"
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 namespace {

@@ -13,8 +13,8 @@
 #include <limits>
 
 #include "agent/backends/lxc/RootFile.h"
-#include "agent/core/File.h"
-#include "agent/core/TomlGuard.h"
+#include "agent/base/File.h"
+#include "agent/base/TomlGuard.h"
 #include "wire/Protocol.h"
 
 namespace kx::agent::lxc {

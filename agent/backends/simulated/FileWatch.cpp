@@ -10,7 +10,7 @@
 #include <list>
 #include <stdexcept>
 
-#include "agent/core/Log.h"
+#include "agent/base/Log.h"
 
 namespace kx::agent::simulated {
 namespace {

@@ -5,7 +5,7 @@
 
 #include "agent/backends/simulated/InventoryFile.h"
 #include "agent/backends/simulated/TomlFields.h"
-#include "agent/core/TomlGuard.h"
+#include "agent/base/TomlGuard.h"
 #include "wire/Protocol.h"
 
 namespace kx::agent::simulated {

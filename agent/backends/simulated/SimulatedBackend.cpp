@@ -10,7 +10,7 @@
 #include "agent/backends/simulated/FileWatch.h"
 #include "agent/backends/simulated/SimulatedCounters.h"
 #include "agent/backends/simulated/SimulatedHost.h"
-#include "agent/core/Log.h"
+#include "agent/base/Log.h"
 
 namespace kx::agent {
 namespace {

@@ -9,8 +9,8 @@
 #include <cstring>
 
 #include "agent/backends/simulated/GeneratedContainers.h"
-#include "agent/core/File.h"
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/File.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::simulated {
 namespace {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "client/src/session/Deliveries.h"
+#include "client/src/values/Deliveries.h"
 
 namespace kx::client {
 

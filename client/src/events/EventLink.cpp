@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "client/src/events/MessageReader.h"
-#include "client/src/session/Handshake.h"
-#include "client/src/session/Timeouts.h"
+#include "client/src/loop/Timeouts.h"
+#include "client/src/transport/Handshake.h"
 
 namespace kx::client {
 

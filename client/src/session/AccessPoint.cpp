@@ -1,8 +1,8 @@
 #include <kxl/KXLAccessPointPrototype.h>
 
+#include "client/src/loop/Timeouts.h"
 #include "client/src/session/Session.h"
 #include "client/src/session/SessionDirectory.h"
-#include "client/src/session/Timeouts.h"
 
 boost::intrusive_ptr<KXLAccessPointPrototype> KXLAccessPointPrototype::createInstance(
     boost::intrusive_ptr<KXLAccessPrototype> access, boost::intrusive_ptr<KXLEnvCache> cache) {

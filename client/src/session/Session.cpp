@@ -6,8 +6,8 @@
 #include <mutex>
 #include <random>
 
-#include "client/src/session/Deliveries.h"
-#include "client/src/session/Timeouts.h"
+#include "client/src/loop/Timeouts.h"
+#include "client/src/values/Deliveries.h"
 #include "wire/Framing.h"
 
 namespace kx::client {

@@ -1,6 +1,6 @@
 // The part of a session that is about performance counters: monitors and one-shot queries.
+#include "client/src/loop/Timeouts.h"
 #include "client/src/session/Session.h"
-#include "client/src/session/Timeouts.h"
 
 namespace kx::client {
 

@@ -1,9 +1,9 @@
 // The loop-thread half of a session: its states and what moves it between them.
 #include "client/src/cache/EnvDecoder.h"
-#include "client/src/session/Deliveries.h"
-#include "client/src/session/Handshake.h"
+#include "client/src/loop/Timeouts.h"
 #include "client/src/session/Session.h"
-#include "client/src/session/Timeouts.h"
+#include "client/src/transport/Handshake.h"
+#include "client/src/values/Deliveries.h"
 #include "client/src/values/Log.h"
 
 namespace kx::client {

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "agent/core/File.h"
+#include "agent/base/File.h"
 #include "tests/unit/agent/ServerFixture.h"
 
 namespace kx::agent {

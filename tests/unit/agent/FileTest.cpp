@@ -1,4 +1,4 @@
-#include "agent/core/File.h"
+#include "agent/base/File.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 #include "tests/unit/agent/TemporaryFolder.h"
 
 namespace kx::agent {

@@ -15,7 +15,7 @@
 #include <future>
 #include <thread>
 
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 #include "agent/server/Server.h"
 #include "tests/unit/agent/TemporaryFolder.h"
 #include "wire/Protocol.h"

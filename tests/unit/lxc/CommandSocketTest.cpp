@@ -9,7 +9,7 @@
 #include <cstddef>
 
 #include "agent/backends/lxc/StuckCallBreaker.h"
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 namespace {

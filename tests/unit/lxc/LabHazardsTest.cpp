@@ -8,7 +8,7 @@
 #include <csignal>
 
 #include "agent/backends/lxc/CommandSocket.h"
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 #include "tests/unit/lxc/LabRig.h"
 
 namespace kx::agent::lxc {

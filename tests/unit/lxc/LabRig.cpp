@@ -16,7 +16,7 @@
 
 #include "agent/backends/lxc/CgroupTree.h"
 #include "agent/backends/lxc/CommandSocket.h"
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 namespace {

@@ -1,4 +1,4 @@
-#include "agent/core/Log.h"
+#include "agent/base/Log.h"
 
 #include <fmt/format.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "agent/core/TomlGuard.h"
+#include "agent/base/TomlGuard.h"
 
 #include <fmt/format.h>
 

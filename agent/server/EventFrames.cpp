@@ -1,4 +1,4 @@
-#include "agent/inventory/EventFrames.h"
+#include "agent/server/EventFrames.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "agent/core/File.h"
+#include "agent/base/File.h"
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -11,7 +11,7 @@
 #include <filesystem>
 #include <system_error>
 
-#include "agent/core/OwnedDescriptor.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent {
 namespace {

@@ -1,4 +1,4 @@
-#include "client/src/session/Handshake.h"
+#include "client/src/transport/Handshake.h"
 
 #include <cerrno>
 
