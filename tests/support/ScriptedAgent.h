@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/TemporaryFolder.h"
 #include "wire/Framing.h"
 #include "wire/Protocol.h"
 
@@ -120,32 +121,12 @@ private:
     wire::FrameReader reader_;
 };
 
-/// @brief A folder of its own, removed at the end.
-class TemporaryFolder {
-public:
-    TemporaryFolder() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "kxtest-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) {
-            throw std::runtime_error("mkdtemp");
-        }
-        path_ = pattern;
-    }
-    ~TemporaryFolder() { std::filesystem::remove_all(path_); }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-    std::string file(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
-
 /// @brief Listens on a socket in a folder of its own and runs `script` for each connection, on a thread each.
 class ScriptedAgent {
 public:
     using Script = std::function<void(PeerSocket&)>;
 
-    explicit ScriptedAgent(Script script) : script_(std::move(script)), path_(folder_.file("agent.sock")) { listen(); }
+    explicit ScriptedAgent(Script script) : script_(std::move(script)), path_(folder_ / "agent.sock") { listen(); }
     /// @param path where to listen instead; replaced if it is there
     ScriptedAgent(std::string path, Script script) : script_(std::move(script)), path_(std::move(path)) { listen(); }
 

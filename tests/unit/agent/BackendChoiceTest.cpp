@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "tests/unit/agent/TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace kx::agent {
 namespace {

@@ -6,7 +6,7 @@
 
 #include <fstream>
 
-#include "tests/unit/agent/TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace kx::agent {
 namespace {

@@ -11,7 +11,7 @@
 #include <fstream>
 
 #include "agent/base/OwnedDescriptor.h"
-#include "tests/unit/agent/TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace kx::agent {
 namespace {

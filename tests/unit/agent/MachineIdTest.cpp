@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/unit/agent/TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace kx::agent {
 namespace {

@@ -17,7 +17,7 @@
 
 #include "agent/base/OwnedDescriptor.h"
 #include "agent/server/Server.h"
-#include "tests/unit/agent/TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 #include "wire/Protocol.h"
 
 namespace kx::test {

@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
-#include "tests/unit/agent/TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace kx::agent {
 namespace {

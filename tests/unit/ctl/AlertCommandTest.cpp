@@ -154,8 +154,8 @@ TEST(AlertRaise, TakesTheTextAsItIs) {
 TEST(AlertRaise, TakesTheTextFromAFile) {
     const TemporaryFolder folder;
     const std::string content("a\0b\n\xff", 5);
-    std::ofstream(folder.file("text"), std::ios::binary) << content;
-    EXPECT_EQ(asked({"--host", "--code", "1", "--text-file", folder.file("text")}).text(), content);
+    std::ofstream((folder / "text"), std::ios::binary) << content;
+    EXPECT_EQ(asked({"--host", "--code", "1", "--text-file", (folder / "text")}).text(), content);
 }
 
 TEST(AlertRaise, RepeatsTheSameRequestAndTellsHowLongItTook) {

@@ -23,8 +23,8 @@ std::string problemOf(const std::string& path) {
 TEST(AlertText, IsTheFileByteForByte) {
     const test::TemporaryFolder folder;
     const std::string content = std::string("a\0b\n\xff", 5) + std::string(200'000, 'x');
-    std::ofstream(folder.file("text"), std::ios::binary) << content;
-    EXPECT_EQ(readAlertText(folder.file("text")), content);
+    std::ofstream((folder / "text"), std::ios::binary) << content;
+    EXPECT_EQ(readAlertText((folder / "text")), content);
 }
 
 TEST(AlertText, MayBeEmpty) {

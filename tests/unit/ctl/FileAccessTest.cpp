@@ -17,19 +17,19 @@ constexpr uid_t kStranger = 4711;
 class FileAccess : public testing::Test {
 protected:
     void SetUp() override {
-        std::filesystem::create_directory(folder_.file("sub"));
+        std::filesystem::create_directory((folder_ / "sub"));
         std::ofstream(path_) << "";
         set(0755, 0660);
     }
 
     void set(mode_t folder, mode_t file) {
-        ASSERT_EQ(::chmod(folder_.file("").c_str(), 0755), 0);
-        ASSERT_EQ(::chmod(folder_.file("sub").c_str(), folder), 0);
+        ASSERT_EQ(::chmod(folder_.path().c_str(), 0755), 0);
+        ASSERT_EQ(::chmod((folder_ / "sub").c_str(), folder), 0);
         ASSERT_EQ(::chmod(path_.c_str(), file), 0);
     }
 
     const test::TemporaryFolder folder_;
-    const std::string path_ = folder_.file("sub") + "/socket";
+    const std::string path_ = (folder_ / "sub") + "/socket";
 };
 
 TEST_F(FileAccess, LetsRootPassEverywhere) {
@@ -45,7 +45,7 @@ TEST_F(FileAccess, NamesTheSocketThatAStrangerMayNotWriteTo) {
 
 TEST_F(FileAccess, NamesTheFolderThatDoesNotLetPass) {
     set(0700, 0666);
-    EXPECT_EQ(obstacleTo(path_, {kStranger, {kStranger}}), folder_.file("sub"));
+    EXPECT_EQ(obstacleTo(path_, {kStranger, {kStranger}}), (folder_ / "sub"));
 }
 
 TEST_F(FileAccess, LetsMembersOfTheGroupPass) {

@@ -121,12 +121,12 @@ std::string wordsWithoutAgent(const std::string& socket) {
 
 TEST(Program, TellsWhyTheAgentCannotBeReached) {
     const TemporaryFolder folder;
-    EXPECT_THAT(wordsWithoutAgent(folder.file("none")), HasSubstr("No such file or directory (is kxagentd running?)"));
-    std::ofstream(folder.file("file")) << "";
-    EXPECT_THAT(wordsWithoutAgent(folder.file("file")), HasSubstr("is not a socket"));
-    EXPECT_THAT(wordsWithoutAgent(folder.file("file") + "/below"), HasSubstr("Not a directory"));
-    ASSERT_EQ(::mkfifo(folder.file("fifo").c_str(), 0600), 0);
-    EXPECT_THAT(wordsWithoutAgent(folder.file("fifo")), HasSubstr("is not a socket"));
+    EXPECT_THAT(wordsWithoutAgent((folder / "none")), HasSubstr("No such file or directory (is kxagentd running?)"));
+    std::ofstream((folder / "file")) << "";
+    EXPECT_THAT(wordsWithoutAgent((folder / "file")), HasSubstr("is not a socket"));
+    EXPECT_THAT(wordsWithoutAgent((folder / "file") + "/below"), HasSubstr("Not a directory"));
+    ASSERT_EQ(::mkfifo((folder / "fifo").c_str(), 0600), 0);
+    EXPECT_THAT(wordsWithoutAgent((folder / "fifo")), HasSubstr("is not a socket"));
 }
 
 TEST(Program, TellsThatASocketWithoutAnAgentIsOne) {

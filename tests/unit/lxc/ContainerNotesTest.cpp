@@ -3,7 +3,8 @@
 #include <gmock/gmock.h>
 
 #include "agent/backends/lxc/ContainerRecord.h"
-#include "tests/unit/lxc/TestFolder.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/unit/lxc/LogLines.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -76,7 +77,7 @@ protected:
     }
     void read() { readNotes(record_, path_.path(), log_.sink()); }
 
-    TestFolder path_;
+    test::TemporaryFolder path_;
     LogLines log_;
     ContainerRecord record_;
 };

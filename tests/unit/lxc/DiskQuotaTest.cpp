@@ -7,7 +7,7 @@
 #include <cstring>
 #include <limits>
 
-#include "tests/unit/lxc/TestFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -69,7 +69,7 @@ TEST(DiskQuotaTest, whatIsTooLargeIsTheLargest) {
 }
 
 TEST(DiskQuotaTest, withoutAFolderThereIsNothing) {
-    const TestFolder folder;
+    const test::TemporaryFolder folder;
     folder.write("file", "text");
     for (const std::string& path : {std::string(), folder / "missing", folder / "file"}) {
         const QuotaReading reading = readDiskQuota(path, kProject);
@@ -79,7 +79,7 @@ TEST(DiskQuotaTest, withoutAFolderThereIsNothing) {
 }
 
 TEST(DiskQuotaTest, withoutProjectQuotasNothingIsInvented) {
-    const TestFolder folder;
+    const test::TemporaryFolder folder;
     folder.write("root/file", "text");
     const QuotaReading reading = readDiskQuota(folder / "root", kProject);
     EXPECT_NE(reading.error, 0);
@@ -88,7 +88,7 @@ TEST(DiskQuotaTest, withoutProjectQuotasNothingIsInvented) {
 }
 
 TEST(DiskQuotaTest, aFolderWithAFileSystemToItselfUsesWhatThatUses) {
-    const TestFolder folder;
+    const test::TemporaryFolder folder;
     folder.write("root/hidden", "text");
     const MountedFolder mount(folder / "root");
     if (mount.error() != 0) {

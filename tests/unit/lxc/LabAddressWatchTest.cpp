@@ -63,7 +63,7 @@ public:
     void ip(const std::vector<std::string>& words) const { run(ipCommand(pid(), words)); }
 
     void batch(const std::string& lines) const {
-        const TestFolder folder;
+        const test::TemporaryFolder folder;
         folder.write("lines", lines);
         ip({"-batch", folder / "lines"});
     }
@@ -238,7 +238,7 @@ TEST_F(LabNamespaceEndTest, aNamespaceThatWasForgottenMayEnd) {
 }
 
 TEST_F(LabNamespaceEndTest, aNamespaceThatIsLeftMayEnd) {
-    const TestFolder folder;
+    const test::TemporaryFolder folder;
     const std::string go = folder / "go";
     Dweller dweller({"sh", "-c", "until [ -e " + go + " ]; do sleep 0.01; done; exec unshare -n sleep 1000"});
     attach(dweller);
@@ -309,7 +309,7 @@ TEST_F(LabAddressWatchTest, takesSoManyAddressesAndNoMore) {
 }
 
 TEST_F(LabAddressWatchTest, oneThatChangesAllTheTimeDoesNotKeepAnotherFromBeingSeen) {
-    const TestFolder folder;
+    const test::TemporaryFolder folder;
     std::string lines = "link set lo up\n";
     for (int i = 0; i < 1000; ++i) {
         lines += fmt::format(

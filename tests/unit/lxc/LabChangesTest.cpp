@@ -202,7 +202,7 @@ TEST(LabPathTest, aPathWithoutAFolderAboveItIsAnErrorThatNamesIt) {
 }
 
 TEST(LabPathTest, aHostHasContainersWhenOneIsConfigured) {
-    const TestFolder path;
+    const test::TemporaryFolder path;
     EXPECT_FALSE(lxcHasContainers(path / "missing"));
     std::filesystem::create_directories(path / "empty");
     path.write(".hidden/config", "");

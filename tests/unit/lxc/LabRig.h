@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "agent/backends/lxc/LxcBackend.h"
-#include "tests/unit/lxc/TestFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace kx::agent::lxc {
 
@@ -114,7 +114,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
-    TestFolder state_;
+    test::TemporaryFolder state_;
     boost::asio::io_context io_;
     boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
     std::unique_ptr<Backend> backend_;

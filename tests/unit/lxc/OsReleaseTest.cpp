@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 
-#include "tests/unit/lxc/TestFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -57,7 +57,7 @@ protected:
         std::filesystem::create_symlink(target, box_ / "root/etc/os-release");
     }
 
-    TestFolder box_;
+    test::TemporaryFolder box_;
     OwnedDescriptor root_;
 };
 

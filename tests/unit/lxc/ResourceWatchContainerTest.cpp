@@ -6,8 +6,8 @@
 
 #include <limits>
 
+#include "tests/support/TemporaryFolder.h"
 #include "tests/unit/alerts/PrintAlert.h"
-#include "tests/unit/lxc/TestFolder.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -65,7 +65,7 @@ protected:
         return resourceSignal(eid_, source, code, value);
     }
 
-    TestFolder folder_;
+    test::TemporaryFolder folder_;
     int hits_ = 0;
     int kills_ = 0;
     const Eid eid_ = Eid::fromName("machine", "web");

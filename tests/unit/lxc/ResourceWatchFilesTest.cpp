@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/unit/lxc/TestFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -14,7 +14,7 @@ protected:
     ResourceFolder v1() const { return {folder_.path(), false}; }
     ResourceFolder v2() const { return {folder_.path(), true}; }
 
-    TestFolder folder_;
+    test::TemporaryFolder folder_;
 };
 
 // ---- where the cgroups are ----

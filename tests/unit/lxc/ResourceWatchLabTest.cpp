@@ -256,7 +256,7 @@ TEST_F(ResourceLabTest, aFileCacheThatFillsTheLimitIsHealthyAndProcessesThatDoAr
     times_.confirmLevel = milliseconds(2500);
     times_.quietAfterLevel = milliseconds(500);
     // On a disk: the lab's own files are in memory, where there is no cache to be dropped.
-    const TestFolder disk;
+    const test::TemporaryFolder disk;
     makeAndStart("web", memoryLimit("200M") + "lxc.mount.entry = " + disk.path() + " mnt none bind 0 0\n");
     startWatch();
     track("web");

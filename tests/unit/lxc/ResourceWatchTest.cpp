@@ -14,7 +14,7 @@
 #include <iterator>
 #include <map>
 
-#include "tests/unit/lxc/TestFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -156,7 +156,7 @@ protected:
         told_.clear();
     }
 
-    TestFolder folder_;
+    test::TemporaryFolder folder_;
     const Eid host_ = eidOf("host");
     ResourceTimes times_;
     int happened_ = 0;

@@ -4,7 +4,8 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include "tests/unit/lxc/TestFolder.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/unit/lxc/LogLines.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -18,7 +19,7 @@ class VeIdStoreTest : public ::testing::Test {
 protected:
     VeIdStore open() { return VeIdStore(state_.path(), log_.sink()); }
 
-    TestFolder state_;
+    test::TemporaryFolder state_;
     LogLines log_;
 };
 

@@ -37,11 +37,7 @@ template <typename Good>
 std::string errorOf(const std::variant<Good, InventoryError>& result) {
     const auto* error = std::get_if<InventoryError>(&result);
     if (error == nullptr) {
-        {
-            {
-                { return "good"; }
-            }
-        }
+        return "good";
     }
     return std::to_string(error->line) + ":" + std::to_string(error->column) + ": " + error->message;
 }

@@ -11,10 +11,13 @@
 #include <iterator>
 #include <memory>
 
-#include "TemporaryFolder.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace kx::agent::simulated {
 namespace {
+
+using test::TemporaryFolder;
+using test::writeFile;
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
@@ -172,7 +175,7 @@ TEST_F(SimulatedBackendTest, DoesNotStartWithoutAFile) {
 }
 
 TEST_F(SimulatedBackendTest, DoesNotStartOnAFolderOrADevice) {
-    EXPECT_EQ(errorOfStart(folder_.path()), folder_.path().string() + ": is not a regular file");
+    EXPECT_EQ(errorOfStart(folder_.path()), folder_.path() + ": is not a regular file");
     EXPECT_EQ(errorOfStart("/dev/zero"), "/dev/zero: is not a regular file");
 }
 

@@ -1,11 +1,14 @@
 // Which folders are watched for a path.
 #include <gmock/gmock.h>
 
-#include "TemporaryFolder.h"
 #include "agent/backends/simulated/FileWatch.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace kx::agent::simulated {
 namespace {
+
+using test::TemporaryFolder;
+using test::writeFile;
 
 namespace fs = std::filesystem;
 
