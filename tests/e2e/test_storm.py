@@ -3,10 +3,13 @@
 import re
 import threading
 import time
+from collections import Counter
 
-from support.host import ROOT, Host
+from support.agentpeer import AgentPeer
+from support.host import ENTRY, ROOT, Host
+from support.parts import Agent
 from support.raising import AlertRaiser
-from support.snmp import SnmpClient, SnmpTimeout
+from support.snmp import SnmpClient
 from support.traps import SINK_PORT, TrapSink
 from support.wait import waitUntil
 
@@ -17,46 +20,77 @@ WALKERS = 5
 ANSWER_DEADLINE_S = 1.0
 SETTLE_DEADLINE_S = 60
 
+NUMBERS = ENTRY + (1,)  # the column of containers' numbers
+
 _MORE = re.compile(rb" \(and (\d+) more\)$")
 
 
-class Walker(threading.Thread):
-    """Walks everything again and again, and notes the longest that an answer took."""
+class Asker(threading.Thread):
+    """Asks again and again, and notes the longest that an answer took."""
 
-    def __init__(self, port):
+    def __init__(self):
         super().__init__()
         self.longestS = 0.0
         self.answers = 0
         self.error = None
-        self._client = SnmpClient(port)
         self._ending = threading.Event()
 
     def run(self):
         try:
-            last = ROOT
             while not self._ending.is_set():
-                last = self._step(last)
-        except (SnmpTimeout, AssertionError) as error:
+                started = time.monotonic()
+                self.ask()
+                self.longestS = max(self.longestS, time.monotonic() - started)
+                self.answers += 1
+        except Exception as error:  # whatever it is, the test is to tell it
             self.error = error
-        finally:
-            self._client.close()
-
-    def _step(self, last):
-        started = time.monotonic()
-        (varbind,) = self._client.getnext([last], timeoutSeconds=3 * ANSWER_DEADLINE_S)
-        self.longestS = max(self.longestS, time.monotonic() - started)
-        self.answers += 1
-        return varbind.oid if varbind.value is not None and varbind.oid[: len(ROOT)] == ROOT else ROOT
 
     def end(self):
         self._ending.set()
         self.join()
 
 
-def standsFor(trap):
-    """How many alerts a trap stands for: itself and those that its text counts."""
-    counted = _MORE.search(trap.variables[1].value)
-    return 1 + (int(counted.group(1)) if counted else 0)
+class Walker(Asker):
+    """A manager that walks everything, a step at a time."""
+
+    def __init__(self, port):
+        super().__init__()
+        self.rows = []  # that each finished walk has visited
+        self._visited = 0
+        self._last = ROOT
+        self._client = SnmpClient(port)
+
+    def ask(self):
+        (varbind,) = self._client.getnext([self._last], timeoutSeconds=3 * ANSWER_DEADLINE_S)
+        if varbind.value is not None and varbind.oid[: len(ROOT)] == ROOT:
+            self._last = varbind.oid
+            self._visited += varbind.oid[: len(NUMBERS)] == NUMBERS
+        else:
+            self.rows.append(self._visited)
+            self._last, self._visited = ROOT, 0
+
+    def end(self):
+        super().end()
+        self._client.close()
+
+
+class Client(Asker):
+    """A client of the management agent that connects, introduces itself and asks for a sign of life."""
+
+    def ask(self):
+        with AgentPeer(Agent.SOCKET, timeoutSeconds=3 * ANSWER_DEADLINE_S) as peer:
+            peer.handshake()
+            peer.ask("ping")
+            assert peer.receiveFrame().HasField("pong")
+
+
+def alertsOfEach(traps):
+    """Container -> how many alerts were told of it: those that came and those that their texts count."""
+    alerts = Counter()
+    for trap in traps:
+        counted = _MORE.search(trap.variables[1].value)
+        alerts[trap.variables[0].value] += 1 + (int(counted.group(1)) if counted else 0)
+    return alerts
 
 
 def raiseAll():
@@ -80,33 +114,41 @@ def raiseAll():
 def test_a_storm_of_alerts_is_delivered_or_counted_while_everybody_answers(record_property):
     sink = TrapSink()
     host = Host(trapPorts=[SINK_PORT])
-    walkers = []
+    askers = []
     try:
         host.agent.writeConfig('backend = "simulated"', "[alerts]\nrepeat_seconds = 2\n")
         host.startAll(f"[host]\ngenerate = {CONTAINERS}\n")
         sink.waitForSubscription(FIRST_GENERATED_NUMBER)
         walkers = [Walker(host.snmpd.port) for _ in range(WALKERS)]
-        for walker in walkers:
-            walker.start()
+        client = Client()
+        askers = [*walkers, client]
+        for asker in askers:
+            asker.start()
         raisedInS = raiseAll()
         waitUntil(
-            lambda: sum(map(standsFor, sink.traps())) >= ALERTS, SETTLE_DEADLINE_S, "every alert has come or was counted"
+            lambda: alertsOfEach(sink.traps()).total() >= ALERTS, SETTLE_DEADLINE_S, "each alert has come or was counted"
         )
-        for walker in walkers:
-            walker.end()
+        waitUntil(
+            lambda: all(walker.rows or walker.error for walker in walkers), SETTLE_DEADLINE_S, "all have walked once"
+        )
+        for asker in askers:
+            asker.end()
         traps = sink.traps()
-        assert sum(map(standsFor, traps)) == ALERTS
-        assert [walker.error for walker in walkers] == [None] * WALKERS
+        numbers = range(FIRST_GENERATED_NUMBER, FIRST_GENERATED_NUMBER + CONTAINERS)
+        assert alertsOfEach(traps) == {number: ALERTS // CONTAINERS for number in numbers}
+        assert [asker.error for asker in askers] == [None] * len(askers)
+        assert {rows for walker in walkers for rows in walker.rows} == {CONTAINERS}
         longest = max(walker.longestS for walker in walkers)
         figures = f"{ALERTS} alerts in {raisedInS:.2f} s, {len(traps)} traps, "
-        figures += f"{sum(walker.answers for walker in walkers)} answers, the slowest {longest * 1000:.0f} ms"
+        figures += f"{sum(walker.answers for walker in walkers)} answers, the slowest {longest * 1000:.0f} ms; "
+        figures += f"of the agent {client.answers}, the slowest {client.longestS * 1000:.0f} ms"
         print(figures)
         record_property("figures", figures)
-        assert longest <= ANSWER_DEADLINE_S
+        assert longest <= ANSWER_DEADLINE_S and client.longestS <= ANSWER_DEADLINE_S
         assert host.kxsnmp.stop() == 0
     finally:
-        for walker in walkers:
-            walker.end()
+        for asker in askers:
+            asker.end()
         host.close()
         sink.close()
         reports = host.reports()

@@ -109,22 +109,38 @@ def test_an_alert_about_a_container_without_a_number_has_the_highest_number(rais
     assert trap.variables[:2] == variables(NO_NUMBER, b"unnumbered", 0, 0)[:2]
 
 
-def test_snmptrapd_shows_the_trap(host, raiser, sink):
+# What snmpd puts behind ours.
+SNMPDS_OWN = (".1.3.6.1.6.3.1.1.4.3.0", "OID: .1.3.6.1.4.1.53864.2")
+
+SHOWN = [
+    (
+        {"veid": 101, "code": -2, "text": b'say "yes"', "value": 2**63 - 1},
+        ["Gauge32: 101", 'STRING: "say \\"yes\\""', "INTEGER: -2", "Counter64: 9223372036854775807"],
+    ),
+    (
+        {"eid": UNNUMBERED_EID, "code": -(2**31), "text": b"", "value": -1},
+        ["Gauge32: 4294967295", '""', "INTEGER: -2147483648", "Counter64: 18446744073709551615"],
+    ),
+    (
+        {"veid": 101, "code": 2, "text": "a\0ü".encode(), "value": -(2**63)},
+        ["Gauge32: 101", "Hex-STRING: 61 00 C3 BC ", "INTEGER: 2", "Counter64: 9223372036854775808"],
+    ),
+]
+
+
+def test_snmptrapd_shows_the_traps(host, raiser, sink):
     trapd = Snmptrapd(host.folder / "snmptrapd", TRAPD_PORT)
     trapd.start()
     try:
-        raiser.alert(veid=101, code=-2, text=b'say "yes"', value=2**63 - 1)
-        (shown,) = waitUntil(trapd.traps, 20, "snmptrapd shows a trap")
+        for alert, _ in SHOWN:
+            raiser.alert(**alert)
+        traps = waitUntil(lambda: len(trapd.traps()) == len(SHOWN) and trapd.traps(), 20, "snmptrapd shows the traps")
     finally:
         trapd.stop()
-    uptime, oid, *rest = shown
-    assert oid == (".1.3.6.1.6.3.1.1.4.1.0", "OID: .1.3.6.1.4.1.53864.2.0.1")
-    assert rest[:4] == [
-        (".1.3.6.1.4.1.53864.1.1.4.1.1", "Gauge32: 101"),
-        (".1.3.6.1.4.1.53864.1.1.9", 'STRING: "say \\"yes\\""'),
-        (".1.3.6.1.4.1.53864.1.1.10", "INTEGER: -2"),
-        (".1.3.6.1.4.1.53864.1.1.11", "Counter64: 9223372036854775807"),
-    ]
+    oids = [f".1.3.6.1.4.1.53864.1.1.{place}" for place in ("4.1.1", "9", "10", "11")]
+    for (uptime, oid, *rest), (_, values) in zip(traps, SHOWN, strict=True):
+        assert oid == (".1.3.6.1.6.3.1.1.4.1.0", "OID: .1.3.6.1.4.1.53864.2.0.1")
+        assert rest == [*zip(oids, values), SNMPDS_OWN]
 
 
 SENT_AT_MOST = 6  # by net-snmp, a second apart
