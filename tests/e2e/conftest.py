@@ -28,21 +28,12 @@ def pytest_runtest_makereport(item):
                 report.sections.extend(fixture.logs())
 
 
-def _closeAndJudge(host):
-    try:
-        host.close()
-        reports = host.reports()
-    finally:
-        host.removeFolder()
-    assert not reports, "\n".join(reports)
-
-
 @pytest.fixture
 def host():
     """A host with nothing running. Ends whatever the test started; a sanitizer's report fails the test."""
     made = host_module.Host()
     yield made
-    _closeAndJudge(made)
+    made.closeAndJudge()
 
 
 @pytest.fixture(scope="module")
@@ -53,7 +44,7 @@ def describedHost(request):
         made.startAll(request.module.INVENTORY)
         yield made
     finally:
-        _closeAndJudge(made)
+        made.closeAndJudge()
 
 
 @pytest.fixture(scope="module")

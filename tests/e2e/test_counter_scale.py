@@ -3,9 +3,8 @@
 import os
 from typing import NamedTuple
 
-from support.agentpeer import AgentPeer
 from support.host import NETWORK_COUNTERS, QUOTA_COUNTERS
-from support.parts import Agent
+from support.reportpeer import ReportPeer
 from support.wait import waitUntil
 
 CONTAINERS = 10000
@@ -20,24 +19,6 @@ ROUNDING_S = 1e-6  # of times, far below what is between two reports
 _TICKS_PER_S = os.sysconf("SC_CLK_TCK")
 
 
-class ReportCounter(AgentPeer):
-    """Sees the periods go by: it monitors one container that does not exist, in the same period as kxsnmp."""
-
-    def __init__(self):
-        super().__init__(Agent.SOCKET, timeoutSeconds=20)
-        self.handshake()
-        frame = self.schema.Frame(request_id=1)
-        frame.monitor_start.classes.append(b"counters_kx_net")
-        frame.monitor_start.eids.append(bytes(16))
-        frame.monitor_start.period_seconds = 30
-        self.sendFrame(frame)
-        assert self.receiveFrame().HasField("done")
-
-    def waitForReports(self, count):
-        for _ in range(count):
-            assert self.receiveFrame().HasField("counter_sample")
-
-
 def processorMs(pid):
     with open(f"/proc/{pid}/stat") as file:
         fields = file.read().rpartition(")")[2].split()
@@ -47,7 +28,7 @@ def processorMs(pid):
 def costs(host):
     """@return processor milliseconds of kxagentd and of kxsnmp, a report of both classes"""
     pids = (host.agent.pid, host.kxsnmp.pid)
-    with ReportCounter() as reports:
+    with ReportPeer() as reports:
         reports.waitForReports(1)
         before = [processorMs(pid) for pid in pids]
         reports.waitForReports(REPORTS)

@@ -46,10 +46,7 @@ def runningAgent(limits="", inventory=INVENTORY):
         host.agent.start()
         yield host.agent
     finally:
-        host.close()
-        reports = host.reports()
-        host.removeFolder()
-    assert not reports, "\n".join(reports)
+        host.closeAndJudge()
 
 
 @pytest.fixture

@@ -36,10 +36,7 @@ def labHost(lab):
         try:
             lab.destroyAll()
         finally:
-            made.close()
-            reports = made.reports()
-            made.removeFolder()
-    assert not reports, "\n".join(reports)
+            made.closeAndJudge()
 
 
 def table(host):

@@ -57,10 +57,7 @@ def labHost(lab, sink):
         try:
             lab.destroyAll()
         finally:
-            made.close()
-            reports = made.reports()
-            made.removeFolder()
-    assert not reports, "\n".join(reports)
+            made.closeAndJudge()
 
 
 class KernelLog:

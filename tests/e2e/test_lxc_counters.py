@@ -8,9 +8,9 @@ import threading
 from pathlib import Path
 
 import pytest
-from support.agentpeer import AgentPeer
 from support.host import NETWORK_COUNTERS, QUOTA_COUNTERS, Host
 from support.parts import Agent
+from support.reportpeer import ReportPeer
 from support.snmp import COUNTER64
 from support.wait import waitUntil
 
@@ -112,11 +112,10 @@ def counted(lab):
         made.waitForSubtree()
         yield made
     finally:
-        made.close()
-        made.proxy.close()
-        reports = made.reports()
-        made.removeFolder()
-    assert not reports, "\n".join(reports)
+        try:
+            made.closeAndJudge()
+        finally:
+            made.proxy.close()
 
 
 def isRunning(lab, name):
@@ -348,32 +347,6 @@ def test_an_interface_that_is_added_to_a_running_container_has_a_row_of_its_inde
     waitForKernels(counted, lab, "101")
 
 
-class ReportWatch(AgentPeer):
-    """Sees the reports go by: it monitors a container that does not exist, in the same period as kxsnmp."""
-
-    def __init__(self, host):
-        super().__init__(host.agent.SOCKET)
-        self.handshake()
-        frame = self.schema.Frame(request_id=1)
-        frame.monitor_start.classes.append(b"counters_kx_net")
-        frame.monitor_start.eids.append(bytes(16))
-        frame.monitor_start.period_seconds = 30
-        self.sendFrame(frame)
-        assert self.receiveFrame().HasField("done")
-
-    def waitForReport(self):
-        self.setTimeout(PUSHED_WITHIN_S)
-        assert self.receiveFrame().HasField("counter_sample")
-
-    def sees(self):
-        """Whether there was a report that was not waited for."""
-        self.setTimeout(0)
-        try:
-            return self.receiveFrame()
-        except BlockingIOError:
-            return None
-
-
 def setPeriod(host, settings):
     before = readings(host)
     host.agent.writeConfig('backend = "lxc"', settings)
@@ -390,13 +363,13 @@ def test_a_container_that_was_restarted_between_two_reports_shows_its_new_counte
     earlier = waitForKernels(counted, lab, "102", "extra")
     oldIndex = indexOf(lab, "102")
     setPeriod(counted, NEVER)
-    with ReportWatch(counted) as reports:
+    with ReportPeer(counted.agent.SOCKET, PUSHED_WITHIN_S) as reports:
         lab.do("stop", "102")
         lab.do("start", "102")
         addInterface(lab, "102", 1)
         assert not reports.sees(), "it was restarted between two reports"
         setPeriod(counted, QUICK)
-        reports.waitForReport()
+        reports.waitForReports(1)
     later = waitForKernels(counted, lab, "102", "extra", RECONNECT_DEADLINE_S)
     assert 0 < later[PACKETS_OUT] < earlier[PACKETS_OUT]
     waitForKernels(counted, lab, "102")

@@ -93,10 +93,7 @@ def alertedHost(sink):
         sink.waitForSubscription(FIRST_GENERATED_NUMBER)
         yield made
     finally:
-        made.close()
-        reports = made.reports()
-        made.removeFolder()
-    assert not reports, "\n".join(reports)
+        made.closeAndJudge()
 
 
 class Walker(threading.Thread):

@@ -46,10 +46,7 @@ def host(sink):
         sink.waitForSubscription(PROBED)
         yield made
     finally:
-        made.close()
-        reports = made.reports()
-        made.removeFolder()
-    assert not reports, "\n".join(reports)
+        made.closeAndJudge()
 
 
 @pytest.fixture
@@ -254,10 +251,7 @@ def test_alerts_arrive_when_the_agent_comes_after_kxsnmp(sink):
         assert host.client.get([VEID + (101,)])[0].value == 101
         sink.waitForSubscription(PROBED, RECONNECT_DEADLINE_S)
     finally:
-        host.close()
-        reports = host.reports()
-        host.removeFolder()
-    assert not reports, "\n".join(reports)
+        host.closeAndJudge()
 
 
 def test_kxsnmp_ends_in_order_while_alerts_come(host, raiser):

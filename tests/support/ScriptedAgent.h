@@ -18,28 +18,12 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/Eventually.h"
 #include "tests/support/TemporaryFolder.h"
 #include "wire/Framing.h"
 #include "wire/Protocol.h"
 
 namespace kx::test {
-
-/// How long anything in a test may take before it counts as not happening.
-inline constexpr std::chrono::seconds kPatience{20};
-
-/// @brief Waits until `condition` holds.
-/// @return whether it did within the deadline
-template <typename Condition>
-bool eventually(Condition condition, std::chrono::milliseconds deadline = kPatience) {
-    const auto end = std::chrono::steady_clock::now() + deadline;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 /// @brief One accepted connection, seen from the agent. Every read gives up after kPatience.
 class PeerSocket {

@@ -121,6 +121,15 @@ class Host:
             self.client.close()
             self.syslog.close()
 
+    def closeAndJudge(self):
+        """Ends everything and leaves nothing; a sanitizer's report is a failure."""
+        try:
+            self.close()
+            reports = self.reports()
+        finally:
+            self.removeFolder()
+        assert not reports, "\n".join(reports)
+
     def removeFolder(self):
         """After close(), and after reports() was asked."""
         shutil.rmtree(self.folder, ignore_errors=True)

@@ -14,21 +14,10 @@
 namespace kx::agent {
 namespace {
 
+using test::eventually;
 using test::Peer;
 using testing::HasSubstr;
 using testing::StartsWith;
-
-template <typename Condition>
-bool eventually(Condition condition) {
-    const auto deadline = std::chrono::steady_clock::now() + test::kPatience;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 /// @return the names of the environments behind the host; nothing when there is no agent that tells
 std::optional<std::vector<std::string>> containersShownBy(const std::string& socket) {

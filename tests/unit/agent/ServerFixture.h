@@ -17,13 +17,11 @@
 
 #include "agent/base/OwnedDescriptor.h"
 #include "agent/server/Server.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/TemporaryFolder.h"
 #include "wire/Protocol.h"
 
 namespace kx::test {
-
-/// How long anything may take before it counts as not happening.
-inline constexpr std::chrono::seconds kPatience{20};
 
 /// A client's end of a connection. What it reads, it waits for with a deadline.
 class Peer {

@@ -183,10 +183,7 @@ TEST_F(ServerRefusal, refusedPeersThatLingerTakeNoPlaceAndAreBounded) {
             return ::poll(&closed, 1, 0) == 0;
         });
     };
-    const auto deadline = std::chrono::steady_clock::now() + test::kPatience;
-    while (held() > 4 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    EXPECT_TRUE(test::eventually([&] { return held() <= 4; }));
     EXPECT_EQ(held(), 4);
     EXPECT_TRUE(first.isServed());
 }
