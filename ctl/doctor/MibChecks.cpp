@@ -91,7 +91,9 @@ Finding mibFinding(const std::optional<std::string>& unaided, const std::optiona
 }
 
 Finding examineNames() {
-    return mibFinding(askForNumber({}), askForNumber({"-m", kModule}));
+    const auto unaided = askForNumber({});
+    const bool isEnough = !unaided || isTranslated(*unaided);
+    return mibFinding(unaided, isEnough ? unaided : askForNumber({"-m", kModule}));
 }
 
 }  // namespace kx::ctl

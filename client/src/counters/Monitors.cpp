@@ -40,17 +40,16 @@ void Monitors::drop() {
 }
 
 std::shared_ptr<std::vector<KXLMonitorData>> Monitors::storageFor(std::uint64_t number) {
-    auto fresh = std::make_shared<std::vector<KXLMonitorData>>();
     const auto monitor = monitors_.find(number);
-    if (monitor == monitors_.end()) {
-        return fresh;
-    }
     // All who may have it are deliveries, on this thread.
-    auto& last = monitor->second.last;
-    if (!last || last.use_count() > 1) {
-        last = std::move(fresh);
+    if (monitor != monitors_.end() && monitor->second.last.use_count() == 1) {
+        return monitor->second.last;
     }
-    return last;
+    auto fresh = std::make_shared<std::vector<KXLMonitorData>>();
+    if (monitor != monitors_.end()) {
+        monitor->second.last = fresh;
+    }
+    return fresh;
 }
 
 void Monitors::report(std::uint64_t number, const CounterReport& data) {
