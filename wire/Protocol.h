@@ -20,6 +20,8 @@ inline constexpr std::string_view kCapabilityVocabulary = "vocabulary";  ///< vo
 inline constexpr std::string_view kCapabilityEvents = "events";          ///< event subscriptions
 inline constexpr std::string_view kCapabilityRaise = "raise";            ///< answers requests to raise an alert
 inline constexpr std::string_view kCapabilityCounters = "counters";      ///< monitors and counter queries
+inline constexpr std::string_view kCapabilityEventAcks = "event-acks";   ///< event consumers and acknowledgements
+inline constexpr std::string_view kCapabilityDeparted = "departed";      ///< environments that are gone
 
 /// Numbers of one counter in one row of a counter group.
 inline constexpr std::size_t kNumbersPerCounter = 3;
