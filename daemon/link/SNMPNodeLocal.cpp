@@ -48,6 +48,15 @@ ClassStats SNMPNodeLocal::getStats(const std::string& className) {
     return impl->getStats(className);
 }
 
+CounterRowsPtr SNMPNodeLocal::getCounterRows(const std::string& className) {
+    return impl->counters().getRows(className);
+}
+
+bool SNMPNodeLocal::copyCounters(const std::string& className, const CounterRowsPtr& rows,
+                                 const std::vector<std::uint32_t>& places, std::vector<CounterMap>& into) {
+    return impl->counters().copyCounters(className, rows, places, into);
+}
+
 void SNMPNodeLocal::addReceiver(const boost::intrusive_ptr<KXLReceiver<KXLEvent>>& receiver) {
     impl->addReceiver(receiver);
 }

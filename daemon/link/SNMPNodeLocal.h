@@ -5,8 +5,10 @@
 #pragma once
 
 #include <boost/intrusive_ptr.hpp>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "events/KXLReceiver.h"
 #include "perf/ClassStats.h"
@@ -41,6 +43,12 @@ public:
     /// @param className e.g. "counters_kx_quota"
     /// @return empty when there is no data; that is no error
     ClassStats getStats(const std::string& className);
+
+    /// @brief The rows of a counter class, and the counters of some: see SNMPNodePerfomanceMonitor. Neither asks the
+    /// agent.
+    CounterRowsPtr getCounterRows(const std::string& className);
+    bool copyCounters(const std::string& className, const CounterRowsPtr& rows,
+                      const std::vector<std::uint32_t>& places, std::vector<CounterMap>& into);
 
     /// @brief Registers a receiver of the agent's events, after those registered before it.
     void addReceiver(const boost::intrusive_ptr<KXLReceiver<KXLEvent>>& receiver);

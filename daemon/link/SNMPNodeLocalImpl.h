@@ -45,6 +45,7 @@ public:
 
     boost::intrusive_ptr<KXLAccessPointPrototype> getAccessPoint();
     ClassStats getStats(const std::string& className) { return perfMonitor.getStats(className); }
+    SNMPNodePerfomanceMonitor& counters() { return perfMonitor; }
     void addReceiver(const boost::intrusive_ptr<KXLReceiver<KXLEvent>>& receiver);
     void dispatchEvent(const KXLEvent& event);
 

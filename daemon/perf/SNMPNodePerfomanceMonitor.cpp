@@ -3,7 +3,7 @@
 #include <kxa/KXAEnvConfig.h>
 
 #include <boost/make_shared.hpp>
-#include <mutex>
+#include <set>
 #include <utility>
 
 #include "link/SNMPNodeLocal.h"
@@ -89,8 +89,9 @@ public:
         if (monitor != nullptr) {
             // Asked for before the monitor's lock is taken: the link has its own, which comes first.
             const auto environments = environmentsOfLink();
-            const std::lock_guard guard(monitor->lock);
+            const auto guard = monitor->lockCache();
             monitor->storeMonitorData(data, environments);
+            ++monitor->stores;
         }
     }
 
@@ -98,20 +99,31 @@ private:
     SNMPNodePerfomanceMonitor* const monitor;  ///< not owned: the link stops all callbacks before the monitor goes
 };
 
+/// @brief What a query answered, and under which circumstances it was asked.
+struct SNMPNodePerfomanceMonitor::Answer {
+    std::vector<KXLMonitorData> data;
+    boost::intrusive_ptr<KXLEnvCache> environments;
+    std::map<std::string, std::int32_t> types;
+    std::uint64_t stores = 0;
+    std::uint64_t connection = 0;
+};
+
 /// @brief Remembers who is in the cache; at its end, whoever was not kept is taken out of every class.
 class SNMPNodePerfomanceMonitor::StaleVeSweeper {
 public:
-    explicit StaleVeSweeper(std::map<std::string, ClassStats>& cache) : cache_(cache) {
-        for (const auto& [name, stats] : cache_) {
+    explicit StaleVeSweeper(SNMPNodePerfomanceMonitor& monitor) : monitor_(monitor) {
+        for (const auto& [name, stats] : monitor_.perfCache) {
             for (const auto& [veid, instances] : stats) {
                 stale_.insert(stale_.end(), veid);
             }
         }
     }
     ~StaleVeSweeper() {
-        for (auto& [name, stats] : cache_) {
+        for (auto& [name, stats] : monitor_.perfCache) {
             for (const int veid : stale_) {
-                stats.erase(veid);
+                if (stats.erase(veid) != 0) {
+                    monitor_.rowLists.erase(name);
+                }
             }
         }
     }
@@ -121,35 +133,101 @@ public:
     void keep(int veid) { stale_.erase(veid); }
 
 private:
-    std::map<std::string, ClassStats>& cache_;
+    SNMPNodePerfomanceMonitor& monitor_;
     std::set<int> stale_;
 };
+
+SNMPNodePerfomanceMonitor::~SNMPNodePerfomanceMonitor() {
+    const std::unique_ptr<const Answer> unused(waiting.exchange(nullptr));
+}
 
 ClassStats SNMPNodePerfomanceMonitor::getStats(const std::string& className) {
     const auto accessPoint = accessPointOfLink();
     if (!accessPoint) {
         return {};
     }
+    auto answer = std::make_unique<Answer>();
     {
-        const std::lock_guard guard(lock);
+        const auto guard = lockCache();
         if (perfCache.find(className) == perfCache.end() && startMonitoring({className}, accessPoint) != 0) {
             return {};
         }
-        ClassStats known = perfCache[className];
+        const ClassStats& known = perfCache[className];
         if (!known.empty()) {
             return known;
         }
+        answer->types = counterTypes;
+        answer->stores = stores;
+        answer->connection = connections;
     }
     KXLPerfMonAgent agent(accessPoint->getEID(), accessPoint);
     agent.getRequest().getContext()->setHandler(nullptr);
     agent.getRequest().getContext()->setSynchronous(true);
-    std::vector<KXLMonitorData> answer;
-    if (agent.query(answer, {}, allCountersOf({className})) != 0) {
+    if (agent.query(answer->data, {}, allCountersOf({className})) != 0) {
         return {};
     }
-    // Without the lock, on purpose: see the header.
-    storeMonitorData(answer, environmentsOfLink());
+    answer->environments = environmentsOfLink();
+    return storeAnswer(std::move(answer), className);
+}
+
+ClassStats SNMPNodePerfomanceMonitor::storeAnswer(std::unique_ptr<Answer> answer, const std::string& className) {
+    SNMPNodePerfomanceMonitor alone;
+    alone.counterTypes = answer->types;
+    alone.storeMonitorData(answer->data, answer->environments);
+    const std::uint64_t before = answer->stores;
+    const std::unique_ptr<const Answer> overwritten(waiting.exchange(answer.release()));
+    if (stores == before) {
+        return std::move(alone.perfCache[className]);
+    }
+    // A push came before the answer: increases in both add up. Its store is over, since one thread receives both.
+    const auto guard = lockCache();
     return perfCache[className];
+}
+
+std::unique_lock<KXLLock> SNMPNodePerfomanceMonitor::lockCache() {
+    std::unique_lock guard(lock);
+    takeAnswer();
+    return guard;
+}
+
+void SNMPNodePerfomanceMonitor::takeAnswer() {
+    const std::unique_ptr<const Answer> answer(waiting.exchange(nullptr));
+    // The increases of another connection are none of this one's: its first report starts from zero.
+    if (answer && answer->connection == connections) {
+        storeMonitorData(answer->data, answer->environments);
+    }
+}
+
+CounterRowsPtr SNMPNodePerfomanceMonitor::getRows(const std::string& className) {
+    const auto guard = lockCache();
+    const auto found = perfCache.find(className);
+    if (found == perfCache.end() || found->second.empty()) {
+        return nullptr;
+    }
+    CounterRowsPtr& known = rowLists[className];
+    if (!known) {
+        CounterRows rows;
+        for (const auto& [veid, instances] : found->second) {
+            for (const auto& [instance, counters] : instances) {
+                rows.push_back({veid, instance, &counters});
+            }
+        }
+        known = std::make_shared<const CounterRows>(std::move(rows));
+    }
+    return known;
+}
+
+bool SNMPNodePerfomanceMonitor::copyCounters(const std::string& className, const CounterRowsPtr& rows,
+                                             const std::vector<std::uint32_t>& places, std::vector<CounterMap>& into) {
+    const auto guard = lockCache();
+    const auto known = rowLists.find(className);
+    if (known == rowLists.end() || known->second != rows) {
+        return false;
+    }
+    for (const std::uint32_t place : places) {
+        into.push_back(*(*rows)[place].counters);
+    }
+    return true;
 }
 
 std::int32_t SNMPNodePerfomanceMonitor::startMonitoring(
@@ -183,6 +261,9 @@ std::int32_t SNMPNodePerfomanceMonitor::restart(const boost::intrusive_ptr<KXLAc
     std::map<std::string, ClassStats> old;  // freed after the lock is released
     const std::lock_guard guard(lock);
     old.swap(perfCache);
+    rowLists.clear();
+    ++connections;
+    ++stores;
     if (!accessPoint) {
         return 0;
     }
@@ -197,7 +278,7 @@ std::int32_t SNMPNodePerfomanceMonitor::restart(const boost::intrusive_ptr<KXLAc
 
 void SNMPNodePerfomanceMonitor::storeMonitorData(const std::vector<KXLMonitorData>& data,
                                                  const boost::intrusive_ptr<KXLEnvCache>& environments) {
-    StaleVeSweeper sweeper(perfCache);
+    StaleVeSweeper sweeper(*this);
     for (const KXLMonitorData& container : data) {
         const int veid = veidOf(environments.get(), container.eid);
         if (veid < 1 || container.classes.empty()) {
@@ -212,16 +293,24 @@ void SNMPNodePerfomanceMonitor::storeVeData(int veid, const KXLMonitorData::Clas
     for (const auto& [className, sample] : classes) {
         InstanceMap& held = perfCache[className][veid];
         auto place = held.begin();
+        bool hasOtherRows = false;
         // Instances that are not reported any more go; counters that are not stay, in instances that are.
         for (const auto& [instance, counters] : sample) {
             while (place != held.end() && place->first < instance) {
                 place = held.erase(place);
+                hasOtherRows = true;
             }
+            const std::size_t before = held.size();
             place = findOrInsert(held, place, instance);
+            hasOtherRows = hasOtherRows || held.size() != before;
             mergeStats(counters, place->second);
             ++place;
         }
+        hasOtherRows = hasOtherRows || place != held.end();
         held.erase(place, held.end());
+        if (hasOtherRows) {
+            rowLists.erase(className);
+        }
     }
 }
 

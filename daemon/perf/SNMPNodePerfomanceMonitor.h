@@ -2,17 +2,19 @@
 // is the system's own.)
 //
 // Nothing is collected until a class is first asked for. From then on the agent pushes fresh samples of it; a read is
-// served from the cache, and only while that has nothing for the class by a query of its own. There is no expiry: what
-// is there is as fresh as the last push, and a container goes with the push that lacks it.
+// served from the cache, and only while that has nothing for the class by a query. There is no expiry: what is there is
+// as fresh as the last push, and a container goes with the push that lacks it.
 //
-// Thread promise: any thread. Readers get private copies; the lock is held to look up, to copy, to store a push and to
-// start subscriptions, which does not wait. The one exception is a query's answer, see getStats().
+// Thread promise: any thread. The lock guards the cache; it is held to look up, to copy, to store a push and to start
+// subscriptions, none of which waits. A query's answer is stored without it, see getStats().
 #pragma once
 
+#include <atomic>
 #include <boost/intrusive_ptr.hpp>
 #include <cstdint>
 #include <map>
-#include <set>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -25,14 +27,33 @@
 /// @brief Keeps what the agent reports of each counter class.
 class SNMPNodePerfomanceMonitor {
 public:
+    SNMPNodePerfomanceMonitor() = default;
+    ~SNMPNodePerfomanceMonitor();
+    SNMPNodePerfomanceMonitor(const SNMPNodePerfomanceMonitor&) = delete;
+    SNMPNodePerfomanceMonitor& operator=(const SNMPNodePerfomanceMonitor&) = delete;
+
     /// @brief A copy of a class's counters. The first read of a class starts its subscription; as long as the cache has
     /// nothing of it, the agent is asked, for at most 500 ms.
     ///
-    /// What such a query answers is stored without the lock. That is the system's choice: queries are made only until
-    /// the first push, and rarely meet one.
+    /// Neither the query nor the store of its answer takes the lock: the answer is left, immutable, behind an atomic
+    /// pointer, and whoever holds the lock next folds it into the cache before anything else. Of two answers that
+    /// wait there the last one stays.
     /// @param className e.g. "counters_kx_quota"
     /// @return empty when nothing is known; that is no error
     ClassStats getStats(const std::string& className);
+
+    /// @brief Which rows a class has now. The list is the same object until an instance or a container comes or goes;
+    /// new values alone do not change it. Starts nothing and asks nobody.
+    /// @return null while nothing is known of the class
+    CounterRowsPtr getRows(const std::string& className);
+
+    /// @brief Copies the counters of some rows, all of them as of one moment.
+    /// @param rows what getRows() gave for the class
+    /// @param places positions in it
+    /// @param into receives one map for each place
+    /// @return false when the class has other rows by now; nothing is copied then
+    bool copyCounters(const std::string& className, const CounterRowsPtr& rows,
+                      const std::vector<std::uint32_t>& places, std::vector<CounterMap>& into);
 
     /// @brief A new connection is up: what was known of the old one is forgotten, and every class that was asked for is
     /// subscribed to anew, all in one subscription.
@@ -43,6 +64,16 @@ public:
 private:
     class LocalDataHandler;
     class StaleVeSweeper;
+    struct Answer;
+
+    /// @brief Takes the lock, and folds the answer that waits, if any, into the cache.
+    std::unique_lock<KXLLock> lockCache();
+    /// The lock must be held.
+    void takeAnswer();
+
+    /// @brief Leaves an answer to the next holder of the lock. The lock need not be held.
+    /// @return what it says of the class, on top of what was stored since the query was made
+    ClassStats storeAnswer(std::unique_ptr<Answer> answer, const std::string& className);
 
     /// @brief Subscribes to those of the classes that are not yet. The lock must be held.
     /// @return 0; -1 when there was nothing to start; otherwise the library's code
@@ -60,4 +91,10 @@ private:
     KXLLock lock;
     std::map<std::string, std::int32_t> counterTypes;  ///< by counter name; entries are never removed
     std::map<std::string, ClassStats> perfCache;       ///< a class is here once it was asked for
+
+    std::map<std::string, CounterRowsPtr> rowLists;  ///< of the classes whose rows have not changed since getRows()
+
+    std::atomic<const Answer*> waiting{nullptr};  ///< owned; exchanged as a whole
+    std::atomic<std::uint64_t> stores{0};         ///< pushes and restarts so far; written with the lock held
+    std::uint64_t connections = 0;                ///< restarts so far; guarded by the lock
 };

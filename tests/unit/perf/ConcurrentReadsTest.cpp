@@ -1,7 +1,6 @@
 // Tables that are read while reports arrive. Meant for the thread sanitizer; without it, it shows torn copies.
 //
-// A query's answer is stored without the cache's lock, which is the monitor's own choice: it relies on queries being
-// made only until the first report. So no read here meets an empty cache, and no test lets the two meet.
+// Most of them read a cache that reports have filled; Queries are the reads of a class of which nothing is known yet.
 #include <algorithm>
 #include <atomic>
 #include <thread>
@@ -13,6 +12,7 @@ namespace kx::test {
 namespace {
 
 constexpr int kRounds = 400;
+constexpr std::size_t kQueries = 50;
 
 class ConcurrentReads : public PerfFixture {
 protected:
@@ -71,6 +71,31 @@ TEST_F(ConcurrentReads, OfATableGiveOneReportOrTheOtherWhileReportsArrive) {
     EXPECT_TRUE(settle());
     EXPECT_EQ(read(kNet).at(101).at("1").at("bytes_in"), kRounds + 1) << "no increase was lost";
     EXPECT_TRUE(agent().queries().empty());
+}
+
+/// Reports take everything away and give it back, so that reads find nothing again and again and ask the agent, whose
+/// answer is stored without the lock.
+TEST_F(ConcurrentReads, ThatQueryTheAgentMeetReportsOfTheSameClass) {
+    const auto quota = groupOf(kQuota, {"q1", "q2"}, {rowOf(kWeb, "", {1, 1}), rowOf(kStore, "", {1, 1})});
+    agent().answerQueriesWith({quota});
+    std::atomic<bool> done{false};
+    std::thread reporter([&] {
+        while (!done) {
+            agent().send(reportFrame(subscription_, {}));
+            agent().send(reportFrame(subscription_, {quota}));
+        }
+    });
+    EXPECT_TRUE(eventually([&] {
+        const ClassStats stats = monitor.getStats(kQuota);
+        if (!stats.empty()) {
+            expectWhole(stats, "q1", "q2");
+        }
+        return HasFailure() || agent().queries().size() >= kQueries;
+    }));
+    done = true;
+    reporter.join();
+    EXPECT_TRUE(settle());
+    EXPECT_THAT(monitor.getStats(kQuota), testing::SizeIs(2));
 }
 
 /// As many containers as a large host has, with as many counters, in reports of as many frames as these take.

@@ -91,6 +91,17 @@ TEST_F(Restart, LeavesReportsOfTheOldSubscriptionsWelcome) {
     EXPECT_THAT(agent().stops(), IsEmpty());
 }
 
+// Both connections count from the container's start, so that increases of one are none of the other's.
+TEST_F(Restart, DuringAQueryKeepsItsAnswerOutOfTheNewTotals) {
+    agent().answerQueries([this](const wire::Frame& request) {
+        monitor.restart(accessPoint());
+        return std::vector{answerFrame(request, {bytesOf({rowOf(kWeb, "1", {5})})})};
+    });
+    read();
+    report({bytesOf({rowOf(kWeb, "1", {7})})});
+    EXPECT_EQ(read(), (Readings{{101, {{"1", {{"bytes_in", 7}}}}}}));
+}
+
 TEST_F(Restart, KeepsTheTypesOfCounters) {
     readFirst({kNet});
     agent().setVocabulary(vocabularyOf({{kNet, {{"bytes_in", 1}}}}));
