@@ -17,31 +17,26 @@ std::int32_t parseAddress(const std::string& text) {
     return static_cast<std::int32_t>(ntohl(inet_addr(text.c_str())));
 }
 
-void setValue(netsnmp_variable_list* variable, const void* value, std::size_t size) {
-    if (snmp_set_var_typed_value(variable, variable->type, value, size) != 0) {
+void setValue(netsnmp_variable_list& variable, std::uint8_t type, const void* value, std::size_t size) {
+    if (snmp_set_var_typed_value(&variable, type, value, size) != 0) {
         throw std::bad_alloc();
     }
 }
 
-// Both halves of a number go out sign-extended to the library's native long. That is harmless: the AgentX encoder
-// takes only the low 32 bits of each. An index is no answer, see TableHelperHelper.cpp.
-void setNumber(netsnmp_variable_list* variable, std::int32_t low) {
-    const long value = low;
-    setValue(variable, &value, sizeof value);
+void setNumber(netsnmp_variable_list& variable, std::uint8_t type, long value) {
+    setValue(variable, type, &value, sizeof value);
 }
 
-// The four bytes lie first, in network order; the rest of the native long is 0. Whoever copies the value on
-// sends the four alone.
-void setAddress(netsnmp_variable_list* variable, std::int32_t low) {
-    const unsigned long value = htonl(static_cast<std::uint32_t>(low));
-    setValue(variable, &value, sizeof value);
+// Four bytes, whatever the size of a native long, and in either byte order.
+void setAddress(netsnmp_variable_list& variable, std::uint32_t value) {
+    setValue(variable, ASN_IPADDRESS, &value, sizeof value);
 }
 
-void setCounter64(netsnmp_variable_list* variable, std::int32_t low, std::int32_t high) {
+void setCounter64(netsnmp_variable_list& variable, std::int32_t low, std::int32_t high) {
     counter64 value{};
     value.high = static_cast<u_long>(long{high});
     value.low = static_cast<u_long>(long{low});
-    setValue(variable, &value, sizeof value);
+    setValue(variable, ASN_COUNTER64, &value, sizeof value);
 }
 
 }  // namespace
@@ -84,28 +79,52 @@ void ColumnValue::setFromString(const std::string& value) {
     }
 }
 
+// Both halves of a number are sign-extended to the library's native long. The AgentX encoder takes only the low 32 bits
+// of each, so that no manager sees it.
+void ColumnValue::writeTo(netsnmp_variable_list& variable) const {
+    switch (type) {
+        case ASN_INTEGER:
+        case ASN_UNSIGNED:
+            setNumber(variable, type, low);
+            break;
+        case ASN_OCTET_STR:
+            setValue(variable, type, text.data(), text.size());
+            break;
+        case ASN_IPADDRESS:
+            setAddress(variable, htonl(static_cast<std::uint32_t>(low)));
+            break;
+        case ASN_COUNTER64:
+            setCounter64(variable, low, high);
+            break;
+        default:
+            setValue(variable, type, nullptr, 0);
+            break;
+    }
+}
+
+// The encoder makes a sub-identifier of the whole native long. Sign-extended, the number of a container without one
+// (-1) would have 64 bits in this process but 32 on the AgentX socket, and whether a request for .4294967295 then finds
+// it would depend on how the library widens what it reads (RequestedOid.h).
+void ColumnValue::writeIndexTo(netsnmp_variable_list& variable) const {
+    const auto number = static_cast<std::uint32_t>(low);
+    switch (type) {
+        case ASN_IPADDRESS:
+            setAddress(variable, number);
+            break;
+        case ASN_UNSIGNED:
+            setNumber(variable, type, number);
+            break;
+        default:
+            writeTo(variable);
+            break;
+    }
+}
+
 VarbindPtr ColumnValue::toVariable() const {
     VarbindPtr variable(SNMP_MALLOC_TYPEDEF(netsnmp_variable_list));
     if (!variable) {
         throw std::bad_alloc();
     }
-    variable->type = type;
-    switch (type) {
-        case ASN_INTEGER:
-        case ASN_UNSIGNED:
-            setNumber(variable.get(), low);
-            break;
-        case ASN_OCTET_STR:
-            setValue(variable.get(), text.data(), text.size());
-            break;
-        case ASN_IPADDRESS:
-            setAddress(variable.get(), low);
-            break;
-        case ASN_COUNTER64:
-            setCounter64(variable.get(), low, high);
-            break;
-        default:
-            break;
-    }
+    writeTo(*variable);
     return variable;
 }

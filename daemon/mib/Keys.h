@@ -62,10 +62,19 @@ struct KeyIndexes {
         const int failed = ::add_indexes(tableInfo, Key::type, Key::tag(maxColumn));
         return failed != 0 ? failed : KeyIndexes<typename Keys::Tail, maxColumn>::add_indexes(tableInfo);
     }
+
+    /// @brief Calls `visit` with each key's column tag, in list order.
+    template <typename Visit>
+    static void forEachTag(const Visit& visit) {
+        visit(Keys::Head::tag(maxColumn));
+        KeyIndexes<typename Keys::Tail, maxColumn>::forEachTag(visit);
+    }
 };
 
 /// The end of the list adds nothing.
 template <unsigned maxColumn>
 struct KeyIndexes<NullType, maxColumn> {
     static int add_indexes(netsnmp_table_registration_info*) { return 0; }
+    template <typename Visit>
+    static void forEachTag(const Visit& /*visit*/) {}
 };

@@ -6,6 +6,7 @@
 #include "mib/KxScalar.h"
 #include "mib/OidLayout.h"
 #include "mib/RequestedOid.h"
+#include "mib/RowSelector.h"
 #include "mib/TableHelperHelper.h"
 #include "tables/VeAppTableData.h"
 #include "tables/VeIpTableData.h"
@@ -24,6 +25,7 @@ struct TableDescription {
     int (*addIndexes)(netsnmp_table_registration_info*);
     Netsnmp_Node_Handler* finalHandler;
     netsnmp_iterator_info callbacks;
+    int (*injectSelector)(netsnmp_handler_registration*);
 };
 
 template <typename T>
@@ -43,7 +45,8 @@ TableDescription describe(const char* name, ObjectId object) {
             T::maxColumn,
             &KeyIndexes<typename T::Keys, T::maxColumn>::add_indexes,
             &Helper::final_handler,
-            callbacks};
+            callbacks,
+            &RowSelector<T>::inject};
 }
 
 /// What the library is given to refer to for the life of the process, in C memory, zero-filled.
@@ -74,9 +77,12 @@ bool registerWithLibrary(const TableDescription& table) {
     }
     *iteratorInfo = table.callbacks;
     iteratorInfo->table_reginfo = tableInfo;
-    netsnmp_register_table_iterator(registration, iteratorInfo);
-    // After the library's own handlers, so that it stands before them.
+    if (netsnmp_register_table_iterator(registration, iteratorInfo) != SNMPERR_SUCCESS) {
+        return false;  // the library has logged why, and freed the registration
+    }
+    // After the library's handlers, so that the first stands before them. The table works without either.
     inject_requested_oid_handler(registration);
+    table.injectSelector(registration);
     return true;
 }
 

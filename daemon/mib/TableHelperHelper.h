@@ -1,17 +1,16 @@
-// The callbacks through which the agent library's table iterator reads a table.
+// What the agent library's table iterator calls to read one of our tables.
 //
-// Thread promise: everything here runs on the main thread, inside the library's request loop, which handles one
-// request at a time; the walk in iinfo->myvoid is therefore not guarded.
+// Thread promise: main thread, inside the request loop. The library finishes one request before it begins the next,
+// which is why the walk in iinfo->myvoid and the selection need no guard.
 //
-// What a table type T offers:
-//     Snapshot   default-constructible: takes its own copy of, or counted reference to, the data when it is made;
-//                begin() and end() give cursors
-//     Cursor     copyable; operator++ moves to the next row, operator== is asked against the end, operator*
-//                gives what a Row is made from
-//     Row        derived from TableDataContext<T>
-//     Keys       the key list (Keys.h)
-//     minColumn, maxColumn
-// Rows may come in any order: the library visits them all for each request and picks the one it needs.
+// A table type T declares:
+//     Keys                   the key list (Keys.h)
+//     minColumn, maxColumn   the columns that requests can name
+//     Row                    a TableDataContext<T>
+//     Snapshot               all rows as of its default construction; begin() and end() are cursors
+//     Cursor                 a copyable position: ++, * (what a Row is made of), and == to compare with the end
+//     RowSource              how chosen rows are found (RowSelector.h); only registered tables need one
+// Rows need no order of their indexes. The library asks for every row that it is given, and keeps the one it needs.
 //
 // The callbacks are noexcept on purpose. The agent library is C and has no way to undo a half-handled request, so
 // an exception (in practice: no memory left) must not travel through its frames; the process ends where the
@@ -19,6 +18,9 @@
 #pragma once
 
 #include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
 
 #include "mib/ColumnValue.h"
 #include "mib/LibraryLock.h"
@@ -43,33 +45,63 @@ void answerRequests(netsnmp_agent_request_info* reqinfo, netsnmp_request_info* r
 
 }  // namespace kx::mib
 
-/// @brief What a table keeps in iinfo->myvoid from first_data_point to free_loop.
+/// @brief Some rows of a snapshot, in list order: all that the library needs for the request in hand.
 template <typename T>
-struct TableWalk {
-    typename T::Snapshot snapshot;
-    typename T::Cursor end = snapshot.end();
+struct Selection {
+    std::shared_ptr<const typename T::Snapshot> snapshot;
+    std::vector<typename T::Cursor> rows;
+};
+
+/// @brief One pass over a table, kept in iinfo->myvoid from first_data_point to free_loop: over all rows of a snapshot,
+/// or over those that were selected.
+template <typename T>
+class TableWalk {
+public:
+    using Cursor = typename T::Cursor;
+
+    explicit TableWalk(std::shared_ptr<const typename T::Snapshot> snapshot) : snapshot_(std::move(snapshot)) {}
+    explicit TableWalk(const Selection<T>& selection) : snapshot_(selection.snapshot), selected_(selection.rows) {}
+
+    /// @return on the first row, or at the end
+    Cursor first() { return selected_ ? nextSelected() : snapshot_->begin(); }
+    /// @brief Moves to the next row. Not to be called at the end.
+    void advance(Cursor& cursor) {
+        if (selected_) {
+            cursor = nextSelected();
+        } else {
+            ++cursor;
+        }
+    }
+    bool isAtEnd(const Cursor& cursor) const { return cursor == end_; }
 
     /// The template that the library passed to first_data_point, once a row's list took its place. The library
     /// forgets it then, and nobody else would free it: 1.1 KiB a key, for every varbind of every walk.
     VarbindPtr replacedTemplate;
+
+private:
+    Cursor nextSelected() { return next_ == selected_->size() ? end_ : (*selected_)[next_++]; }
+
+    std::shared_ptr<const typename T::Snapshot> snapshot_;
+    Cursor end_ = snapshot_->end();
+    std::optional<std::vector<Cursor>> selected_;
+    std::size_t next_ = 0;
 };
 
 /// @brief The table iterator's callbacks for table T.
 template <typename T>
 class TableHelperHelper {
 public:
-    /// @brief Takes a snapshot and stands on its first row.
+    /// @brief Begins a walk over the selected rows, or over all as they are now.
     /// @param loop_context receives the cursor, even when there is no row
     /// @param data_context not touched: rows are made on demand
     /// @param put_index_data the library's index template; not freed here, see TableWalk
-    /// @return the first row's index list, the library's own; null when the table is empty
+    /// @return the first row's index list, which is the library's from then on; null when there is no row
     static netsnmp_variable_list* first_data_point(void** loop_context, void** /*data_context*/,
                                                    netsnmp_variable_list* put_index_data,
                                                    netsnmp_iterator_info* iinfo) noexcept {
-        const OutOfLibrary outside;  // taking a snapshot asks the link
         endWalk(iinfo);
-        auto walk = std::make_unique<TableWalk<T>>();
-        auto cursor = std::make_unique<Cursor>(walk->snapshot.begin());
+        auto walk = selection ? std::make_unique<TableWalk<T>>(*selection) : walkOverAll();
+        auto cursor = std::make_unique<Cursor>(walk->first());
         VarbindPtr list = indexList(*cursor, *walk, put_index_data, iinfo);
         if (list) {
             walk->replacedTemplate.reset(put_index_data);
@@ -80,18 +112,18 @@ public:
     }
 
     /// @brief Moves the cursor to the next row.
-    /// @param put_index_data the previous row's list. Freed when a new one is returned; otherwise left alone,
-    /// since the library frees the last list itself
-    /// @return the row's index list, the library's own; null at the end
+    /// @param put_index_data the previous row's list. Freed when a new one is returned; otherwise left to the library,
+    /// which frees the last list
+    /// @return the row's index list, which is the library's from then on; null at the end
     static netsnmp_variable_list* next_data_point(void** loop_context, void** /*data_context*/,
                                                   netsnmp_variable_list* put_index_data,
                                                   netsnmp_iterator_info* iinfo) noexcept {
-        const auto* walk = static_cast<TableWalk<T>*>(iinfo->myvoid);
+        auto* walk = static_cast<TableWalk<T>*>(iinfo->myvoid);
         auto* cursor = static_cast<Cursor*>(*loop_context);
-        if (walk == nullptr || cursor == nullptr || *cursor == walk->end) {
+        if (walk == nullptr || cursor == nullptr || walk->isAtEnd(*cursor)) {
             return nullptr;
         }
-        ++*cursor;
+        walk->advance(*cursor);
         VarbindPtr list = indexList(*cursor, *walk, put_index_data, iinfo);
         if (list) {
             snmp_free_varbind(put_index_data);
@@ -100,7 +132,7 @@ public:
     }
 
     /// @brief Copies the cursor's row for the library to keep.
-    /// @return the library's own until free_data; null when there is no cursor
+    /// @return kept by the library until free_data; null when there is no cursor
     static void* make_data(void* loop_context, netsnmp_iterator_info* /*iinfo*/) noexcept {
         const auto* cursor = static_cast<const Cursor*>(loop_context);
         if (cursor == nullptr) {
@@ -130,8 +162,16 @@ public:
         return SNMP_ERR_NOERROR;
     }
 
+    /// What walks present while it is set; otherwise all rows. RowSelector sets it for the duration of a request.
+    static inline std::optional<Selection<T>> selection;
+
 private:
     using Cursor = typename T::Cursor;
+
+    static std::unique_ptr<TableWalk<T>> walkOverAll() {
+        const OutOfLibrary outside;  // a snapshot asks the link
+        return std::make_unique<TableWalk<T>>(std::make_shared<const typename T::Snapshot>());
+    }
 
     static void endWalk(netsnmp_iterator_info* iinfo) {
         const std::unique_ptr<TableWalk<T>> walk(static_cast<TableWalk<T>*>(iinfo->myvoid));
@@ -140,7 +180,7 @@ private:
 
     static VarbindPtr indexList(const Cursor& cursor, const TableWalk<T>& walk, netsnmp_variable_list* indexTemplate,
                                 const netsnmp_iterator_info* iinfo) {
-        if (cursor == walk.end) {
+        if (walk.isAtEnd(cursor)) {
             return nullptr;
         }
         typename T::Row row(*cursor);

@@ -27,6 +27,7 @@ public:
     void advance();
 
     bool atEnd() const { return current_ == end_; }
+    Position position() const { return current_; }
 
     /// @return the current container; null at the end. Valid as long as a walk over the same list is
     const KXLEnv* environment() const;

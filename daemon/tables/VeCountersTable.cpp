@@ -1,8 +1,45 @@
 #include "tables/VeCountersTable.h"
 
+#include <map>
+
 #include "link/VocabularyAccess.h"
 
-std::vector<std::string> counterNames(const std::string& className) {
+namespace {
+
+/// The names that a vocabulary has for a class. Holding it keeps its address from being used for another one.
+struct KnownNames {
+    boost::shared_ptr<KXLVocMap> vocabulary;
+    std::vector<std::string> names;
+};
+
+}  // namespace
+
+// An answer of one column would otherwise spend a good part of its time on reading all names of the class.
+const std::vector<std::string>& counterNames(const std::string& className) {
+    static std::map<std::string, KnownNames> classes;
+    KnownNames& known = classes[className];
     SNMPNodeLocal* const link = SNMPNodeLocal::instance();
-    return getCategoryParameterIds(className, link == nullptr ? nullptr : link->getAccessPoint());
+    const auto accessPoint = link == nullptr ? nullptr : link->getAccessPoint();
+    auto vocabulary = accessPoint ? accessPoint->getVocabulary(accessPoint->getEID(), countersVocabulary) : nullptr;
+    // A class that could not be read is read again, which logs it again.
+    if (!vocabulary || vocabulary != known.vocabulary || known.names.empty()) {
+        known.names = getCategoryParameterIds(className, accessPoint);
+        known.vocabulary = std::move(vocabulary);
+    }
+    return known.names;
+}
+
+CounterRowsPtr counterRows(const std::string& className) {
+    SNMPNodeLocal* const link = SNMPNodeLocal::instance();
+    return link == nullptr ? nullptr : link->getCounterRows(className);
+}
+
+std::optional<std::vector<CounterMap>> countersOf(const std::string& className, const CounterRowsPtr& rows,
+                                                  const std::vector<std::uint32_t>& places) {
+    SNMPNodeLocal* const link = SNMPNodeLocal::instance();
+    std::vector<CounterMap> counters;
+    if (link == nullptr || !link->copyCounters(className, rows, places, counters)) {
+        return std::nullopt;
+    }
+    return counters;
 }

@@ -9,11 +9,15 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "link/SNMPNodeLocal.h"
+#include "mib/RowSelector.h"
 #include "perf/ClassStats.h"
 
 #include <kxl/KXLPerfStat.h>
@@ -44,8 +48,16 @@ private:
     std::shared_ptr<const CounterMap> counters_;
 };
 
-/// @brief The names of a class's counters, in the order of the vocabulary, fetched anew with every call.
-std::vector<std::string> counterNames(const std::string& className);
+/// @brief The names of a class's counters, in the order of the vocabulary as it is now.
+/// @return valid until the next call
+const std::vector<std::string>& counterNames(const std::string& className);
+
+/// @brief What the monitor knows of a class's rows; null when there is no link, or nothing is known.
+CounterRowsPtr counterRows(const std::string& className);
+
+/// @return the counters of those rows; nullopt when the class has other rows by now
+std::optional<std::vector<CounterMap>> countersOf(const std::string& className, const CounterRowsPtr& rows,
+                                                  const std::vector<std::uint32_t>& places);
 
 /// @brief The rows as they were when the walk began: by container, then by the name of the instance.
 template <typename RowT>
@@ -62,6 +74,7 @@ public:
             }
         }
     }
+    explicit CountersSnapshot(std::vector<RowT>&& rows) : rows_(std::move(rows)) {}
 
     Cursor begin() const { return rows_.begin(); }
     Cursor end() const { return rows_.end(); }
@@ -75,6 +88,50 @@ private:
     std::vector<RowT> rows_;
 };
 
+/// @brief Selects rows of a counter table. Values are copied of the selected ones only.
+/// @tparam T the table type
+template <typename T>
+class CounterRowSource {
+public:
+    using Row = typename T::Row;
+
+    /// @brief See RowSelector.h. The rows are others when an instance or a container has come or gone.
+    /// @return false while the class is not monitored or has no data: the full snapshot then starts or queries it
+    bool refresh(RowIndex& index) {
+        auto current = counterRows(Row::className);
+        if (current && current != rows_) {
+            index.clear();
+            const InstanceCounters none{CounterMap()};
+            for (const CounterRow& row : *current) {
+                kx::mib::addToIndex<T>(index, Row(row.veid, row.instance, none));
+            }
+            index.sort();
+        }
+        rows_ = std::move(current);
+        return rows_ != nullptr;
+    }
+
+    std::optional<Selection<T>> select(const std::vector<std::uint32_t>& places) const {
+        auto counters = countersOf(Row::className, rows_, places);
+        if (!counters) {
+            return std::nullopt;
+        }
+        std::vector<Row> rows;
+        for (std::size_t i = 0; i < places.size(); ++i) {
+            const CounterRow& row = (*rows_)[places[i]];
+            rows.emplace_back(row.veid, row.instance, InstanceCounters(std::move((*counters)[i])));
+        }
+        Selection<T> selection{std::make_shared<const CountersSnapshot<Row>>(std::move(rows)), {}};
+        for (auto cursor = selection.snapshot->begin(); cursor != selection.snapshot->end(); ++cursor) {
+            selection.rows.push_back(cursor);
+        }
+        return selection;
+    }
+
+private:
+    CounterRowsPtr rows_;
+};
+
 /// @brief The table type of a counter table, for TableHelperHelper.
 /// @tparam KeysT the key list: the container's number first, as a foreign key
 /// @tparam RowT the row class
@@ -85,6 +142,7 @@ struct VeCountersTable {
     using Row = RowT;
     using Cursor = typename std::vector<Row>::const_iterator;
     using Snapshot = CountersSnapshot<Row>;
+    using RowSource = CounterRowSource<VeCountersTable>;
 
     static constexpr unsigned minColumn = firstColumn;
     static constexpr unsigned maxColumn = lastColumn;

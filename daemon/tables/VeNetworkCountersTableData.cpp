@@ -27,7 +27,7 @@ ColumnValue VeNetworkCountersTableData::operator[](unsigned tag) {
     if (tag == instanceTag) {
         return numberColumn(ASN_UNSIGNED, static_cast<std::int32_t>(instance_));
     }
-    const auto names = counterNames(className);
+    const auto& names = counterNames(className);
     if (tag == 0 || tag - 1 > names.size()) {
         logUnknownLongTag(tag);
         return {};

@@ -19,7 +19,7 @@ ColumnValue VeQuotaCountersTableData::operator[](unsigned tag) {
     if (tag > veidTag) {
         return {};
     }
-    const auto names = counterNames(className);
+    const auto& names = counterNames(className);
     if (tag == 0 || tag > names.size()) {
         logUnknownTag(tag);
         return {};

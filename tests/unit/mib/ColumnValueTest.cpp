@@ -150,7 +150,7 @@ TEST(ColumnValueFromString, MakesAllOnesOfWhatIsNoAddress) {
         const ColumnValue value = fromString(ASN_IPADDRESS, text);
         EXPECT_EQ(value.getLow(), -1) << text;
         EXPECT_EQ(value.getHigh(), 0) << text;
-        EXPECT_EQ(bytesOf(*value.toVariable()).substr(0, 4), "\xff\xff\xff\xff") << text;
+        EXPECT_EQ(bytesOf(*value.toVariable()), "\xff\xff\xff\xff") << text;
     }
 }
 
@@ -167,10 +167,10 @@ TEST(ColumnValueToVariable, SignExtendsNumbersToANativeLong) {
     }
 }
 
-TEST(ColumnValueToVariable, PutsAnAddressInNetworkOrderIntoAZeroExtendedLong) {
+TEST(ColumnValueToVariable, PutsAnAddressInNetworkOrderIntoFourBytes) {
     const VarbindPtr variable = fromString(ASN_IPADDRESS, "192.168.0.1").toVariable();
     EXPECT_EQ(variable->type, ASN_IPADDRESS);
-    EXPECT_EQ(bytesOf(*variable), std::string("\xc0\xa8\0\x01\0\0\0\0", 8));
+    EXPECT_EQ(bytesOf(*variable), std::string("\xc0\xa8\0\x01", 4));
 }
 
 TEST(ColumnValueToVariable, CopiesTextsOfEveryLength) {
@@ -202,7 +202,6 @@ TEST(ColumnValueToVariable, KeepsTheTypeButNoValueOfOtherTypes) {
         const VarbindPtr variable = fromInt32(tag, 7).toVariable();
         EXPECT_EQ(variable->type, tag);
         EXPECT_EQ(variable->val_len, 0U);
-        EXPECT_EQ(variable->val.string, nullptr);
     }
 }
 
