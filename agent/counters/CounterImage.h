@@ -27,6 +27,7 @@ struct CounterTable {
     std::string className;
     CounterNames names;  ///< not null
     std::vector<CounterRow> rows;
+    std::vector<std::string> unknown = {};  ///< those of the names whose values are not known in any of these rows
 };
 
 /// Everything that a backend reads in one go.

@@ -57,6 +57,9 @@ private:
         for (const std::string& name : *table_->names) {
             group_->add_counters(name);
         }
+        for (const std::string& name : table_->unknown) {
+            group_->add_unknown(name);
+        }
     }
 
     void end(bool continued) {

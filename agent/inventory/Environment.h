@@ -40,6 +40,13 @@ struct Address {
     bool operator==(const Address&) const = default;
 };
 
+/// An IPv6 address in its shortest form (RFC 5952).
+struct Inet6Address {
+    std::string address;
+    std::uint32_t prefixLength = 0;  ///< 0 to 128
+    bool operator==(const Inet6Address&) const = default;
+};
+
 /// What the management agent publishes of one container, or of the host.
 struct Environment {
     Eid eid;
@@ -52,8 +59,9 @@ struct Environment {
     std::optional<std::string> description;
     std::optional<Template> osTemplate;
     std::optional<Eid> baseSample;
-    std::optional<std::vector<Address>> addresses;   ///< absent: the configuration does not have the list
-    std::optional<std::vector<Template>> templates;  ///< likewise
+    std::optional<std::vector<Address>> addresses;            ///< absent: the configuration does not have the list
+    std::optional<std::vector<Template>> templates;           ///< likewise
+    std::optional<std::vector<Inet6Address>> inet6Addresses;  ///< absent: they are not known
 
     bool operator==(const Environment&) const = default;
 };

@@ -36,6 +36,14 @@ void listsToWire(const Environment& from, wire::Configuration& into) {
             added.set_mask(address.mask);
         }
     }
+    if (from.inet6Addresses) {
+        auto& list = *into.mutable_inet6_addresses();
+        for (const Inet6Address& address : *from.inet6Addresses) {
+            auto& added = *list.add_addresses();
+            added.set_address(address.address);
+            added.set_prefix_length(address.prefixLength);
+        }
+    }
     if (from.templates) {
         auto& list = *into.mutable_templates();
         for (const Template& one : *from.templates) {
@@ -101,6 +109,11 @@ std::size_t wireBytesAtMost(const Environment& environment) {
     if (environment.addresses) {
         for (const Address& address : *environment.addresses) {
             bytes += kElementBytes + address.address.size() + address.mask.size();
+        }
+    }
+    if (environment.inet6Addresses) {
+        for (const Inet6Address& address : *environment.inet6Addresses) {
+            bytes += kElementBytes + address.address.size();
         }
     }
     if (environment.templates) {

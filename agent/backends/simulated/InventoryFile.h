@@ -31,6 +31,7 @@ inline constexpr std::size_t kMaxTextBytes = std::size_t{1024} * 1024;
 struct CounterSource {
     std::int64_t value = 0;      ///< at the moment the file is read
     std::int64_t perSecond = 0;  ///< what is added every second from then on
+    bool known = true;           ///< false: reported as not known
     bool operator==(const CounterSource&) const = default;
 };
 

@@ -35,6 +35,13 @@ Address readAddress(const toml::table& table) {
     return {fields.neededText("address"), fields.neededText("mask")};
 }
 
+Inet6Address readInet6Address(const toml::table& table) {
+    const TomlFields fields(table, {"address", "prefix_length"});
+    constexpr std::int64_t kMostBits = 128;
+    const auto prefixLength = fields.integer("prefix_length", 0, kMostBits).value_or(kMostBits);
+    return {fields.neededText("address"), static_cast<std::uint32_t>(prefixLength)};
+}
+
 template <typename Element>
 std::optional<std::vector<Element>> readList(const TomlFields& fields, std::string_view key,
                                              Element (*readElement)(const toml::table&)) {
@@ -50,17 +57,20 @@ std::optional<std::vector<Element>> readList(const TomlFields& fields, std::stri
     return result;
 }
 
-/// A counter is a number, or a table of two.
+/// A counter is a number, a table of two, or the text "unknown".
 CounterSource readCounter(const toml::node& value, std::string_view name) {
+    if (value.value_exact<std::string_view>() == "unknown") {
+        return {0, 0, false};
+    }
     if (value.is_integer()) {
-        return {asInteger(value, name, Int64::min(), Int64::max()), 0};
+        return {asInteger(value, name, Int64::min(), Int64::max()), 0, true};
     }
     if (!value.is_table()) {
         failOfType(value, name, "an integer or a table");
     }
     const TomlFields fields(*value.as_table(), {"value", "per_second"});
     return {fields.integer("value", Int64::min(), Int64::max()).value_or(0),
-            fields.integer("per_second", Int64::min(), Int64::max()).value_or(0)};
+            fields.integer("per_second", Int64::min(), Int64::max()).value_or(0), true};
 }
 
 Counters readCounters(const toml::table& classes) {
@@ -92,6 +102,9 @@ std::size_t textBytes(const Environment& environment) {
     for (const auto& address : environment.addresses.value_or(std::vector<Address>{})) {
         sum += address.address.size() + address.mask.size() + elementBytes;
     }
+    for (const auto& address : environment.inet6Addresses.value_or(std::vector<Inet6Address>{})) {
+        sum += address.address.size() + elementBytes;
+    }
     for (const auto& application : environment.templates.value_or(std::vector<Template>{})) {
         sum += application.name.size() + application.version.size() + elementBytes;
     }
@@ -115,13 +128,15 @@ Environment readConfiguration(const TomlFields& fields) {
     environment.osTemplate = readOsTemplate(fields);
     environment.baseSample = readEid(fields, "base_sample");
     environment.addresses = readList(fields, "addresses", readAddress);
+    environment.inet6Addresses = readList(fields, "inet6_addresses", readInet6Address);
     environment.templates = readList(fields, "templates", readTemplate);
     return environment;
 }
 
 DescribedEnvironment readEnvironment(const toml::table& table) {
-    const TomlFields fields(table, {"name", "type", "veid", "eid", "hostname", "description", "os_template",
-                                    "base_sample", "state", "transition", "addresses", "templates", "counters"});
+    const TomlFields fields(
+        table, {"name", "type", "veid", "eid", "hostname", "description", "os_template", "base_sample", "state",
+                "transition", "addresses", "inet6_addresses", "templates", "counters"});
     const Place place = placeOf(table.source());
     const auto* counters = fields.table("counters");
     DescribedEnvironment result{readConfiguration(fields), readEid(fields, "eid"),

@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <tuple>
 
 namespace kx::agent::simulated {
 namespace {
 
-/// Rows with the same counters share a table; their names are what tells tables apart.
-using Tables = std::map<std::pair<std::string, std::vector<std::string>>, CounterTable>;
+/// Rows with the same counters, known and unknown, share a table; the names are its key.
+using Names = std::vector<std::string>;
+using Tables = std::map<std::tuple<std::string, Names, Names>, CounterTable>;
 
 /// Far beyond what any counter comes to, and within the range of a number.
 constexpr double kMostAdded = 9e18;
@@ -21,15 +23,20 @@ std::int64_t valueOf(const CounterSource& source, double seconds) {
 
 void addRow(Tables& tables, const std::string& className, CounterRow row,
             const std::map<std::string, CounterSource>& counters, double seconds) {
-    std::vector<std::string> names;
+    Names names;
+    Names unknown;
     for (const auto& [name, source] : counters) {
         names.push_back(name);
+        if (!source.known) {
+            unknown.push_back(name);
+        }
         row.values.push_back(valueOf(source, seconds));
     }
-    CounterTable& table = tables[{className, names}];
+    CounterTable& table = tables[{className, names, unknown}];
     if (!table.names) {
         table.className = className;
-        table.names = std::make_shared<const std::vector<std::string>>(std::move(names));
+        table.names = std::make_shared<const Names>(std::move(names));
+        table.unknown = std::move(unknown);
     }
     table.rows.push_back(std::move(row));
 }

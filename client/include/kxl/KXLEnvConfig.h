@@ -52,6 +52,9 @@ public:
     int getBaseSampleId(KXLOptionalProperty<KXLGUID>& id) const;
     int getAddresses(KXLOptionalProperty<std::vector<KXLIPAddress>>& addresses) const;
 
+    /// @brief The IPv6 addresses; not there when the agent does not know them, empty when there are none.
+    int getInet6Addresses(KXLOptionalProperty<std::vector<KXLInet6Address>>& addresses) const;
+
 protected:
     /// @return the shared record; null in a configuration that has nothing
     const kx::client::EnvRecord* record() const { return record_.get(); }

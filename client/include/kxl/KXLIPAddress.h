@@ -1,6 +1,7 @@
-// An IP address of a container with its mask.
+// Addresses of a container: an IP address with its mask, an IPv6 address with its prefix length.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <utility>
 
@@ -22,4 +23,22 @@ public:
 private:
     std::string address_;
     std::string mask_;
+};
+
+/// @brief An IPv6 address and the length of its network's prefix.
+class KXLInet6Address {
+public:
+    KXLInet6Address() = default;
+    KXLInet6Address(std::string address, std::uint32_t prefixLength)
+        : address_(std::move(address)), prefixLength_(prefixLength) {}
+
+    /// @return the address as text; usually its shortest form (RFC 5952), but nothing here checks that
+    const std::string& getAddress() const { return address_; }
+
+    /// @return bits, 0 to 128
+    std::uint32_t getPrefixLength() const { return prefixLength_; }
+
+private:
+    std::string address_;
+    std::uint32_t prefixLength_ = 0;
 };

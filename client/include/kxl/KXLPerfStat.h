@@ -18,4 +18,5 @@ struct KXLPerfStat {
     Value value2{0};        ///< the mean over the period
     Value value3{0};        ///< a level: the maximum; an increase: the increase since the last report
     std::int64_t fourth = 0;
+    bool isKnown = true;  ///< false: the agent does not know the counter's values; they only fill their places
 };

@@ -30,6 +30,15 @@ std::vector<KXLIPAddress> decodeAddresses(const wire::AddressList& from) {
     return addresses;
 }
 
+std::vector<KXLInet6Address> decodeInet6Addresses(const wire::Inet6AddressList& from) {
+    std::vector<KXLInet6Address> addresses;
+    addresses.reserve(static_cast<std::size_t>(from.addresses_size()));
+    for (const wire::Inet6Address& address : from.addresses()) {
+        addresses.emplace_back(address.address(), address.prefix_length());
+    }
+    return addresses;
+}
+
 std::vector<KXATemplate> decodeTemplates(const wire::TemplateList& from) {
     std::vector<KXATemplate> templates;
     templates.reserve(static_cast<std::size_t>(from.templates_size()));
@@ -59,6 +68,9 @@ bool decodeConfiguration(const wire::Configuration& from, EnvRecord& record) {
     }
     if (from.has_addresses()) {
         record.addresses = decodeAddresses(from.addresses());
+    }
+    if (from.has_inet6_addresses()) {
+        record.inet6Addresses = decodeInet6Addresses(from.inet6_addresses());
     }
     if (from.has_templates()) {
         record.templates = decodeTemplates(from.templates());

@@ -6,6 +6,7 @@
 #include <numeric>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 namespace kx::client {
@@ -32,13 +33,25 @@ KXLPerfStat::Value valueOf(std::int64_t bits, bool isDouble) {
     return value;
 }
 
-KXLPerfStat statOf(const std::int64_t* numbers, bool isDouble) {
+KXLPerfStat statOf(const std::int64_t* numbers, bool isDouble, bool isKnown) {
     KXLPerfStat stat;
     stat.kind = isDouble ? 0 : 1;
     stat.value1 = valueOf(numbers[0], isDouble);
     stat.value2 = valueOf(numbers[1], isDouble);
     stat.value3 = valueOf(numbers[2], isDouble);
+    stat.isKnown = isKnown;
     return stat;
+}
+
+/// @return of each of the group's counters whether its values are known
+std::vector<bool> knownOf(const wire::CounterGroup& group) {
+    const std::unordered_set<std::string_view> unknown(group.unknown().begin(), group.unknown().end());
+    std::vector<bool> known;
+    known.reserve(static_cast<std::size_t>(group.counters_size()));
+    for (const std::string& name : group.counters()) {
+        known.push_back(unknown.count(name) == 0);
+    }
+    return known;
 }
 
 /// The counters in the order of their names: each is then put at the end of its map.
@@ -62,18 +75,24 @@ public:
         const auto rows = static_cast<std::size_t>(group.instances_size());
         report_.reserve(rows);
         positions_.reserve(rows);
-        const auto order = inNameOrder(group);
+        const Columns columns{inNameOrder(group), knownOf(group)};
         const std::int64_t* numbers = group.values().data();
         for (std::size_t row = 0; row < rows; ++row) {
             const auto eid = std::string_view(group.eids()).substr(row * wire::kEidBytes, wire::kEidBytes);
-            addRow(group, positionOf(eid), group.instances(static_cast<int>(row)), order, numbers);
-            numbers += order.size() * wire::kNumbersPerCounter;
+            addRow(group, positionOf(eid), group.instances(static_cast<int>(row)), columns, numbers);
+            numbers += columns.order.size() * wire::kNumbersPerCounter;
         }
     }
 
 private:
     using Counters = KXLMonitorData::Counters;
     using Instances = KXLMonitorData::Instances;
+
+    /// A group's counters.
+    struct Columns {
+        std::vector<int> order;   ///< of their names
+        std::vector<bool> known;  ///< of each, whether its values are known
+    };
 
     std::size_t positionOf(std::string_view eid) {
         const auto [known, isNew] = positions_.emplace(eid, report_.size());
@@ -86,7 +105,7 @@ private:
     }
 
     void addRow(const wire::CounterGroup& group, std::size_t position, const std::string& instance,
-                const std::vector<int>& order, const std::int64_t* numbers) {
+                const Columns& columns, const std::int64_t* numbers) {
         auto& instances = report_[position].classes[group.class_name()];
         auto known = instances.find(instance);
         const bool isFirst = known == instances.end();
@@ -96,14 +115,16 @@ private:
         }
         Counters& counters = known->second;
         auto place = counters.begin();
-        for (const int counter : order) {
+        for (const int counter : columns.order) {
             const std::string& name = group.counters(counter);
             // What an earlier report had, and this one has not.
             while (isFirst && place != counters.end() && place->first < name) {
                 place = counters.erase(place);
             }
-            const auto offset = static_cast<std::size_t>(counter) * wire::kNumbersPerCounter;
-            place = std::next(counters.insert_or_assign(place, name, statOf(numbers + offset, group.doubles())));
+            const auto column = static_cast<std::size_t>(counter);
+            const auto stat =
+                statOf(numbers + column * wire::kNumbersPerCounter, group.doubles(), columns.known[column]);
+            place = std::next(counters.insert_or_assign(place, name, stat));
         }
         if (isFirst) {
             counters.erase(place, counters.end());

@@ -56,6 +56,10 @@ int KXLEnvConfig::getAddresses(KXLOptionalProperty<std::vector<KXLIPAddress>>& a
     return fillFrom(record(), &EnvRecord::addresses, addresses);
 }
 
+int KXLEnvConfig::getInet6Addresses(KXLOptionalProperty<std::vector<KXLInet6Address>>& addresses) const {
+    return fillFrom(record(), &EnvRecord::inet6Addresses, addresses);
+}
+
 KXAEnvConfig::KXAEnvConfig(const KXLEnvConfig& config) : KXLEnvConfig(config) {}
 
 int KXAEnvConfig::getVeid(int& veid) const {

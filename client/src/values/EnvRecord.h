@@ -24,6 +24,7 @@ struct EnvRecord : KXLRefCounter {
     std::optional<KXATemplate> osTemplate;
     std::optional<KXLGUID> baseSample;
     std::optional<std::vector<KXLIPAddress>> addresses;
+    std::optional<std::vector<KXLInet6Address>> inet6Addresses;
     std::optional<std::vector<KXATemplate>> templates;
 };
 

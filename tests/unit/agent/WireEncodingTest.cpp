@@ -22,6 +22,7 @@ Environment fullEnvironment() {
     made.baseSample = *Eid::parse("0f8e5c1a-7a44-4c3b-9d1e-0000000000aa");
     made.addresses = {Address{"10.0.0.1", "255.255.255.0"}, Address{"not an address", ""}};
     made.templates = {Template{"nginx", "1.24"}};
+    made.inet6Addresses = {Inet6Address{"2001:db8::1", 64}, Inet6Address{"fd00::2", 128}};
     return made;
 }
 
@@ -51,6 +52,9 @@ TEST(WireEncoding, everyFieldArrivesByteForByte) {
     ASSERT_EQ(configuration.templates().templates_size(), 1);
     EXPECT_EQ(configuration.templates().templates(0).name(), "nginx");
     EXPECT_EQ(configuration.templates().templates(0).version(), "1.24");
+    ASSERT_EQ(configuration.inet6_addresses().addresses_size(), 2);
+    EXPECT_EQ(configuration.inet6_addresses().addresses(0).address(), "2001:db8::1");
+    EXPECT_EQ(configuration.inet6_addresses().addresses(0).prefix_length(), 64U);
 }
 
 TEST(WireEncoding, whatIsAbsentStaysAbsent) {
@@ -65,23 +69,27 @@ TEST(WireEncoding, whatIsAbsentStaysAbsent) {
     EXPECT_FALSE(configuration.has_base_sample());
     EXPECT_FALSE(configuration.has_addresses());
     EXPECT_FALSE(configuration.has_templates());
+    EXPECT_FALSE(configuration.has_inet6_addresses());
 }
 
 TEST(WireEncoding, anEmptyListIsNotAnAbsentOne) {
     Environment from;
     from.addresses.emplace();
     from.templates.emplace();
+    from.inet6Addresses.emplace();
     wire::Environment sent;
     toWire(from, sent);
     wire::Environment got;
     ASSERT_TRUE(got.ParseFromString(sent.SerializeAsString()));
     EXPECT_TRUE(got.configuration().has_addresses());
     EXPECT_TRUE(got.configuration().has_templates());
+    EXPECT_TRUE(got.configuration().has_inet6_addresses());
 }
 
 TEST(WireEncoding, theBoundIsNeverBelowTheTruthAndNotFarAbove) {
     std::vector<Environment> samples{Environment(), fullEnvironment(), fullEnvironment()};
     samples[2].addresses = std::vector<Address>(10000, Address{"192.168.100.100", "255.255.255.255"});
+    samples[2].inet6Addresses = std::vector<Inet6Address>(10000, Inet6Address{"2001:db8:1:2:3:4:5:6", 128});
     samples[2].templates = std::vector<Template>(10000);
     samples[2].description = std::string(3000000, 'x');
     for (const Environment& sample : samples) {

@@ -160,6 +160,19 @@ wire::CounterSample anyReport(std::mt19937& random) {
     return sampleOf(groups);
 }
 
+TEST(CounterDecoder, MarksTheCountersThatAreNotKnown) {
+    wire::CounterGroup half = goodGroup();
+    half.add_unknown("out");
+    half.add_unknown("something else");
+    Report report = decoded({half});
+    EXPECT_TRUE(report[0].classes.at(kNet).at("1").at("in").isKnown);
+    EXPECT_FALSE(report[0].classes.at(kNet).at("1").at("out").isKnown);
+    EXPECT_THAT(integersOf(report[0].classes.at(kNet).at("1").at("out")), ElementsAre(7, 14, 21));
+    std::string reason;
+    ASSERT_TRUE(client::decodeCounters(sampleOf({goodGroup()}), report, reason));
+    EXPECT_TRUE(report[0].classes.at(kNet).at("1").at("out").isKnown) << "each report says it anew";
+}
+
 TEST(CounterDecoder, LeavesNothingOfAnEarlierReportWhoseMemoryItUses) {
     std::mt19937 random(7);
     Report used;

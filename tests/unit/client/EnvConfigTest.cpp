@@ -46,6 +46,9 @@ wire::Environment described() {
     auto* address = config.mutable_addresses()->add_addresses();
     address->set_address("10.0.0.1");
     address->set_mask("255.0.0.0");
+    auto* inet6 = config.mutable_inet6_addresses()->add_addresses();
+    inet6->set_address("2001:db8::1");
+    inet6->set_prefix_length(64);
     auto* application = config.mutable_templates()->add_templates();
     application->set_name("nginx");
     application->set_version("1.24");
@@ -79,6 +82,11 @@ TEST(EnvConfig, GivesWhatTheAgentSent) {
     EXPECT_EQ(config.getAddresses(addresses), 0);
     ASSERT_EQ(addresses.get().size(), 1U);
     EXPECT_EQ(addresses.get()[0].compare(KXLIPAddress("10.0.0.1", "255.0.0.0")), 0);
+    KXLOptionalProperty<std::vector<KXLInet6Address>> inet6Addresses;
+    EXPECT_EQ(config.getInet6Addresses(inet6Addresses), 0);
+    ASSERT_EQ(inet6Addresses.get().size(), 1U);
+    EXPECT_EQ(inet6Addresses.get()[0].getAddress(), "2001:db8::1");
+    EXPECT_EQ(inet6Addresses.get()[0].getPrefixLength(), 64U);
     KXLOptionalProperty<std::vector<KXATemplate>> templates;
     EXPECT_EQ(config.getTemplates(templates), 0);
     ASSERT_EQ(templates.get().size(), 1U);
@@ -99,6 +107,8 @@ void expectNothing(const KXAEnvConfig& config) {
     EXPECT_NE(config.getBaseSampleId(sample), 0);
     KXLOptionalProperty<std::vector<KXLIPAddress>> addresses;
     EXPECT_NE(config.getAddresses(addresses), 0);
+    KXLOptionalProperty<std::vector<KXLInet6Address>> inet6Addresses;
+    EXPECT_NE(config.getInet6Addresses(inet6Addresses), 0);
     KXLOptionalProperty<std::vector<KXATemplate>> templates;
     EXPECT_NE(config.getTemplates(templates), 0);
 }

@@ -229,6 +229,21 @@ TEST_F(Reports, KeepToTheirScope) {
     EXPECT_EQ(client.total(eidOf(2), "counters_kx_quota/1/counter"), std::nullopt);
 }
 
+TEST_F(Reports, NameTheCountersThatAreNotKnownOfEachGroupOfRows) {
+    const CounterNames both = names({"counter", "other"});
+    const CounterTable known{kQuota, both, {{eidOf(1), "", {5, 6}}}};
+    const CounterTable unknown{kQuota, both, {{eidOf(2), "", {0, 6}}}, {"counter"}};
+    CounterMemory told;
+    wire::Frame frame;
+    frame.ParseFromString(
+        *makeReport({second(1), {known, unknown}}, {{kQuota}, {}}, kinds_, nothingBefore_, told, 0, 0).at(0));
+    ASSERT_EQ(frame.counter_sample().groups_size(), 2);
+    EXPECT_EQ(frame.counter_sample().groups(0).unknown_size(), 0);
+    ASSERT_EQ(frame.counter_sample().groups(1).unknown_size(), 1);
+    EXPECT_EQ(frame.counter_sample().groups(1).unknown(0), "counter");
+    EXPECT_EQ(frame.counter_sample().groups(1).counters_size(), 2) << "their numbers are there all the same";
+}
+
 TEST_F(Reports, ThatAreEmptyAreAFrameAllTheSame) {
     CounterMemory told;
     const auto bodies = makeReport(image({}, {}), {{kNet}, {}}, kinds_, nothingBefore_, told, 3, 4);

@@ -20,9 +20,11 @@ base_sample = "0f8e5c1a-7a44-4c3b-9d1e-0000000000aa"
 state = 2
 transition = 4
 addresses = [ { address = "10.0.0.1", mask = "255.255.255.0" }, { address = "::1", mask = "not a mask" } ]
+inet6_addresses = [ { address = "2001:db8::1", prefix_length = 64 }, { address = "fd00::1" } ]
 templates = [ { name = "nginx", version = "1.24" } ]
 [environment.counters.counters_kx_net."1"]
 bytes_in = 1000
+bytes_out = "unknown"
 packets_in = { value = 20, per_second = 5 }
 [environment.counters.counters_kx_net."eth 0.1"]
 [environment.counters.odd]
@@ -40,6 +42,7 @@ TEST(InventoryParser, ReadsEveryKeyOfAnEnvironment) {
     expected.osTemplate = Template{"debian", "12"};
     expected.baseSample = Eid::parse("0f8e5c1a-7a44-4c3b-9d1e-0000000000aa");
     expected.addresses = std::vector{Address{"10.0.0.1", "255.255.255.0"}, Address{"::1", "not a mask"}};
+    expected.inet6Addresses = std::vector{Inet6Address{"2001:db8::1", 64}, Inet6Address{"fd00::1", 128}};
     expected.templates = std::vector{Template{"nginx", "1.24"}};
     EXPECT_EQ(onlyEnvironment(kEverything), expected);
     EXPECT_EQ(parsed(kEverything).environments.at(0).eid, Eid::parse("0f8e5c1a-7a44-4c3b-9d1e-000000000101"));
@@ -47,7 +50,9 @@ TEST(InventoryParser, ReadsEveryKeyOfAnEnvironment) {
 
 TEST(InventoryParser, KeepsTheCountersByClassAndInstance) {
     const Counters expected{
-        {"counters_kx_net", {{"1", {{"bytes_in", {1000, 0}}, {"packets_in", {20, 5}}}}, {"eth 0.1", {}}}}, {"odd", {}}};
+        {"counters_kx_net",
+         {{"1", {{"bytes_in", {1000, 0}}, {"bytes_out", {0, 0, false}}, {"packets_in", {20, 5}}}}, {"eth 0.1", {}}}},
+        {"odd", {}}};
     EXPECT_EQ(parsed(kEverything).environments.at(0).counters, expected);
 }
 
