@@ -6,8 +6,10 @@
 
 #include <array>
 #include <csignal>
+#include <cstdlib>
 
 #include "agent/backends/simulated/SimulatedBackend.h"
+#include "agent/base/Deadline.h"
 #include "agent/base/Log.h"
 #include "agent/core/MachineId.h"
 #include "agent/core/ServiceManager.h"
@@ -18,6 +20,11 @@ namespace {
 /// Clients wait for the backend's first image, so that a restart does not show them an empty host. A backend that
 /// is held up longer than this must not keep the whole agent from answering.
 constexpr std::chrono::seconds kFirstImagePatience{3};
+
+/// For a backend's threads to end: far more than they take, unless one hangs. A reload that has waited so long is made
+/// good by a restart.
+constexpr std::chrono::milliseconds kEndPatience{1500};
+constexpr std::chrono::milliseconds kReloadPatience{5000};
 
 /// Deltas of this size leave behind enough free memory to be worth giving back.
 constexpr std::size_t kLargeUpdateBytes = std::size_t{256} * 1024;
@@ -155,9 +162,15 @@ void Agent::signalled(int number) {
 void Agent::stop() {
     notifyStopping();
     log::info("stopping");
-    slot_->stop();
     server_.reset();
+    stopBackend(kEndPatience, EXIT_SUCCESS);
     io_.stop();
+}
+
+/// A thread that hangs in a file system may never return.
+void Agent::stopBackend(std::chrono::milliseconds patience, int status) {
+    const Deadline deadline(patience, fmt::format("stopping backend {}", slot_->name()), status);
+    slot_->stop();
 }
 
 void Agent::reload() {
@@ -186,6 +199,7 @@ void Agent::switchTo(const Config& fresh) {
         }
     }
     if (slot) {
+        stopBackend(kReloadPatience, EXIT_FAILURE);
         slot_ = std::move(slot);
         slot_->activate();
         counters_.readAnew();
@@ -204,7 +218,7 @@ std::unique_ptr<BackendSlot> Agent::startNewBackend(BackendKind kind, const Conf
         fresh->start();
         return fresh;
     }
-    slot_->stop();
+    stopBackend(kReloadPatience, EXIT_FAILURE);
     try {
         fresh->start();
     } catch (...) {

@@ -15,6 +15,7 @@
 #include "agent/alerts/AlertService.h"
 #include "agent/core/BackendSlot.h"
 #include "agent/core/Config.h"
+#include "agent/core/Watchdog.h"
 #include "agent/counters/CounterService.h"
 #include "agent/inventory/HostContent.h"
 #include "agent/server/Server.h"
@@ -46,6 +47,7 @@ private:
     std::unique_ptr<Server> makeServer(const Config& config);
     std::unique_ptr<BackendSlot> makeSlot(BackendKind kind, const Config& config);
     std::unique_ptr<BackendSlot> startNewBackend(BackendKind kind, const Config& config);
+    void stopBackend(std::chrono::milliseconds patience, int status);
     void resumeBackend();
     void waitForSignal();
     void signalled(int number);
@@ -68,6 +70,7 @@ private:
     AlertService alerts_;
     std::unique_ptr<BackendSlot> slot_;
     bool serving_ = false;
+    Watchdog watchdog_{io_};
 };
 
 /// @brief Looks through the configuration, and through the inventory where the described host would be used.

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <systemd/sd-daemon.h>
 
+#include <cstdint>
 #include <ctime>
 
 namespace kx::agent {
@@ -29,6 +30,16 @@ void notifyReloading() {
 
 void notifyStopping() {
     ::sd_notify(kKeepEnvironment, "STOPPING=1");
+}
+
+std::chrono::milliseconds watchdogTime() {
+    std::uint64_t usec = 0;
+    const bool expected = ::sd_watchdog_enabled(kKeepEnvironment, &usec) > 0;
+    return std::chrono::milliseconds(expected ? usec / 1000 : 0);
+}
+
+void notifyAlive() {
+    ::sd_notify(kKeepEnvironment, "WATCHDOG=1");
 }
 
 }  // namespace kx::agent

@@ -2,6 +2,7 @@
 // nothing happens. Main thread only.
 #pragma once
 
+#include <chrono>
 #include <string>
 
 namespace kx::agent {
@@ -15,5 +16,11 @@ void notifyReloading();
 
 /// @brief The agent is about to end.
 void notifyStopping();
+
+/// @return within what time the service manager expects notifyAlive() again and again; 0: it does not
+std::chrono::milliseconds watchdogTime();
+
+/// @brief The agent works.
+void notifyAlive();
 
 }  // namespace kx::agent

@@ -48,7 +48,9 @@ AddressReport failure(std::uint64_t life, std::string problem, int error = 0) {
 }  // namespace
 
 AddressWatch::AddressWatch()
-    : poll_(descriptorOrThrow(::epoll_create1(EPOLL_CLOEXEC), "epoll")), reportsReady_(makeEventDescriptor()) {
+    : poll_(descriptorOrThrow(::epoll_create1(EPOLL_CLOEXEC), "epoll")),
+      reportsReady_(makeEventDescriptor()),
+      orders_("addresses") {
     if (!addToPoll(orders_.descriptor(), kOrdersTag, EPOLLIN)) {
         throw std::runtime_error(fmt::format("epoll: {}", std::strerror(errno)));
     }
@@ -218,7 +220,7 @@ void AddressWatch::wait() {
         timeoutMs = home ? leftMs : std::min(timeoutMs, leftMs);
     }
     std::array<epoll_event, 64> events{};
-    const int count = ::epoll_wait(poll_.get(), events.data(), static_cast<int>(events.size()), timeoutMs);
+    const int count = waitForEvents(poll_.get(), events, timeoutMs);
     for (int i = 0; i < count; ++i) {
         noticed(events[static_cast<std::size_t>(i)].data.u64);
     }

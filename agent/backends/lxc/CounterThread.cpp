@@ -9,13 +9,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <exception>
 #include <iterator>
 #include <utility>
 
 #include "agent/backends/lxc/Descriptors.h"
 #include "agent/backends/lxc/RootFile.h"
-#include "agent/backends/lxc/SignalMask.h"
 #include "agent/vocabulary/Vocabulary.h"
 
 namespace kx::agent::lxc {
@@ -23,9 +21,6 @@ namespace {
 
 /// The list of some thousand interfaces.
 constexpr std::size_t kMaxNetDevBytes = std::size_t{1024} * 1024;
-
-/// Before a reading that failed for lack of memory is tried again.
-constexpr std::chrono::milliseconds kAfterFailure{100};
 
 CounterNames namesOf(std::vector<std::string> names) {
     return std::make_shared<const std::vector<std::string>>(std::move(names));
@@ -53,9 +48,9 @@ CounterThread::CounterThread(LogSink log)
     : log_(std::move(log)),
       networkNames_(namesOf(networkCounterNames())),
       quotaNames_(namesOf(quotaCounterNames())),
-      targets_(std::make_shared<const std::vector<CounterTarget>>()) {
-    const AllSignalsBlocked blocked;
-    thread_ = std::thread([this] { run(); });
+      targets_(std::make_shared<const std::vector<CounterTarget>>()),
+      thread_("counters") {
+    thread_.start([this] { run(); });
 }
 
 CounterThread::~CounterThread() {
@@ -84,29 +79,26 @@ void CounterThread::read(CounterSink sink) {
 void CounterThread::run() {
     std::unique_lock lock(mutex_);
     while (true) {
-        changed_.wait(lock, [this] { return ending_ || !sinks_.empty() || !asking_.empty(); });
+        {
+            const Worker::Pause pause;
+            changed_.wait(lock, [this] { return ending_ || !sinks_.empty(); });
+        }
         if (ending_) {
             return;
         }
-        if (asking_.empty()) {
-            asking_.swap(sinks_);
-        }
+        const std::vector<CounterSink> sinks = std::exchange(sinks_, {});
         const Targets targets = targets_;
         lock.unlock();
-        answer(*targets);
+        answer(*targets, sinks);
         lock.lock();
     }
 }
 
-void CounterThread::answer(const std::vector<CounterTarget>& targets) {
-    try {
-        const auto image = readAll(targets);
-        for (; image && !asking_.empty(); asking_.pop_back()) {
-            asking_.back()(*image);
+void CounterThread::answer(const std::vector<CounterTarget>& targets, const std::vector<CounterSink>& sinks) {
+    if (const auto image = readAll(targets)) {
+        for (const CounterSink& sink : sinks) {
+            sink(*image);
         }
-    } catch (const std::exception&) {
-        // Memory is all that can be lacking. Who has not been answered is still in the list.
-        std::this_thread::sleep_for(kAfterFailure);
     }
 }
 

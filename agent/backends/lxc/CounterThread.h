@@ -16,7 +16,6 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "agent/backends/lxc/DiskQuota.h"
@@ -24,6 +23,7 @@
 #include "agent/backends/lxc/NetDevText.h"
 #include "agent/backends/lxc/NetworkSpace.h"
 #include "agent/base/OwnedDescriptor.h"
+#include "agent/base/Worker.h"
 #include "agent/counters/CounterImage.h"
 
 namespace kx::agent::lxc {
@@ -61,7 +61,7 @@ private:
     using Targets = std::shared_ptr<const std::vector<CounterTarget>>;
 
     void run();
-    void answer(const std::vector<CounterTarget>& targets);
+    void answer(const std::vector<CounterTarget>& targets, const std::vector<CounterSink>& sinks);
     std::optional<CounterImage> readAll(const std::vector<CounterTarget>& targets);
     bool isEnding();
     std::vector<CounterRow> networkRows(const CounterTarget& target);
@@ -72,8 +72,7 @@ private:
     const CounterNames networkNames_;
     const CounterNames quotaNames_;
     NetworkTraveller traveller_;
-    bool quotaIsMissed_ = false;       ///< that there are no project quotas has been logged
-    std::vector<CounterSink> asking_;  ///< the thread's own: who gets the reading that is under way
+    bool quotaIsMissed_ = false;  ///< that there are no project quotas has been logged
 
     std::mutex mutex_;  ///< over the next four
     std::condition_variable changed_;
@@ -81,7 +80,7 @@ private:
     std::vector<CounterSink> sinks_;
     bool ending_ = false;
 
-    std::thread thread_;
+    Worker thread_;
 };
 
 }  // namespace kx::agent::lxc

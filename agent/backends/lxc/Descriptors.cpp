@@ -10,6 +10,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "agent/base/Worker.h"
+
 namespace kx::agent::lxc {
 
 OwnedDescriptor descriptorOrThrow(int number, const char* what) {
@@ -21,6 +23,11 @@ OwnedDescriptor descriptorOrThrow(int number, const char* what) {
 
 OwnedDescriptor makeEventDescriptor() {
     return descriptorOrThrow(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd");
+}
+
+int waitForEvents(int poll, std::span<epoll_event> events, int timeoutMs) {
+    const Worker::Pause pause;
+    return ::epoll_wait(poll, events.data(), static_cast<int>(events.size()), timeoutMs);
 }
 
 OwnedDescriptor openPidfd(pid_t pid) {

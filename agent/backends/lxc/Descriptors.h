@@ -2,7 +2,10 @@
 // Plain functions, any thread.
 #pragma once
 
+#include <sys/epoll.h>
 #include <sys/types.h>
+
+#include <span>
 
 #include "agent/base/OwnedDescriptor.h"
 
@@ -17,6 +20,11 @@ OwnedDescriptor descriptorOrThrow(int number, const char* what);
 /// @return a new event descriptor, not readable yet
 /// @throws std::runtime_error when the system has none left
 OwnedDescriptor makeEventDescriptor();
+
+/// @brief Waits for a poll set (epoll_wait(2)); a Worker pauses meanwhile.
+/// @param timeoutMs -1: without limit
+/// @return how many events were filled in
+int waitForEvents(int poll, std::span<epoll_event> events, int timeoutMs);
 
 /// @brief Unlike its number, a process's descriptor never comes to mean another process.
 /// @return a descriptor that is readable once the process has ended; none, with errno set, when there is no such

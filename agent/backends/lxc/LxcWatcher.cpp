@@ -14,7 +14,6 @@
 
 #include "agent/backends/lxc/Descriptors.h"
 #include "agent/backends/lxc/RootfsPath.h"
-#include "agent/backends/lxc/SignalMask.h"
 
 namespace kx::agent::lxc {
 namespace {
@@ -27,9 +26,6 @@ constexpr std::chrono::milliseconds kFileQuiet{20};
 
 /// After a file was made, when it is most likely still being written; its closing is noticed by itself.
 constexpr std::chrono::milliseconds kNewFileQuiet{100};
-
-/// After the worker failed as a whole, e.g. out of memory.
-constexpr std::chrono::seconds kAfterFailure{5};
 
 constexpr std::uint64_t kStopTag = 1;
 constexpr std::uint64_t kInotifyTag = 2;
@@ -47,7 +43,8 @@ LxcWatcher::LxcWatcher(LxcSettings settings, ContainersSink sink, RunningSink ru
       breaker_(kAnswerLimit),
       poll_(descriptorOrThrow(::epoll_create1(EPOLL_CLOEXEC), "epoll")),
       stopEvent_(makeEventDescriptor()),
-      lastLifeId_(kFirstLifeId) {
+      lastLifeId_(kFirstLifeId),
+      thread_("containers") {
     if (!watchPath()) {
         throw std::runtime_error(
             fmt::format("neither {} nor the folder above it can be watched: {}", settings_.path, pathProblem_));
@@ -55,8 +52,7 @@ LxcWatcher::LxcWatcher(LxcSettings settings, ContainersSink sink, RunningSink ru
     addToPoll(stopEvent_.get(), kStopTag);
     addToPoll(inotify_.descriptor(), kInotifyTag);
     addToPoll(addressWatch_.descriptor(), kAddressTag);
-    const AllSignalsBlocked blocked;
-    thread_ = std::thread([this] { run(); });
+    thread_.start([this] { run(); });
 }
 
 LxcWatcher::~LxcWatcher() {
@@ -76,15 +72,8 @@ void LxcWatcher::addToPoll(int descriptor, std::uint64_t tag) {
 
 void LxcWatcher::run() {
     while (!ending_) {
-        try {
-            runOnce();
-            waitForEvents();
-        } catch (const std::exception& error) {
-            // Without the deadlines there is nothing that could fail at once again.
-            logOnChange(workerProblem_, Severity::Error, fmt::format("watching containers failed: {}", error.what()));
-            rechecks_.clear();
-            compareAllAt_ = Clock::now() + kAfterFailure;
-        }
+        runOnce();
+        handleEvents();
     }
 }
 
@@ -108,12 +97,12 @@ void LxcWatcher::runOnce() {
     publish();
 }
 
-void LxcWatcher::waitForEvents() {
+void LxcWatcher::handleEvents() {
     const auto until = std::min({rechecks_.earliest().value_or(compareAllAt_), compareAllAt_, askForStartsAt_});
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
     std::array<epoll_event, 64> events{};
     const int timeoutMs = static_cast<int>(std::max<std::int64_t>(left.count(), 0));
-    const int count = ::epoll_wait(poll_.get(), events.data(), static_cast<int>(events.size()), timeoutMs);
+    const int count = waitForEvents(poll_.get(), events, timeoutMs);
     for (int i = 0; i < count; ++i) {
         const std::uint64_t tag = events[static_cast<std::size_t>(i)].data.u64;
         if (tag >= kFirstLifeId) {

@@ -14,7 +14,7 @@
 // holds back what is new of that container until they have been read, or a moment has passed (LxcWatcherAddresses.cpp).
 //
 // Threads: the constructor and the destructor belong to the main thread. Between them one worker thread owns all
-// the state; it has every signal blocked, and the functions handed in are called on it.
+// the state; the functions handed in are called on it.
 #pragma once
 
 #include <sys/epoll.h>
@@ -25,7 +25,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "agent/backends/lxc/AddressWatch.h"
@@ -39,6 +38,7 @@
 #include "agent/backends/lxc/RecheckList.h"
 #include "agent/backends/lxc/StuckCallBreaker.h"
 #include "agent/backends/lxc/VeIdStore.h"
+#include "agent/base/Worker.h"
 
 namespace kx::agent::lxc {
 
@@ -69,7 +69,7 @@ private:
     // The loop: LxcWatcher.cpp
     void run();
     void runOnce();
-    void waitForEvents();
+    void handleEvents();
     void addToPoll(int descriptor, std::uint64_t tag);
     void notice(const Inotify::Notice& notice);
     void pathNotice(const Inotify::Notice& notice);
@@ -149,11 +149,10 @@ private:
 
     std::string pathProblem_;  ///< these hold the last line logged of a kind, to log changes only
     std::string watchProblem_;
-    std::string workerProblem_;
     std::string descriptorProblem_;
 
     std::atomic<bool> ending_{false};
-    std::thread thread_;
+    Worker thread_;
 };
 
 }  // namespace kx::agent::lxc

@@ -1,16 +1,12 @@
 #include "agent/backends/lxc/QuotaWatch.h"
 
-#include <exception>
 #include <utility>
-
-#include "agent/backends/lxc/SignalMask.h"
 
 namespace kx::agent::lxc {
 
 QuotaWatch::QuotaWatch(std::function<void(AlertSignal)> sink, Reader reader, std::chrono::milliseconds period)
-    : sink_(std::move(sink)), reader_(std::move(reader)), period_(period) {
-    const AllSignalsBlocked blocked;
-    thread_ = std::thread([this] { run(); });
+    : sink_(std::move(sink)), reader_(std::move(reader)), period_(period), thread_("quotas") {
+    thread_.start([this] { run(); });
 }
 
 QuotaWatch::~QuotaWatch() {
@@ -30,14 +26,10 @@ void QuotaWatch::setTargets(QuotaTargets targets) {
 /// What was set since the last look is taken at the next one: nobody's quota runs out because it starts.
 void QuotaWatch::run() {
     std::unique_lock lock(mutex_);
-    while (!changed_.wait_for(lock, period_, [this] { return ending_; })) {
+    while (!isEndingWithin(lock, period_)) {
         lock.unlock();
-        try {
-            take();
-            lookAtAll();
-        } catch (const std::exception&) {
-            // Memory is all that can be lacking: the next look is after the period, as always.
-        }
+        take();
+        lookAtAll();
         lock.lock();
     }
 }
@@ -66,6 +58,11 @@ void QuotaWatch::lookAtAll() {
             sink_(std::move(signal));
         }
     }
+}
+
+bool QuotaWatch::isEndingWithin(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds time) {
+    const Worker::Pause pause;
+    return changed_.wait_for(lock, time, [this] { return ending_; });
 }
 
 QuotaTargets QuotaWatch::copyOfTargets() {

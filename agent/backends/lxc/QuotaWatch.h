@@ -12,11 +12,11 @@
 #include <map>
 #include <mutex>
 #include <string>
-#include <thread>
 
 #include "agent/alerts/Alert.h"
 #include "agent/backends/lxc/DiskQuota.h"
 #include "agent/backends/lxc/QuotaAlarms.h"
+#include "agent/base/Worker.h"
 
 namespace kx::agent::lxc {
 
@@ -59,6 +59,7 @@ private:
     };
 
     void run();
+    bool isEndingWithin(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds time);
     void take();
     void lookAtAll();
     QuotaTargets copyOfTargets();
@@ -75,7 +76,7 @@ private:
 
     std::map<Eid, Watched> watched_;  ///< the thread's own
 
-    std::thread thread_;
+    Worker thread_;
 };
 
 }  // namespace kx::agent::lxc

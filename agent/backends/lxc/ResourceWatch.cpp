@@ -57,7 +57,8 @@ ResourceWatch::ResourceWatch(ResourceWatchSettings settings, SignalSink sink, Lo
       poll_(descriptorOrThrow(::epoll_create1(EPOLL_CLOEXEC), "epoll")),
       inotify_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
       lastId_(kFirstTag),
-      hostKills_(settings_.times.quietAfterKill) {
+      hostKills_(settings_.times.quietAfterKill),
+      orders_("resources") {
     const bool added = addToPoll(poll_.get(), orders_.descriptor(), kOrdersTag) &&
                        (!inotify_ || addToPoll(poll_.get(), inotify_.get(), kInotifyTag));
     if (!added) {
@@ -286,7 +287,7 @@ void ResourceWatch::wait() {
     const auto left = std::chrono::ceil<milliseconds>(until - std::chrono::steady_clock::now());
     std::array<epoll_event, 64> events{};
     const int timeoutMs = static_cast<int>(std::max<std::int64_t>(left.count(), 0));
-    const int count = ::epoll_wait(poll_.get(), events.data(), static_cast<int>(events.size()), timeoutMs);
+    const int count = waitForEvents(poll_.get(), events, timeoutMs);
     for (int i = 0; i < count; ++i) {
         const std::uint64_t tag = events[static_cast<std::size_t>(i)].data.u64;
         if (tag >= kFirstTag) {

@@ -9,9 +9,9 @@
 #include <cstddef>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <string_view>
 
-#include "agent/backends/lxc/SignalMask.h"
 #include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
@@ -54,9 +54,8 @@ int shutDownConnectionsTo(const std::string& name) {
     return count;
 }
 
-StuckCallBreaker::StuckCallBreaker(std::chrono::milliseconds limit) : limit_(limit) {
-    const AllSignalsBlocked blocked;
-    thread_ = std::thread([this] { run(); });
+StuckCallBreaker::StuckCallBreaker(std::chrono::milliseconds limit) : limit_(limit), thread_("breaker") {
+    thread_.start([this] { run(); });
 }
 
 StuckCallBreaker::~StuckCallBreaker() {
@@ -100,9 +99,11 @@ bool StuckCallBreaker::endCall() {
 void StuckCallBreaker::run() {
     std::unique_lock lock(mutex_);
     while (!ending_) {
+        std::optional<Worker::Pause> pause(std::in_place);
         changed_.wait(lock, [this] { return ending_ || inCall_; });
         const std::uint64_t timed = calls_;
         const bool another = changed_.wait_for(lock, limit_, [&] { return ending_ || calls_ != timed; });
+        pause.reset();
         if (!another && inCall_) {
             breakWhileStuck(lock);
         }

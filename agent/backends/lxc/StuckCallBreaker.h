@@ -14,7 +14,8 @@
 #include <functional>
 #include <mutex>
 #include <string>
-#include <thread>
+
+#include "agent/base/Worker.h"
 
 namespace kx::agent::lxc {
 
@@ -48,7 +49,7 @@ private:
     bool broken_ = false;      ///< guarded by mutex_; the latest call was broken
     bool breaking_ = false;    ///< guarded by mutex_; connections are being shut down without the lock
     bool ending_ = false;      ///< guarded by mutex_
-    std::thread thread_;
+    Worker thread_;
 };
 
 /// @brief Shuts down every socket of this process that is connected to an abstract unix socket.
