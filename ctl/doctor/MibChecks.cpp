@@ -14,6 +14,7 @@ namespace {
 
 constexpr const char* kModule = "CORVANE-MIB";
 constexpr const char* kNamedObject = "kxServerEid";
+constexpr const char* kBaseModules = "/usr/share/kxsnmp/mibs";  // of the package kxsnmp
 constexpr const char* kItsNumber = ".1.3.6.1.4.1.53864.1.1.1";
 
 /// Names that are not qualified are known when the module is loaded, not as soon as it could be.
@@ -69,9 +70,9 @@ Finding unreadableModuleFinding(const std::string& said) {
         return absentModuleFinding(said);
     }
     if (!missing.empty()) {
-        return {Verdict::Warn, "mib", fmt::format("{} stands on modules that are missing: {}", kModule, missing),
-                "put them into /usr/share/snmp/mibs: they are in lib/mibs of the npm package net-snmp, or come with "
-                "snmp-mibs-downloader of Debian's non-free"};
+        return {
+            Verdict::Warn, "mib", fmt::format("{} stands on modules that are missing: {}", kModule, missing),
+            fmt::format("let /etc/snmp/snmp.conf say \"mibdirs -{0}\"; for one command, -M -{0} does", kBaseModules)};
     }
     return {Verdict::Warn, "mib",
             fmt::format("net-snmp's tools do not know {}: {}", kModule, printable(lastLine(said))),

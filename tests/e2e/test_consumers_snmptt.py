@@ -8,7 +8,6 @@ from support.host import Host
 from support.mibs import MODULE_FILE, NamingSnmptrapd, netSnmpSettings
 from support.parts import Snmptrapd
 from support.raising import AlertRaiser
-from support.syslog import SyslogCollector
 from support.traps import PROBE_CODE, waitForSubscription
 from support.wait import waitUntil
 
@@ -91,32 +90,6 @@ def test_each_alert_is_logged_with_its_container_severity_text_and_value(trappin
         ]
     finally:
         raiser.close()
-
-
-@pytest.fixture
-def syslog():
-    made = SyslogCollector()
-    yield made
-    made.close()
-
-
-@pytest.mark.parametrize(
-    ("code", "severity"),
-    [("critical", "Critical"), ("critical(2)", "Critical"), ("clear", "Normal"), ("21", "Minor"), ("-1", "Minor")],
-)
-def test_a_code_means_the_same_with_and_without_its_name(settings, syslog, code, severity):
-    trap = [
-        "host.example",
-        "UDP: [192.0.2.10]:161->[192.0.2.1]:162",
-        ".1.3.6.1.2.1.1.3.0 0:0:00:01.00",
-        ".1.3.6.1.6.3.1.1.4.1.0 .1.3.6.1.4.1.53864.2.0.1",
-        ".1.3.6.1.4.1.53864.1.1.4.1.1 4294967295",
-        '.1.3.6.1.4.1.53864.1.1.9 "text"',
-        f".1.3.6.1.4.1.53864.1.1.10 {code}",
-        ".1.3.6.1.4.1.53864.1.1.11 3",
-    ]
-    run(["/usr/sbin/snmptt", f"--ini={settings}"], text="\n".join(trap) + "\n")
-    assert [line[1] for line in waitForLogged(syslog, 1)] == [severity]
 
 
 def test_the_configuration_names_the_trap_and_its_variables_as_the_module_does(tmp_path):

@@ -397,7 +397,7 @@ def test_names_are_made_to_resolve_one_obstacle_after_the_other(host, tmp_path, 
 
     assert mib()["words"] == f"net-snmp's tools do not find CORVANE-MIB in {folder}"
     shutil.copy(MODULE_FILE, folder)
-    assert mib()["words"] == "CORVANE-MIB stands on modules that are missing: SNMPv2-SMI"
+    assert mib()["words"].startswith("CORVANE-MIB stands on modules that are missing: SNMPv2-SMI")
     shutil.copytree(BASE_MODULES, folder, dirs_exist_ok=True)
     check = mib()
     assert check["words"] == "net-snmp's tools can read CORVANE-MIB, but do not load it by themselves"

@@ -2,15 +2,12 @@
 
 import json
 import re
-import shutil
 
 import pytest
-from support.mibs import BASE_MODULES
 from support.wait import waitUntil
 
 DROP_IN = "/etc/snmp/snmpd.conf.d/kxsnmp.conf"
 SNMP_CONF = "/etc/snmp/snmp.conf"
-MODULES = "/usr/share/snmp/mibs"
 LIBRARY = "/usr/lib/x86_64-linux-gnu/libkxclient.so.0"
 SETTLED_WITHIN_S = 20
 
@@ -142,10 +139,8 @@ def test_a_sub_agent_in_a_container_is_not_this_hosts(debian):
 def test_names_are_made_to_resolve_one_obstacle_after_the_other(debian):
     translate = ["snmptranslate", "-IR", "-On", "kxVeTable"]
     check = examine(debian)["mib"]
-    assert check["words"] == "CORVANE-MIB stands on modules that are missing: SNMPv2-SMI"
-    assert MODULES in check["todo"]
-    for module in BASE_MODULES.iterdir():
-        shutil.copy(module, debian.path(MODULES))
+    assert check["words"].startswith("CORVANE-MIB stands on modules that are missing: SNMPv2-SMI")
+    debian.path(SNMP_CONF).write_text(f"{debian.path(SNMP_CONF).read_text()}\n{quotedIn(check)}\n")
     check = examine(debian)["mib"]
     assert check["words"] == "net-snmp's tools can read CORVANE-MIB, but do not load it by themselves"
     debian.do(*translate, status=2)

@@ -2,6 +2,7 @@
 
 import ast
 import os
+import re
 import subprocess
 from pathlib import Path
 from typing import NamedTuple
@@ -13,11 +14,12 @@ from .wait import waitUntil
 
 MODULE = "CORVANE-MIB"
 MODULE_FILE = PROJECT / "mibs" / f"{MODULE}.txt"
-BASE_MODULES = PROJECT / "build/npm/node_modules/net-snmp/lib/mibs"  # Debian has none; scripts/fetch-npm brings these
+BASE_MODULES = PROJECT / "mibs/base"  # in the package, as Debian has none
 
 SYNTAX_TAGS = {
     "Enumeration": INTEGER,
     "Integer32": INTEGER,
+    "CounterBasedGauge64": COUNTER64,
     "OctetString": OCTET_STRING,
     "Unsigned32": UNSIGNED32,
     "Counter64": COUNTER64,
@@ -97,9 +99,10 @@ class Module:
         kinds = ("nodes", "notifications", "groups", "compliances")
         return {name: parseOid(node["oid"]) for kind in kinds for name, node in self._dump[kind].items()}
 
-    def enumeration(self, convention):
-        """The names of a textual convention's numbers."""
-        return self._syntax({"name": convention}).names
+    def listedNumbers(self, convention):
+        """The numbers that the description of a textual convention lists, and their names."""
+        described = self._dump["typedefs"][convention]["description"]
+        return {int(number): name for name, number in re.findall(r"^(\w+)\((\d+)\):", described, re.MULTILINE)}
 
     def _object(self, name, node):
         syntax = self._syntax(node["syntax"]["type"])
