@@ -22,11 +22,11 @@ inline void writeFile(const std::string& path, std::string_view content) {
     }
 }
 
-/// Makes a folder below the system's temporary one, and removes it with all that is in it.
+/// Makes a folder below another one, and removes it with all that is in it.
 class TemporaryFolder {
 public:
-    TemporaryFolder() {
-        std::string pattern = std::filesystem::temp_directory_path() / "kxtest-XXXXXX";
+    explicit TemporaryFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+        std::string pattern = parent / "kxtest-XXXXXX";
         if (::mkdtemp(pattern.data()) == nullptr) {
             throw std::runtime_error("no temporary folder");
         }

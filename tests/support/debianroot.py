@@ -10,6 +10,7 @@ from .host import PROJECT
 from .wait import waitUntil
 
 ARCHIVE = PROJECT / "build/debian-root.tar"  # scripts/fetch-debian makes it
+DEPENDENCIES = PROJECT / "build/debian-packages"  # likewise: what ours depend on
 PACKAGES = PROJECT / "build/packages"  # scripts/build-packages makes them
 
 _SCRIPT = Path(__file__).with_suffix(".sh")

@@ -129,17 +129,6 @@ TEST_F(ServerRefusal, aPeerThatDoesNotHangUpAfterItsRefusalIsClosed) {
     EXPECT_TRUE(closed.revents & POLLHUP) << "both directions are closed, not only the server's";
 }
 
-TEST_F(ServerRefusal, aPeerWithoutTheRightIsRefused) {
-    settings_.access.ownUid = 4242;
-    if (::getuid() == 0) {
-        GTEST_SKIP() << "root is always admitted";
-    }
-    serve();
-    Peer peer = connect();
-    expectRefusal(peer, wire::ERROR_NOT_ALLOWED);
-    expectOneLine({pidText(), kAgentGroup});
-}
-
 TEST_F(ServerRefusal, oneConnectionTooManyIsRefusedAndAFreePlaceIsGivenAway) {
     serve();
     std::vector<std::unique_ptr<Peer>> peers;
