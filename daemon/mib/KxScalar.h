@@ -5,11 +5,11 @@
 
 #include "mib/NetSnmp.h"
 
-/// @brief Answers get requests for both scalars; tells them apart by the object's number in the request. Every
-/// value is fetched anew, from memory: the agent is only waited for when its link is not up yet (500 ms).
+/// @brief One handler for both scalars. Which one is meant follows from the registered name; its value is read from the
+/// link for each request, which waits only for a link that has never been up (500 ms).
 ///
-/// While there is no agent the identifier is the invalid one and the version is empty; neither is an error.
-/// noexcept for the reason given in TableHelperHelper.h.
-/// @return always 0; no request error is ever set
+/// Without an agent the identifier is that of no environment, and the version is empty. noexcept for the reason given
+/// in TableHelperHelper.h.
+/// @return 0 in every case; requests get no error
 extern "C" int KxScalar_get_handler(netsnmp_mib_handler* handler, netsnmp_handler_registration* reginfo,
                                     netsnmp_agent_request_info* reqinfo, netsnmp_request_info* requests) noexcept;

@@ -83,10 +83,10 @@ InProcessAgent::~InProcessAgent() {
     shutdown_agent();
 }
 
-std::vector<Answer> InProcessAgent::ask(int command, const std::vector<Oid>& names, int repetitions) {
+std::vector<Answer> InProcessAgent::ask(int command, const std::vector<Oid>& names, int repetitions, int nonRepeaters) {
     netsnmp_pdu* const request = snmp_pdu_create(command);
     if (command == SNMP_MSG_GETBULK) {
-        request->non_repeaters = 0;
+        request->non_repeaters = nonRepeaters;
         request->max_repetitions = repetitions;
     }
     for (const Oid& name : names) {

@@ -35,7 +35,10 @@ public:
 
     std::vector<Answer> get(const std::vector<Oid>& names) { return ask(SNMP_MSG_GET, names, 0); }
     std::vector<Answer> getNext(const std::vector<Oid>& names) { return ask(SNMP_MSG_GETNEXT, names, 0); }
-    std::vector<Answer> getBulk(const Oid& name, int repetitions) { return ask(SNMP_MSG_GETBULK, {name}, repetitions); }
+    std::vector<Answer> getBulk(const Oid& name, int repetitions) { return getBulk({name}, 0, repetitions); }
+    std::vector<Answer> getBulk(const std::vector<Oid>& names, int nonRepeaters, int repetitions) {
+        return ask(SNMP_MSG_GETBULK, names, repetitions, nonRepeaters);
+    }
 
     /// @brief Tries to write an integer.
     /// @return the error status
@@ -46,7 +49,7 @@ public:
 
 private:
     InProcessAgent();
-    std::vector<Answer> ask(int command, const std::vector<Oid>& names, int repetitions);
+    std::vector<Answer> ask(int command, const std::vector<Oid>& names, int repetitions, int nonRepeaters = 0);
 
     netsnmp_session* session_;
 };

@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "InProcessAgent.h"
 #include "link/SNMPNodeLocal.h"
 #include "mib/OidLayout.h"
@@ -99,6 +101,21 @@ std::string nameOf(const Oid& name) {
 
 TEST(RegistrationDeathTest, LeavesOutATableForWhichThereIsNoMemoryAndGoesOn) {
     EXPECT_EXIT(registerWithoutMemoryForOne(), testing::ExitedWithCode(0), "");
+}
+
+/// In a process of its own. The library frees a registration that it refuses.
+[[noreturn]] void registerTwice() {
+    InProcessAgent::instance();
+    register_tables();
+    LogCapture log;
+    register_tables();
+    const LogCapture::Line refused(3, "memory allocation failed in register_table");
+    const auto lines = log.lines();
+    _exit(std::count(lines.begin(), lines.end(), refused) == 5 && nameOf(object(4)) == "KxVeTable" ? 0 : 1);
+}
+
+TEST(RegistrationDeathTest, LeavesOutATableThatTheLibraryRefuses) {
+    EXPECT_EXIT(registerTwice(), testing::ExitedWithCode(0), "");
 }
 
 struct TableCase {

@@ -8,6 +8,8 @@
 #include "Allocations.h"
 #include "client/src/values/EnvRecord.h"
 #include "link/SNMPNodeLocal.h"
+#include "tables/VeAppTableData.h"
+#include "tables/VeIpTableData.h"
 #include "tables/VeTable.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/MakeEnv.h"
@@ -103,6 +105,44 @@ TEST(VeTableDataRows, PassOverEmptyEntriesOfTheList) {
     const boost::intrusive_ptr<KXLEnvCache::Storage> storage(new KXLEnvCache::Storage);
     storage->environments = {nullptr, makeEnv(container(5)), nullptr, nullptr, makeEnv(container(6)), nullptr};
     EXPECT_THAT(veidsOf(rowsOf(EnvList(storage))), ElementsAre(5, 6));
+}
+
+/// Notes that its configuration was asked for, which comes before any column of it is read.
+class WitnessEnv : public KXLEnv {
+public:
+    using KXLEnv::KXLEnv;
+    const KXLEnvConfig& getConfig() const override {
+        ++asked;
+        return KXLEnv::getConfig();
+    }
+    mutable int asked = 0;
+};
+
+template <typename Cursor>
+void walkOver(const EnvList& list) {
+    const ContainerSnapshot<Cursor> snapshot(list);
+    const auto end = snapshot.end();
+    for (auto cursor = snapshot.begin(); !(cursor == end); ++cursor) {
+        auto row = *cursor;
+        row[1];
+    }
+}
+
+TEST(VeTableDataRows, NeverAskEnvironmentsOfOtherTypesForTheirNumber) {
+    const boost::intrusive_ptr<kx::client::EnvRecord> host(new kx::client::EnvRecord);
+    host->type = "host";
+    const boost::intrusive_ptr<kx::client::EnvRecord> container(new kx::client::EnvRecord);
+    container->type = "lumetra";
+    const auto first = boost::make_shared<const WitnessEnv>(host);
+    const auto second = boost::make_shared<const WitnessEnv>(container);
+    const auto third = boost::make_shared<const WitnessEnv>(host);
+    const boost::intrusive_ptr<KXLEnvCache::Storage> storage(new KXLEnvCache::Storage);
+    storage->environments = {first, second, third};
+    walkOver<VeTableCursor>(EnvList(storage));
+    walkOver<VeIpAddrTable::Cursor>(EnvList(storage));
+    walkOver<VeAppTable::Cursor>(EnvList(storage));
+    EXPECT_EQ(second->asked, 3) << "once a table";
+    EXPECT_EQ(first->asked + third->asked, 0);
 }
 
 TEST(VeTableDataRows, OutliveTheCacheTheyCameFrom) {

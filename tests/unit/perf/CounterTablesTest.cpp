@@ -1,10 +1,6 @@
 // Both counter tables as they are published: from the agent's socket through the library's helpers to the answers.
-#include "link/SNMPNodeLocal.h"
 #include "mib/OidLayout.h"
-#include "mib/Registration.h"
-#include "tests/support/LogCapture.h"
-#include "tests/unit/mib/InProcessAgent.h"
-#include "tests/unit/perf/PerfFixture.h"
+#include "tests/unit/perf/PublishedTables.h"
 
 namespace kx::test {
 namespace {
@@ -36,34 +32,8 @@ Answer counter(oid table, oid column, const Oid& index, std::int64_t value) {
             nativeLong(static_cast<std::int32_t>(bits >> 32)) + nativeLong(static_cast<std::int32_t>(bits))};
 }
 
-/// Read by the link's own monitor, as in the daemon. It keeps its classes from test to test.
-class CounterTables : public PerfFixture {
-protected:
-    static void SetUpTestSuite() {
-        snmp_ = &InProcessAgent::instance();
-        {
-            const LogCapture unwanted;
-            register_tables();
-        }
-        // The link subscribes anew to all that it was ever asked for.
-        SNMPNodeLocal::instance()->getStats(kNet);
-        SNMPNodeLocal::instance()->getStats(kQuota);
-        EXPECT_TRUE(settle());
-        agent().reset();
-        agent().hangUp();
-        subscription_ = agent().monitor();
-    }
-
-    /// Has the link's monitor know this and nothing else.
-    void publish(const std::vector<wire::CounterGroup>& groups) {
-        agent().send(reportFrame(subscription_, {}));
-        agent().send(reportFrame(subscription_, groups));
-        ASSERT_TRUE(settle());
-    }
-
-    static inline InProcessAgent* snmp_ = nullptr;
-    static inline std::uint64_t subscription_ = 0;
-};
+/// The link's monitor keeps its classes from test to test.
+using CounterTables = PublishedTables;
 
 wire::CounterGroup quotaOf(const std::vector<CounterRow>& rows) {
     return groupOf(kQuota, {"q1", "q2", "q3", "q4", "q5", "q6", "q7", "q8"}, rows);
@@ -82,7 +52,7 @@ TEST_F(CounterTables, ShowEveryCounterOfEveryContainer) {
         quota.push_back(counter(kQuotaTable, column, {101}, static_cast<std::int64_t>(column)));
         quota.push_back(counter(kQuotaTable, column, {102}, static_cast<std::int64_t>(column + 10)));
     }
-    EXPECT_THAT(snmp_->walk(tableName(kQuotaTable)), ElementsAreArray(quota));
+    EXPECT_THAT(snmp().walk(tableName(kQuotaTable)), ElementsAreArray(quota));
     const auto instance = [](oid veid, oid number) {
         return Answer{nameOf(kNetworkTable, 1, {veid, number}), ASN_UNSIGNED, nativeLong(static_cast<long>(number))};
     };
@@ -94,32 +64,46 @@ TEST_F(CounterTables, ShowEveryCounterOfEveryContainer) {
         network.push_back(counter(kNetworkTable, column, {101, 7}, 3 * row[1]));
         network.push_back(counter(kNetworkTable, column, {102, 12}, 3 * row[2]));
     }
-    EXPECT_THAT(snmp_->walk(tableName(kNetworkTable)), ElementsAreArray(network));
+    EXPECT_THAT(snmp().walk(tableName(kNetworkTable)), ElementsAreArray(network));
 }
 
 TEST_F(CounterTables, AnswerTheFirstOfSeveralInstancesThatHaveOneIndex) {
     publish({quotaOf({rowOf(kWeb, "b", {21, 2, 3, 4, 5, 6, 7, 8}), rowOf(kWeb, "a", {11, 2, 3, 4, 5, 6, 7, 8})}),
              networkOf({rowOf(kWeb, "eth1", {2, 2, 2, 2}), rowOf(kWeb, "eth0", {1, 1, 1, 1})})});
     EXPECT_THAT(SNMPNodeLocal::instance()->getStats(kQuota).at(101), SizeIs(2));
-    EXPECT_THAT(snmp_->get({nameOf(kQuotaTable, 1, {101})}), ElementsAre(counter(kQuotaTable, 1, {101}, 11)));
-    EXPECT_THAT(snmp_->get({nameOf(kNetworkTable, 2, {101, 0})}), ElementsAre(counter(kNetworkTable, 2, {101, 0}, 3)));
-    EXPECT_THAT(snmp_->walk(tableName(kQuotaTable)), SizeIs(8)) << "a walk passes both";
-    EXPECT_THAT(snmp_->walk(tableName(kNetworkTable)), SizeIs(5));
+    EXPECT_THAT(snmp().get({nameOf(kQuotaTable, 1, {101})}), ElementsAre(counter(kQuotaTable, 1, {101}, 11)));
+    EXPECT_THAT(snmp().get({nameOf(kNetworkTable, 2, {101, 0})}), ElementsAre(counter(kNetworkTable, 2, {101, 0}, 3)));
+    EXPECT_THAT(snmp().walk(tableName(kQuotaTable)), SizeIs(8)) << "a walk passes both";
+    EXPECT_THAT(snmp().walk(tableName(kNetworkTable)), SizeIs(5));
+}
+
+TEST_F(CounterTables, AnswerTheFirstOfThemToAGetOfSeveralVariablesToo) {
+    publish({quotaOf({rowOf(kWeb, "b", {21, 22, 3, 4, 5, 6, 7, 8}), rowOf(kWeb, "a", {11, 12, 3, 4, 5, 6, 7, 8})})});
+    EXPECT_THAT(snmp().get({nameOf(kQuotaTable, 1, {101}), nameOf(kQuotaTable, 2, {101})}),
+                ElementsAre(counter(kQuotaTable, 1, {101}, 11), counter(kQuotaTable, 2, {101}, 12)));
+}
+
+TEST_F(CounterTables, AreLeftForTheNextTableWhenTheyAreEmpty) {
+    const auto network = networkOf({rowOf(kWeb, "7", {1, 2, 3, 4})});
+    publish({network});
+    agent().answerQueriesWith({network});  // of the class that is empty
+    EXPECT_THAT(snmp().getNext({tableName(kQuotaTable)}),
+                ElementsAre(Answer{nameOf(kNetworkTable, 1, {101, 7}), ASN_UNSIGNED, nativeLong(7)}));
 }
 
 TEST_F(CounterTables, HaveNoInstanceOfAContainerThatReportsNothing) {
     publish({quotaOf({rowOf(kWeb, "", {1, 2, 3, 4, 5, 6, 7, 8})})});
-    EXPECT_EQ(snmp_->get({nameOf(kQuotaTable, 1, {102})})[0].type, SNMP_NOSUCHINSTANCE);
-    EXPECT_EQ(snmp_->get({nameOf(kQuotaTable, 9, {101})})[0].type, SNMP_NOSUCHOBJECT) << "the index is no column";
-    EXPECT_THAT(snmp_->walk(tableName(kQuotaTable)), SizeIs(8));
+    EXPECT_EQ(snmp().get({nameOf(kQuotaTable, 1, {102})})[0].type, SNMP_NOSUCHINSTANCE);
+    EXPECT_EQ(snmp().get({nameOf(kQuotaTable, 9, {101})})[0].type, SNMP_NOSUCHOBJECT) << "the index is no column";
+    EXPECT_THAT(snmp().walk(tableName(kQuotaTable)), SizeIs(8));
 }
 
 TEST_F(CounterTables, PassOverColumnsThatTheVocabularyDoesNotName) {
     agent().setVocabulary(vocabularyOf({{kQuota, {{"q2", 1}}}, {kNet, {{"packets_in", 2}}}}));
     publish({quotaOf({rowOf(kWeb, "", {1, 2, 3, 4, 5, 6, 7, 8})}), networkOf({rowOf(kWeb, "1", {1, 2, 3, 4})})});
     const LogCapture log;
-    EXPECT_THAT(snmp_->walk(tableName(kQuotaTable)), ElementsAre(counter(kQuotaTable, 1, {101}, 2)));
-    EXPECT_THAT(snmp_->walk(tableName(kNetworkTable)),
+    EXPECT_THAT(snmp().walk(tableName(kQuotaTable)), ElementsAre(counter(kQuotaTable, 1, {101}, 2)));
+    EXPECT_THAT(snmp().walk(tableName(kNetworkTable)),
                 ElementsAre(Answer{nameOf(kNetworkTable, 1, {101, 1}), ASN_UNSIGNED, nativeLong(1)},
                             counter(kNetworkTable, 2, {101, 1}, 6)));
     EXPECT_THAT(log.lines(),
@@ -128,8 +112,8 @@ TEST_F(CounterTables, PassOverColumnsThatTheVocabularyDoesNotName) {
 
 TEST_F(CounterTables, AreEmptyWhenNothingIsReported) {
     publish({});
-    EXPECT_THAT(snmp_->walk(tableName(kQuotaTable)), IsEmpty());
-    EXPECT_THAT(snmp_->walk(tableName(kNetworkTable)), IsEmpty());
+    EXPECT_THAT(snmp().walk(tableName(kQuotaTable)), IsEmpty());
+    EXPECT_THAT(snmp().walk(tableName(kNetworkTable)), IsEmpty());
 }
 
 }  // namespace
