@@ -13,6 +13,7 @@ MAX_KXAGENTD_BYTES = 128 * MIB
 ANSWER_DEADLINE_S = 1.0
 
 TEN_THOUSAND = "[host]\ngenerate = 10000\n"
+A_HUNDRED_THOUSAND = "[host]\ngenerate = 100000\n"
 A_HUNDRED = "[host]\ngenerate = 100\n"
 FIRST_GENERATED, LAST_GENERATED = 2001, 12000
 
@@ -55,6 +56,27 @@ def test_every_change_of_a_large_inventory_keeps_them_within_their_memory(largeH
         waitUntil(lambda: client.get([ENTRY + (4, 1)])[0].value == expected, 5, "the change is shown")  # noqa: B023
     assert process.residentBytes(largeHost.kxsnmp.pid) <= MAX_KXSNMP_BYTES
     assert process.residentBytes(largeHost.agent.pid) <= MAX_KXAGENTD_BYTES
+
+
+def test_a_hundred_thousand_containers_load_while_requests_are_answered_in_time(host):
+    host.snmpd.start()
+    host.kxsnmp.start()
+    host.waitForSubtree()
+    host.agent.writeInventory(A_HUNDRED_THOUSAND)
+    host.agent.start()
+    last = ENTRY + (1, FIRST_GENERATED + 100000 - 1)
+
+    def isLoaded():
+        started = time.monotonic()
+        answer = host.client.get([last], timeoutSeconds=5)[0]
+        times.append(time.monotonic() - started)
+        return answer.value == last[-1]
+
+    times = []
+    waitUntil(isLoaded, 60, "the last container is shown")
+    # Every request until then waits in vain for a moment at most. One may have met a busy machine.
+    assert sorted(times)[-2:][0] <= ANSWER_DEADLINE_S, times
+    assert process.residentBytes(host.kxsnmp.pid) <= 128 * MIB
 
 
 def test_two_hundred_walks_of_a_hundred_containers_grow_neither_program(host):

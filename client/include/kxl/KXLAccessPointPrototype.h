@@ -109,8 +109,10 @@ public:
 
     /// @brief Connects, shakes hands and fills the environment cache and the vocabularies.
     ///
-    /// Waits for the loop thread at most 500 ms in all. A call within 500 ms of one that ran into that limit
-    /// waits only 5 ms, so that the many look-ups of one SNMP request stay within its second together.
+    /// Waits for the loop thread at most 500 ms in all. After a call that ran into that limit the ones that follow fail
+    /// at once until the agent has sent something or 5 s have passed, so that the many calls that one SNMP request leads
+    /// to stay within its second together. What the agent sends after the limit is not lost: a call within the next 10 s
+    /// takes it over.
     ///
     /// On success the handler has got handleConnected before this returns, on this thread; from then on the
     /// library keeps the link up by itself, and calls handleDisconnect, handleBroken or handleTimeout on loss
@@ -127,7 +129,7 @@ public:
                        int flags);
 
     /// @brief Has a described host report an alert, as if it had happened there; real hosts refuse. Waits for the
-    /// answer, at most 500 ms.
+    /// answer, at most 500 ms, and not at all while the agent is silent (see initializeSync).
     ///
     /// Must not be called on the loop thread, nor by what answers requests of others meanwhile.
     /// @param alert what to report; its `eid` counts where `veid` is null
@@ -137,7 +139,7 @@ public:
     int raiseAlertSync(const KXLResourceAlertData& alert, const std::int32_t* veid, std::string& refusal);
 
     /// @brief Asks the agent for a sign of life, which it gives at once whatever it does besides. Waits for it, at most
-    /// 500 ms.
+    /// 500 ms, and not at all while the agent is silent.
     ///
     /// Must not be called on the loop thread, nor by what answers requests of others meanwhile.
     /// @return 0, or a KXLRequestError
@@ -146,10 +148,13 @@ public:
     /// @return the cache, never null; empty before the first connection, and what was last received after a loss
     boost::intrusive_ptr<KXLEnvCache> getEnvCache() const;
 
-    /// @brief The default vocabulary of the node with that identifier. Answers at once from memory.
-    /// @return null when the node is not this agent or has no such vocabulary
+    /// @brief The default vocabulary of the node with that identifier, of which it is known that it holds now. Answers at
+    /// once from memory.
+    /// @return null when the node is not this agent or has no such vocabulary, or while the link is down
     boost::shared_ptr<KXLVocMap> getVocabulary(const KXLEID& eid) const;
-    /// @brief A named vocabulary of the node with that identifier. Answers at once from memory.
+    /// @brief A named vocabulary of the node with that identifier, as last received. Answers at once from memory.
+    /// @param name empty: the default vocabulary
+    /// @return null when the node is not this agent or had no such vocabulary
     boost::shared_ptr<KXLVocMap> getVocabulary(const KXLEID& eid, const std::string& name) const;
 
 private:

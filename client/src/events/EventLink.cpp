@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "client/src/events/MessageReader.h"
-#include "client/src/loop/Timeouts.h"
 #include "client/src/transport/Handshake.h"
 
 namespace kx::client {
@@ -116,7 +115,7 @@ void EventLink::connect(const KXLConnectivityInfo& info) {
                 self->connected(error, socket);
             }
         });
-    deadline_.expires_after(kReconnectDeadline);
+    deadline_.expires_after(loop_->timeouts().reconnect);
     deadline_.async_wait([weak = weak_from_this()](boost::system::error_code cancelled) {
         const auto self = weak.lock();
         if (!cancelled && self && self->phase_ < Phase::Subscribed) {

@@ -12,6 +12,8 @@
 #include <thread>
 #include <vector>
 
+#include "client/src/loop/Timeouts.h"
+
 namespace kx::client {
 
 /// @brief Something on the loop that must let go of its sockets and timers before the loop can end.
@@ -33,6 +35,10 @@ public:
     ~Loop();
     Loop(const Loop&) = delete;
     Loop& operator=(const Loop&) = delete;
+
+    /// @brief Replaces the deadlines of all that will run on this loop. Only before anything does.
+    void setTimeouts(const Timeouts& timeouts) { timeouts_ = timeouts; }
+    const Timeouts& timeouts() const { return timeouts_; }
 
     void start();
     void stop();
@@ -57,6 +63,7 @@ private:
     void run();
     void tellClients();
 
+    Timeouts timeouts_;
     boost::asio::io_context context_{1};
     boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
 

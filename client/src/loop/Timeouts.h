@@ -1,33 +1,37 @@
 // Every deadline and interval of the client library, with its unit and reason.
+//
+// Thread promise: plain values. A loop carries them for all that runs on it; they are set before it starts.
 #pragma once
 
 #include <chrono>
 
 namespace kx::client {
 
-/// initializeSync waits this long in all. An SNMP master gives a sub-agent one second per try; half of it
-/// leaves room for the answer itself.
-inline constexpr std::chrono::milliseconds kInitializeDeadline{500};
+struct Timeouts {
+    using Span = std::chrono::milliseconds;
 
-/// What initializeSync waits when it closely follows one that used up its deadline. One SNMP request may look
-/// the agent up some thirty times, once for each column of each table that its search passes through; with a silent
-/// agent these must stay within the request's second together. An agent that works needs a few milliseconds.
-inline constexpr std::chrono::milliseconds kFollowUpDeadline{5};
+    /// initializeSync, and a synchronous request, wait this long in all. An SNMP master gives a sub-agent one second
+    /// per try; half of it leaves time for the answer itself.
+    Span synchronous{500};
 
-/// How closely "closely follows" is: longer than a request's own look-ups take together.
-inline constexpr std::chrono::milliseconds kFollowUpWindow{500};
+    /// After a wait that ran into that limit the agent counts as silent for this long, unless it says something:
+    /// one SNMP request may need the agent some thirty times, and all of them must stay within its second.
+    Span silence{5000};
 
-/// Connecting, handshake and first data of a reconnection, where nobody waits.
-inline constexpr std::chrono::seconds kReconnectDeadline{5};
+    /// An initialisation that its caller has given up goes on this long for the next one. Longer than `silence`, so
+    /// that managers who ask every now and then get a host in the end whose data take long to arrive.
+    Span adoption{10000};
 
-/// An idle agent is asked for a sign of life this often; one that sent nothing since the last question is lost.
-inline constexpr std::chrono::seconds kKeepAliveInterval{10};
+    /// A reconnection, for which nobody waits, ends when nothing of what it needs has come for this long.
+    Span reconnect{5000};
 
-/// A synchronous request waits this long for its answer, for the same reason as initializeSync.
-inline constexpr std::chrono::milliseconds kCallDeadline{500};
+    /// An idle agent is pinged this often; one that sent nothing since the last ping is lost. A link that has passed
+    /// the first of these checks is stable: only then do the pauses between reconnections start over.
+    Span keepAlive{10000};
 
-/// First pause before a reconnection, and the longest.
-inline constexpr std::chrono::milliseconds kBackoffFirst{100};
-inline constexpr std::chrono::milliseconds kBackoffLongest{5000};
+    /// First pause before a reconnection, and the longest.
+    Span backoffFirst{100};
+    Span backoffLongest{5000};
+};
 
 }  // namespace kx::client

@@ -1,6 +1,5 @@
 #include <kxl/KXLAccessPointPrototype.h>
 
-#include "client/src/loop/Timeouts.h"
 #include "client/src/session/Session.h"
 #include "client/src/session/SessionDirectory.h"
 
@@ -58,7 +57,7 @@ int KXLAccessPointPrototype::raiseAlertSync(const KXLResourceAlertData& alert, c
     raise.set_text(alert.alertText);
     raise.set_value(alert.alertValue);
     kx::wire::Frame answer;
-    const int code = session_->call(std::move(request), answer, kx::client::kCallDeadline);
+    const int code = session_->call(std::move(request), answer);
     if (code != 0 || answer.has_done()) {
         return code;
     }
@@ -70,7 +69,7 @@ int KXLAccessPointPrototype::pingSync() {
     kx::wire::Frame request;
     request.mutable_ping();
     kx::wire::Frame answer;
-    return session_->call(std::move(request), answer, kx::client::kCallDeadline);
+    return session_->call(std::move(request), answer);
 }
 
 boost::intrusive_ptr<KXLEnvCache> KXLAccessPointPrototype::getEnvCache() const {
@@ -78,7 +77,7 @@ boost::intrusive_ptr<KXLEnvCache> KXLAccessPointPrototype::getEnvCache() const {
 }
 
 boost::shared_ptr<KXLVocMap> KXLAccessPointPrototype::getVocabulary(const KXLEID& eid) const {
-    return getVocabulary(eid, std::string());
+    return session_->isUp() ? getVocabulary(eid, std::string()) : nullptr;
 }
 
 boost::shared_ptr<KXLVocMap> KXLAccessPointPrototype::getVocabulary(const KXLEID& eid, const std::string& name) const {

@@ -4,10 +4,13 @@
 
 namespace kx::client {
 
-bool InitializeAttempt::finish(State state, int code) {
+bool InitializeAttempt::finish(State state, int code, const std::function<void()>& before) {
     const std::lock_guard guard(mutex_);
     if (state_ != State::Pending) {
         return false;
+    }
+    if (before) {
+        before();
     }
     state_ = state;
     code_ = code;

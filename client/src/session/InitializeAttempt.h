@@ -6,14 +6,16 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 
 namespace kx::client {
 
 class InitializeAttempt {
 public:
-    /// @return false when the caller has given up already
-    bool succeed() { return finish(State::Succeeded, 0); }
+    /// @param before run first, while the caller still waits and cannot give up
+    /// @return false when the caller has given up already; then `before` was not run
+    bool succeed(const std::function<void()>& before) { return finish(State::Succeeded, 0, before); }
     /// @param code a KXLRequestError
     /// @return false when the caller has given up already
     bool fail(int code) { return finish(State::Failed, code); }
@@ -25,7 +27,7 @@ public:
 private:
     enum class State { Pending, Succeeded, Failed, GivenUp };
 
-    bool finish(State state, int code);
+    bool finish(State state, int code, const std::function<void()>& before = {});
 
     std::mutex mutex_;
     std::condition_variable changed_;

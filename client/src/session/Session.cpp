@@ -1,12 +1,8 @@
 // The public half of a session: what runs on the threads of its callers.
 #include "client/src/session/Session.h"
 
-#include <algorithm>
-#include <condition_variable>
-#include <mutex>
 #include <random>
 
-#include "client/src/loop/Timeouts.h"
 #include "client/src/values/Deliveries.h"
 #include "wire/Framing.h"
 
@@ -27,8 +23,9 @@ std::shared_ptr<Session> Session::create(std::shared_ptr<Loop> loop, boost::intr
 Session::Session(std::shared_ptr<Loop> loop, boost::intrusive_ptr<KXLEnvCache> cache)
     : loop_(std::move(loop)),
       cache_(std::move(cache)),
+      patience_(loop_->timeouts().synchronous, loop_->timeouts().silence),
       timer_(loop_->context()),
-      backoff_(kBackoffFirst, kBackoffLongest, std::random_device()()) {}
+      backoff_(loop_->timeouts().backoffFirst, loop_->timeouts().backoffLongest, std::random_device()()) {}
 
 Session::~Session() = default;
 
@@ -50,7 +47,7 @@ int Session::initialize(const KXLConnectionInfo& info, const HandlerPtr& handler
 int Session::takeTurn(const KXLConnectionInfo& info, const HandlerPtr& handler,
                       const std::shared_ptr<InitializeAttempt>& attempt) {
     const Clock::time_point start = Clock::now();
-    if (!initializing_.take(start + kInitializeDeadline)) {
+    if (!initializing_.take(start + loop_->timeouts().synchronous)) {
         return KXL_ERROR_TIMEOUT;
     }
     const int code = attemptWithin(info, handler, attempt, start);
@@ -61,19 +58,29 @@ int Session::takeTurn(const KXLConnectionInfo& info, const HandlerPtr& handler,
 
 int Session::attemptWithin(const KXLConnectionInfo& info, const HandlerPtr& handler,
                            const std::shared_ptr<InitializeAttempt>& attempt, Clock::time_point start) {
-    const bool followUp = start - lastFullTimeout_ < kFollowUpWindow;
+    // An earlier attempt that is complete by now is only to be taken over.
+    const auto patience = isFilled_ ? loop_->timeouts().synchronous : patience_.left(start);
+    if (patience == patience.zero()) {
+        return KXL_ERROR_TIMEOUT;
+    }
     handler->setContext(makeContext());
     if (!loop_->post([self = shared_from_this(), info, handler, attempt] { self->begin(info, handler, attempt); })) {
         return KXL_ERROR_STOPPED;
     }
-    const int code = attempt->wait(start + (followUp ? kFollowUpDeadline : kInitializeDeadline));
+    const int code = attempt->wait(start + patience);
     if (code == KXL_ERROR_TIMEOUT) {
         loop_->post([self = shared_from_this(), attempt] { self->giveUp(attempt); });
-        if (!followUp) {
-            lastFullTimeout_ = Clock::now();
-        }
     }
+    spendPatience(start, code);
     return code;
+}
+
+void Session::spendPatience(Clock::time_point start, int code) {
+    const auto now = Clock::now();
+    const auto outcome = code == KXL_ERROR_TIMEOUT ? Patience::Outcome::TimedOut
+                         : code == 0               ? Patience::Outcome::Answered
+                                                   : Patience::Outcome::Failed;
+    patience_.spend(std::chrono::duration_cast<Patience::Span>(now - start), outcome, now);
 }
 
 boost::intrusive_ptr<KXLRequestContext> Session::makeContext() {
@@ -85,85 +92,47 @@ boost::intrusive_ptr<KXLRequestContext> Session::makeContext() {
     });
 }
 
-namespace {
-
-/// One call and its caller. The caller waits on its own thread; the answer comes from the loop thread.
-class PendingCall {
-public:
-    /// @param frame null: the connection was lost
-    /// @return false when the caller has given up
-    bool finish(const wire::Frame* frame) {
-        const std::lock_guard guard(mutex_);
-        if (state_ != State::Waiting) {
-            return false;
-        }
-        if (frame != nullptr) {
-            answer_ = *frame;
-        }
-        code_ = frame != nullptr ? 0 : static_cast<int>(KXL_ERROR_DISCONNECT);
-        state_ = State::Finished;
-        changed_.notify_all();
-        return true;
-    }
-
-    int wait(std::chrono::steady_clock::time_point deadline, wire::Frame& answer) {
-        std::unique_lock guard(mutex_);
-        if (!changed_.wait_until(guard, deadline, [this] { return state_ == State::Finished; })) {
-            state_ = State::GivenUp;
-            return KXL_ERROR_TIMEOUT;
-        }
-        answer = std::move(answer_);
-        return code_;
-    }
-
-private:
-    enum class State { Waiting, Finished, GivenUp };
-
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    State state_ = State::Waiting;
-    int code_ = 0;
-    wire::Frame answer_;
-};
-
-}  // namespace
-
-int Session::call(wire::Frame request, wire::Frame& answer, std::chrono::milliseconds deadline,
-                  std::function<void(const wire::Frame&)> late) {
+int Session::call(wire::Frame request, wire::Frame& answer, std::function<void(const wire::Frame&)> late) {
     if (loop_->onLoopThread()) {
         return KXL_ERROR_STOPPED;  // it would wait for itself
     }
     if (request.ByteSizeLong() > wire::kMaxFrameBytes - kNumberBytes) {
         return KXL_ERROR_REFUSED;  // no agent would take it
     }
-    const auto wait = patience(deadline);
-    const auto until = Clock::now() + wait;
+    const auto start = Clock::now();
+    const auto patience = patience_.left(start);
+    if (patience == patience.zero()) {
+        return KXL_ERROR_TIMEOUT;
+    }
     const auto pending = std::make_shared<PendingCall>();
-    auto answered = [pending, late = std::move(late)](std::uint64_t, const wire::Frame* frame) {
-        if (!pending->finish(frame) && frame != nullptr && late) {
-            late(*frame);
+    if (!post(std::move(request), pending, std::move(late))) {
+        return KXL_ERROR_STOPPED;
+    }
+    const int code = pending->wait(start + patience, answer);
+    spendPatience(start, code);
+    if (pending->isFinished()) {
+        patience_.heard();  // also where the answer came between the deadline and here
+    }
+    return code;
+}
+
+bool Session::post(wire::Frame request, const std::shared_ptr<PendingCall>& pending,
+                   std::function<void(const wire::Frame&)> late) {
+    auto answered = [this, pending, late = std::move(late)](std::uint64_t, const wire::Frame* frame) {
+        if (!pending->finish(frame)) {
+            patience_.heard();
+            if (frame != nullptr && late) {
+                late(*frame);
+            }
         }
     };
-    const bool runs = loop_->post([self = shared_from_this(), request = std::move(request), answered] {
+    return loop_->post([self = shared_from_this(), request = std::move(request), answered = std::move(answered)] {
         if (self->phase_ == Phase::Up) {
             self->ask(request, answered);
         } else {
             answered(0, nullptr);
         }
     });
-    const int code = runs ? pending->wait(until, answer) : static_cast<int>(KXL_ERROR_STOPPED);
-    if (code == KXL_ERROR_TIMEOUT && wait == deadline) {
-        lastCallTimeout_ = Clock::now().time_since_epoch().count();
-    }
-    return code;
-}
-
-// As after an initialisation that timed out: one SNMP request may lead to many calls, and all of them together must
-// stay within its second.
-std::chrono::milliseconds Session::patience(std::chrono::milliseconds deadline) const {
-    const Clock::time_point last{Clock::duration(lastCallTimeout_.load())};
-    const bool followsUp = last != Clock::time_point() && Clock::now() - last < kFollowUpWindow;
-    return followsUp ? std::min(kFollowUpDeadline, deadline) : deadline;
 }
 
 std::shared_ptr<EventLink> Session::openEventLink(const KXLConnectivityInfo* info) {

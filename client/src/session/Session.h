@@ -7,7 +7,10 @@
 //    ▲                  ▲  └──────────┴───────────┘ │      │
 //    │ failed before    │ pause over      failed    ▼      │ lost
 //    │ the first Up     └──────────────────────── Waiting ◄┘
-//    └── initialize() gave up, cancelled, shut down
+//    └── cancelled, shut down
+//
+//   An attempt whose initialize() has given up goes on without a handler (isKept_), up to Filled: whatever it has
+//   received so far serves the next initialize(). It ends when none comes in time, or when it fails.
 #pragma once
 
 #include <atomic>
@@ -32,6 +35,8 @@
 #include "client/src/events/EventLink.h"
 #include "client/src/loop/Loop.h"
 #include "client/src/session/InitializeAttempt.h"
+#include "client/src/session/Patience.h"
+#include "client/src/session/PendingCall.h"
 #include "client/src/session/ReconnectBackoff.h"
 #include "client/src/session/Turn.h"
 #include "client/src/transport/FrameConnection.h"
@@ -56,20 +61,22 @@ public:
 
     /// @return KXLEID::EID_INVALID before the first connection
     KXLEID serverEid() const { return serverEid_.load(); }
+    /// @return the vocabularies as last received, also while the link is down
     const VocabularyStore& vocabularies() const { return vocabularies_; }
+    bool isUp() const { return isUp_; }
 
     /// @brief Opens an event connection. At once: whether it comes about is told to its handlers.
     /// @param info where to connect; null: where the session is connected
     /// @return null when the loop does not run
     std::shared_ptr<EventLink> openEventLink(const KXLConnectivityInfo* info);
 
-    /// @brief Sends a request and waits for its answer, not on the loop thread.
+    /// @brief Sends a request and waits for its answer, not on the loop thread. Fails at once while the agent is
+    /// silent.
     /// @param request its number is set here
     /// @param answer receives the frame that has the request's number
-    /// @return 0, or a KXLRequestError: not connected, lost meanwhile, or no answer in time
     /// @param late called on the loop thread with an answer that came after the caller had given up; may be empty
-    int call(wire::Frame request, wire::Frame& answer, std::chrono::milliseconds deadline,
-             std::function<void(const wire::Frame&)> late = {});
+    /// @return 0, or a KXLRequestError: not connected, lost meanwhile, or no answer in time
+    int call(wire::Frame request, wire::Frame& answer, std::function<void(const wire::Frame&)> late = {});
 
     /// @brief Starts a monitor on the present connection. At once.
     /// @param periodSeconds between two reports, above 0
@@ -80,15 +87,16 @@ public:
     int queryCounters(const CounterRequest& request, std::vector<KXLMonitorData>& output);
 
 private:
-    enum class Phase { Idle, Connecting, Handshake, Filling, Up, Waiting };
+    enum class Phase { Idle, Connecting, Handshake, Filling, Filled, Up, Waiting };
 
     Session(std::shared_ptr<Loop> loop, boost::intrusive_ptr<KXLEnvCache> cache);
 
     using Clock = std::chrono::steady_clock;
 
-    std::chrono::milliseconds patience(std::chrono::milliseconds deadline) const;
-
-    // On the caller's thread of initialize().
+    // On the threads of callers.
+    void spendPatience(Clock::time_point start, int code);
+    bool post(wire::Frame request, const std::shared_ptr<PendingCall>& pending,
+              std::function<void(const wire::Frame&)> late);
     int takeTurn(const KXLConnectionInfo& info, const HandlerPtr& handler,
                  const std::shared_ptr<InitializeAttempt>& attempt);
     int attemptWithin(const KXLConnectionInfo& info, const HandlerPtr& handler,
@@ -102,7 +110,10 @@ private:
     void connectionMalformed(const FrameConnection& connection, const std::string& reason) override;
 
     void begin(const KXLConnectionInfo& info, const HandlerPtr& handler, std::shared_ptr<InitializeAttempt> attempt);
+    bool canTakeOver(const KXLConnectionInfo& info) const;
+    void adopt(const HandlerPtr& handler, std::shared_ptr<InitializeAttempt> attempt);
     void giveUp(const std::shared_ptr<InitializeAttempt>& attempt);
+    void keepForNext();
     void release(const std::shared_ptr<InitializeAttempt>& attempt);
     void cancelRequest();
 
@@ -117,6 +128,7 @@ private:
     void requestSnapshot();
     void becomeUpWhenFilled();
     void becomeUp();
+    void goUp();
     void publish();
     void protocolError(const std::string& reason);
     void logOnChange(const std::string& line);
@@ -126,7 +138,9 @@ private:
     void closeConnection();
     void dropHandler();
     void waitBeforeReconnecting();
-    void startKeepAlive();
+    void stopTimer();
+    void limitReconnection();
+    void askForSignOfLife();
     void checkKeepAlive();
     void setTimer(std::chrono::milliseconds delay, void (Session::*then)());
     void deadlinePassed() { fail(KXL_ERROR_TIMEOUT); }
@@ -160,11 +174,12 @@ private:
     VocabularyStore vocabularies_;
     Guarded<KXLEID> serverEid_;
 
-    std::atomic<bool> isUp_{false};               ///< written by the loop thread, for callers that must not wait
-    std::atomic<Clock::rep> lastCallTimeout_{0};  ///< when a call last used up its deadline; 0: never
+    // Written by the loop thread, for callers that must not wait.
+    std::atomic<bool> isUp_{false};
+    std::atomic<bool> isFilled_{false};  ///< a kept attempt is complete
 
-    Turn initializing_;                    ///< one initialize() at a time; never taken on the loop thread
-    Clock::time_point lastFullTimeout_{};  ///< guarded by initializing_
+    Patience patience_;
+    Turn initializing_;  ///< one initialize() at a time; never taken on the loop thread
 
     // ---- loop thread only ----
     Phase phase_ = Phase::Idle;
@@ -172,6 +187,8 @@ private:
     HandlerPtr handler_;
     boost::intrusive_ptr<KXLRequestContext> handlerContext_;
     std::shared_ptr<InitializeAttempt> attempt_;  ///< set until the first Up
+    bool isKept_ = false;                         ///< the attempt's caller has given up; it goes on for the next one
+    bool isMoving_ = false;                       ///< the agent has sent something since then
     std::shared_ptr<InitializeAttempt> heldFor_;  ///< its initialize() has not returned: deliveries wait
     std::deque<std::function<void()>> deferred_;
 
@@ -180,6 +197,8 @@ private:
     EnvFeed feed_;
     bool haveSnapshot_ = false;
     bool haveVocabularies_ = false;
+    wire::VocabularySet newVocabularies_;  ///< of a link that is not up yet
+    boost::intrusive_ptr<KXLConnectionPrototype> peer_;
     KXLEID helloEid_;
     bool heardSinceCheck_ = false;
     std::string lastLogged_;

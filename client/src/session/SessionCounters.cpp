@@ -1,5 +1,4 @@
 // The part of a session that is about performance counters: monitors and one-shot queries.
-#include "client/src/loop/Timeouts.h"
 #include "client/src/session/Session.h"
 
 namespace kx::client {
@@ -47,9 +46,9 @@ int Session::queryCounters(const CounterRequest& request, std::vector<KXLMonitor
     wire::Frame frame;
     fillRequest(request, *frame.mutable_counter_query());
     wire::Frame answer;
-    const int code =
-        call(std::move(frame), answer, kCallDeadline,
-             [self = shared_from_this()](const wire::Frame& late) { self->takeLateSample(late.counter_sample()); });
+    const int code = call(std::move(frame), answer, [self = shared_from_this()](const wire::Frame& late) {
+        self->takeLateSample(late.counter_sample());
+    });
     if (code != 0) {
         return code;
     }

@@ -80,6 +80,7 @@ using MonitorPtr = boost::intrusive_ptr<MonitorHandler>;
 
 class Counters : public LinkFixture {
 protected:
+    explicit Counters(const client::Timeouts& timeouts = {}) : LinkFixture(timeouts) {}
     ~Counters() override { loop->stop(); }
 
     /// Brings the link up; the journal is empty after it.

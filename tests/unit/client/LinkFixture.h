@@ -12,6 +12,7 @@
 #include <kxl/KXLLog.h>
 #include <kxl/KXLNamedPipePrototype.h>
 
+#include "client/src/loop/Loop.h"
 #include "tests/support/AgentScripts.h"
 
 namespace kx::test {
@@ -77,8 +78,10 @@ private:
 
 class LinkFixture : public testing::Test {
 protected:
-    LinkFixture() {
+    /// @param timeouts other deadlines than the library's own
+    explicit LinkFixture(const client::Timeouts& timeouts = {}) {
         const boost::intrusive_ptr<KXLNamedPipePrototype> transport(new KXLNamedPipePrototype);
+        loop->loop()->setTimeouts(timeouts);
         loop->start();
         accessPoint = KXLAccessPointPrototype::createInstance(
             KXLAccessAgentPrototype::createInstance(nullptr, loop, nullptr), nullptr);

@@ -12,6 +12,7 @@ using Calls = std::vector<std::string>;
 
 class LinkLife : public LinkFixture {
 protected:
+    explicit LinkLife(const client::Timeouts& timeouts = {}) : LinkFixture(timeouts) {}
     ~LinkLife() override { loop->stop(); }
 
     bool calledEventually(const Calls& expected) {
@@ -121,7 +122,44 @@ TEST_F(LinkLife, KeepsTheCacheWhileTheAgentIsAway) {
     agent.reset();
     EXPECT_TRUE(calledEventually({"connected", "error -4"}));
     EXPECT_EQ(environments(), 1U);
-    EXPECT_TRUE(accessPoint->getVocabulary(accessPoint->getEID()));
+    EXPECT_FALSE(accessPoint->getVocabulary(accessPoint->getEID())) << "what runs there is not known";
+    EXPECT_TRUE(accessPoint->getVocabulary(accessPoint->getEID(), ""));
+    EXPECT_TRUE(accessPoint->getVocabulary(accessPoint->getEID(), "KXABasicFunctionality"));
+}
+
+TEST_F(LinkLife, TheVocabulariesOfAnEarlierAgentGoWithIt) {
+    std::atomic<int> served{0};
+    ScriptedAgent agent([&](PeerSocket& peer) {
+        if (served++ == 0) {
+            serveUntilUp(peer, {});
+            return;
+        }
+        wire::Frame frame;
+        peer.read(frame);
+        auto hello = helloFrame();
+        hello.mutable_hello()->clear_capabilities();
+        hello.mutable_hello()->add_capabilities("snapshot");
+        peer.send(hello);
+        peer.send(snapshotFrame(1, {}));
+        peer.readUntilClosed();
+    });
+    ASSERT_EQ(initialize(agent.path()), 0);
+    EXPECT_TRUE(accessPoint->getVocabulary(accessPoint->getEID(), ""));
+    EXPECT_TRUE(calledEventually({"connected", "error -4", "connected"}));
+    EXPECT_FALSE(accessPoint->getVocabulary(accessPoint->getEID(), ""));
+}
+
+TEST_F(LinkLife, AnOrderlyEndOfTheAgentIsNotLogged) {
+    ScriptedAgent agent([](PeerSocket& peer) {
+        if (serveUntilUp(peer, {})) {
+            peer.send(wire::makeErrorFrame(wire::ERROR_SHUTTING_DOWN, "shutting down"));
+            peer.readUntilClosed();
+        }
+    });
+    ASSERT_EQ(initialize(agent.path()), 0);
+    EXPECT_TRUE(eventually([&] { return handler->calls().size() >= 3; }));
+    EXPECT_EQ(handler->calls()[1], "error -4");
+    EXPECT_TRUE(LogCollector::lines().empty());
 }
 
 TEST_F(LinkLife, AMalformedMessageBreaksTheLinkWithOneLogLine) {
@@ -156,6 +194,135 @@ TEST_F(LinkLife, AMalformedEnvironmentBreaksTheLink) {
     ASSERT_EQ(initialize(agent.path()), 0);
     EXPECT_TRUE(calledEventually({"connected", "error -5", "connected"}));
 }
+
+// ---- signs of life, and pauses ---------------------------------------------------------------------------------
+
+/// Sends what is no message, once the client has been answered so many pings.
+ScriptedAgent::Script breakingAfter(int pings) {
+    return [pings](PeerSocket& peer) {
+        if (!serveUntilUp(peer, {})) {
+            return;
+        }
+        wire::Frame frame;
+        for (int answered = 0; answered < pings && peer.read(frame);) {
+            if (frame.has_ping()) {
+                frame.mutable_pong();
+                peer.send(frame);
+                ++answered;
+            }
+        }
+        peer.sendRaw(std::string("\0\0\0\3\xff\xff\xff", 7));
+        peer.readUntilClosed();
+    };
+}
+
+class ImpatientLink : public LinkLife {
+protected:
+    static client::Timeouts impatient() {
+        client::Timeouts timeouts;
+        timeouts.keepAlive = milliseconds(50);
+        timeouts.reconnect = milliseconds(50);
+        timeouts.backoffFirst = milliseconds(1);
+        return timeouts;
+    }
+    explicit ImpatientLink(const client::Timeouts& timeouts = impatient()) : LinkLife(timeouts) {}
+};
+
+TEST_F(ImpatientLink, NoticesAnAgentThatHangs) {
+    ScriptedAgent agent([](PeerSocket& peer) { serveUntilUp(peer, {}) && peer.readUntilClosed(); });
+    ASSERT_EQ(initialize(agent.path()), 0);
+    EXPECT_TRUE(eventually([&] { return handler->calls().size() >= 3; }));
+    EXPECT_EQ(handler->calls()[1], "error -2");
+    EXPECT_EQ(handler->calls()[2], "connected");
+}
+
+TEST_F(ImpatientLink, EndsAReconnectionToAMuteAgent) {
+    std::atomic<int> served{0};
+    ScriptedAgent agent([&](PeerSocket& peer) {
+        const int number = served++;
+        if (number == 1) {
+            peer.readUntilClosed();
+        } else if (serveUntilUp(peer, {}) && number > 1) {
+            answerUntilClosed(peer);
+        }
+    });
+    ASSERT_EQ(initialize(agent.path()), 0);
+    EXPECT_TRUE(calledEventually({"connected", "error -4", "connected"}));
+}
+
+TEST_F(ImpatientLink, GivesALargeHostThatSendsOnAllItsTime) {
+    std::atomic<int> served{0};
+    ScriptedAgent agent([&](PeerSocket& peer) {
+        if (served++ == 0) {
+            serveUntilUp(peer, {});
+            return;
+        }
+        wire::Frame request;
+        if (!shakeHands(peer, request) || !peer.send(vocabularyFrame())) {
+            return;
+        }
+        // Together longer than a reconnection may be silent, each part for itself not.
+        for (std::uint32_t index = 0; index < 10; ++index) {
+            auto chunk = snapshotFrame(1, {wireEnv(static_cast<int>(index))});
+            chunk.mutable_snapshot_chunk()->set_index(index);
+            chunk.mutable_snapshot_chunk()->set_last(index == 9);
+            peer.send(chunk);
+            std::promise<void>().get_future().wait_for(milliseconds(10));
+        }
+        answerUntilClosed(peer);
+    });
+    ASSERT_EQ(initialize(agent.path()), 0);
+    EXPECT_TRUE(eventually([&] { return environments() == 10; }));
+}
+
+TEST_F(ImpatientLink, LogsTheSameFaultAgainOnceTheLinkWasStable) {
+    ScriptedAgent agent(breakingAfter(3));
+    ASSERT_EQ(initialize(agent.path()), 0);
+    EXPECT_TRUE(eventually([&] { return LogCollector::lines().size() > 1; }));
+    EXPECT_EQ(LogCollector::lines()[0], LogCollector::lines()[1]);
+}
+
+TEST_F(ImpatientLink, StartsItsPausesOverOnceItWasStable) {
+    constexpr int failures = 11;  // pauses of 1, 2, 4 ms and so on; the next would be longer than a second and a half
+    std::atomic<bool> isAgain{false};
+    std::atomic<int> served{0};
+    ScriptedAgent agent([&](PeerSocket& peer) {
+        const int number = served++;
+        if (!serveUntilUp(peer, {}) || number < failures) {
+            return;
+        }
+        wire::Frame frame;
+        for (int pings = 0; pings < 3 && peer.read(frame); ++pings) {
+            frame.mutable_pong();
+            peer.send(frame);
+        }
+        isAgain = number > failures;
+    });
+    ASSERT_EQ(initialize(agent.path()), 0);
+    ASSERT_TRUE(eventually([&] { return served > failures; }));
+    EXPECT_TRUE(eventually([&] { return isAgain.load(); }, milliseconds(1500)));
+}
+
+class DampedLink : public LinkLife {
+protected:
+    static client::Timeouts damped() {
+        client::Timeouts timeouts;
+        timeouts.backoffFirst = milliseconds(40);
+        return timeouts;
+    }
+    DampedLink() : LinkLife(damped()) {}
+};
+
+TEST_F(DampedLink, ReconnectsEverMoreSeldomAndLogsOnceWhereTheAgentBreaksRightAway) {
+    ScriptedAgent agent(breakingAfter(0));
+    ASSERT_EQ(initialize(agent.path()), 0);
+    // 40 + 80 + 160 ms, a quarter less at most, and so on: seven connections take more than a second.
+    EXPECT_FALSE(eventually([&] { return agent.connections() >= 7; }, milliseconds(1000)));
+    EXPECT_GT(agent.connections(), 1);
+    EXPECT_EQ(LogCollector::lines().size(), 1U);
+}
+
+// ---- what is delivered when -------------------------------------------------------------------------------------
 
 // A handler that takes its time in handleConnected, as one does that waits for a lock.
 class SlowHandler : public RecordingHandler {
@@ -262,7 +429,7 @@ TEST_F(LinkLife, ReadersAreServedFromMemoryWhileTheLinkChanges) {
         for (auto it = list.begin(); it != list.end(); ++it) {
             EXPECT_EQ(it->getType(), "lumetra");
         }
-        EXPECT_TRUE(accessPoint->getVocabulary(accessPoint->getEID())->readParameter("kxversion"));
+        EXPECT_TRUE(accessPoint->getVocabulary(accessPoint->getEID(), "")->readParameter("kxversion"));
         return handler->calls().size() >= 5;
     }));
 }
