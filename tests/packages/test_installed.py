@@ -70,6 +70,22 @@ def test_a_sub_agent_that_crashed_is_started_again(debian):
     debian.waitForWalk(SUBTREE, lambda found: NAME_OF_101 in found, "the containers are shown again")
 
 
+def test_the_unit_does_not_start_beside_a_sub_agent_started_by_hand(debian):
+    """It ignores its command line, and so starts whatever was asked of it."""
+    debian.do("systemctl", "stop", "kxsnmp")
+    debian.do("runuser", "-u", "kxsnmp", "-G", "kxagent", "--", "/usr/sbin/kxsnmp", "--help")
+    waitUntil(lambda: len(debian.do("pidof", "kxsnmp").split()) == 1, 10, "it has detached itself")
+    pid = debian.do("pidof", "kxsnmp").strip()
+    debian.do("systemctl", "start", "kxsnmp", status=1)
+    assert debian.do("pidof", "kxsnmp").strip() == pid
+    assert f"kxsnmp runs already, as process {pid}, and not started by systemd" in debian.logs()
+    debian.do("sh", "-c", f"kill {pid}; while pidof kxsnmp; do sleep 0.1; done")
+    debian.do("systemctl", "reset-failed", "kxsnmp")
+    debian.do("systemctl", "start", "kxsnmp")
+    debian.daemonOf("kxsnmp")
+    debian.waitForWalk(SUBTREE, lambda found: NAME_OF_101 in found, "the containers are shown again")
+
+
 def test_the_process_that_the_sub_agent_leaves_behind_is_not_taken_for_it(debian):
     """systemd may see either when it looks; a wrong choice ends both, so it is given some opportunities."""
     for _ in range(RESTARTS):
