@@ -11,13 +11,31 @@ bool endsSequence(char byte) {
     return byte >= '@' && byte <= '~';
 }
 
+/// Terminals differ in which number Home and End have.
+std::optional<TopKey> numberedKey(char number) {
+    switch (number) {
+        case '1':
+        case '7':
+            return TopKey{TopKey::Kind::Home};
+        case '4':
+        case '8':
+            return TopKey{TopKey::Kind::End};
+        case '5':
+            return TopKey{TopKey::Kind::PageUp};
+        case '6':
+            return TopKey{TopKey::Kind::PageDown};
+        default:
+            return std::nullopt;
+    }
+}
+
 }  // namespace
 
 std::vector<TopKey> TopKeyReader::take(std::string_view bytes) {
     std::vector<TopKey> keys;
     for (const char byte : bytes) {
         if (byte == kEscape) {
-            sequence_ = byte;  // a beginning that nothing followed is the key of that name, which means nothing here
+            sequence_ = byte;
         } else if (sequence_.empty()) {
             keys.push_back({TopKey::Kind::Letter, byte});
         } else if (sequence_.size() == 1 && byte != '[' && byte != 'O') {
@@ -45,14 +63,21 @@ std::optional<TopKey> TopKeyReader::endOfSequence(char last) const {
             return TopKey{TopKey::Kind::Right};
         case 'D':
             return TopKey{TopKey::Kind::Left};
+        case 'H':
+            return TopKey{TopKey::Kind::Home};
+        case 'F':
+            return TopKey{TopKey::Kind::End};
         case '~':
-            if (sequence_.back() == '5') {
-                return TopKey{TopKey::Kind::PageUp};
-            }
-            return sequence_.back() == '6' ? std::optional(TopKey{TopKey::Kind::PageDown}) : std::nullopt;
+            return numberedKey(sequence_.back());
         default:
             return std::nullopt;
     }
+}
+
+std::optional<TopKey> TopKeyReader::takePending() {
+    const bool isEscape = sequence_.size() == 1;
+    sequence_.clear();
+    return isEscape ? std::optional(TopKey{TopKey::Kind::Escape}) : std::nullopt;
 }
 
 }  // namespace kx::ctl

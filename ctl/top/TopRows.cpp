@@ -107,9 +107,8 @@ std::string_view topOrderWord(TopOrder order) {
     return kWords[static_cast<std::size_t>(order)];
 }
 
-std::optional<TopOrder> topOrderOf(std::string_view word) {
-    const auto found = std::find(kWords.begin(), kWords.end(), word);
-    return found == kWords.end() ? std::nullopt : std::optional(static_cast<TopOrder>(found - kWords.begin()));
+std::vector<std::string> topOrderWords() {
+    return {kWords.begin(), kWords.end()};
 }
 
 std::vector<TopRow> topRows(const std::vector<Environment>& environments, const std::vector<KXLMonitorData>& report,

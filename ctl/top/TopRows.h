@@ -38,8 +38,8 @@ inline constexpr int kTopOrders = 9;
 
 /// @return the word for it on the command line
 std::string_view topOrderWord(TopOrder order);
-/// @return nothing when there is no such word
-std::optional<TopOrder> topOrderOf(std::string_view word);
+/// @return all of them, in order
+std::vector<std::string> topOrderWords();
 
 /// @brief Puts together what the agent told.
 /// @param networkClass says which counters are rates

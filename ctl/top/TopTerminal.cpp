@@ -10,7 +10,11 @@ namespace kx::ctl {
 namespace {
 
 constexpr std::string_view kEnter = "\x1b[?1049h\x1b[?25l\x1b[?7l";  // other screen, no cursor, lines do not wrap
-constexpr std::string_view kLeave = "\x1b[?7h\x1b[?25h\x1b[?1049l";
+
+/// Terminals that know synchronized output show nothing in between; others ignore it.
+constexpr std::string_view kBeginDrawing = "\x1b[?2026h\x1b[H";
+constexpr std::string_view kEndDrawing = "\x1b[?2026l";
+constexpr std::string_view kLeave = "\x1b[?2026l\x1b[?7h\x1b[?25h\x1b[?1049l";
 
 /// What a crash needs to know; set before it can happen.
 struct Restore {
@@ -89,13 +93,14 @@ void TopTerminal::leave() {
     }
 }
 
-// The rest of each line is cleared, and what is below the last: the screen as a whole never is.
+// Each line is cleared before it is written: behind a line that is as wide as the terminal the cursor still stands on
+// its last character. The last one is cleared with all that is below.
 Output::Result TopTerminal::draw(const std::vector<std::string>& lines) {
-    std::string all = "\x1b[H";
+    std::string all(kBeginDrawing);
     for (std::size_t at = 0; at < lines.size(); ++at) {
-        all += (at == 0 ? "" : "\r\n") + lines[at] + "\x1b[K";
+        all += (at == 0 ? "" : "\r\n") + std::string(at + 1 == lines.size() ? "\x1b[J" : "\x1b[K") + lines[at];
     }
-    return output_.write(all + "\x1b[J");
+    return output_.write(all.append(kEndDrawing));
 }
 
 }  // namespace kx::ctl

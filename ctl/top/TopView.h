@@ -20,7 +20,10 @@ struct TopView {
     std::vector<TopRow> rows;  ///< in order
     TopOrder order = TopOrder::In;
     bool isReversed = false;
-    std::size_t firstRow = 0;         ///< that is shown; those before are scrolled away
+    std::string search;               ///< only rows in whose name or number this is are shown; empty: all
+    bool isSearching = false;         ///< it is being typed
+    bool isHelp = false;              ///< the keys are shown instead of the rows
+    std::size_t firstRow = 0;         ///< that is shown, of those found; those before are scrolled away
     std::string time;                 ///< of the sample
     std::uint64_t timeMs = 0;         ///< likewise, since 1970-01-01 UTC
     std::string trouble;              ///< why the rows are old; empty: they are not
@@ -33,10 +36,14 @@ struct TopView {
 std::string topAlertLine(const KXLEvent& event, const KXLResourceAlertData& alert,
                          const std::optional<ContainerName>& about);
 
+/// @return the rows that the search leaves, in order
+std::vector<const TopRow*> foundRows(const TopView& view);
+
 /// @return how many rows a terminal has room for
 std::size_t topRowsThatFit(const TerminalSize& size);
 
-/// @brief As it is on a terminal: not more lines than it has, none wider than it is.
+/// @brief As it is on a terminal: not more lines than it has, none wider than it is. A narrow one does without the
+/// quota's bar, then without packets, before names become shorter.
 std::vector<std::string> topScreen(const TopView& view, const TerminalSize& size, const Painter& painter);
 
 /// @brief As it is written anywhere else: all rows and alerts, as wide as they are.

@@ -18,6 +18,7 @@
 #include "ctl/events/EventText.h"
 #include "ctl/events/Mailbox.h"
 #include "ctl/events/Resubscription.h"
+#include "ctl/top/TopControls.h"
 #include "ctl/top/TopKeys.h"
 #include "ctl/top/TopTerminal.h"
 #include "ctl/top/TopView.h"
@@ -29,6 +30,17 @@ using Clock = std::chrono::steady_clock;
 
 /// Rates need two reports; of the first wait only so much is needed for them.
 constexpr std::chrono::milliseconds kLongestFirstInterval{1000};
+
+/// How long what follows Escape in a key's sequence may take, in milliseconds: it may come over a network.
+constexpr int kEscapeMs = 50;
+
+TerminalSize screenSize() {
+    return terminalSize(STDOUT_FILENO).value_or(TerminalSize());
+}
+
+std::size_t page() {
+    return topRowsThatFit(screenSize());
+}
 
 /// Kept from one sample to the next; the rest is counted.
 constexpr std::size_t kMostAlerts = 100;
@@ -51,9 +63,6 @@ private:
     void takeAlert(const KXLEvent& event);
     void takeWindowSignals();
     void takeKeys();
-    void takeKey(const TopKey& key);
-    void moveColumn(int by);
-    void scroll(std::ptrdiff_t by);
     void suspend();
     void sampleIfDue();
     void sample();
@@ -218,49 +227,19 @@ void TopWatch::takeKeys() {
         hasKeys_ = false;  // no keyboard any more
         return;
     }
-    for (const TopKey& key : keys_.take({bytes.data(), static_cast<std::size_t>(count)})) {
-        takeKey(key);
+    std::vector<TopKey> keys = keys_.take({bytes.data(), static_cast<std::size_t>(count)});
+    pollfd more{STDIN_FILENO, POLLIN, 0};
+    if (keys_.isPending() && ::poll(&more, 1, kEscapeMs) == 0) {
+        if (const auto key = keys_.takePending()) {
+            keys.push_back(*key);
+        }
+    }
+    for (const TopKey& key : keys) {
+        isFinished_ = !takeTopKey(view_, key, page()) || isFinished_;
     }
     if (!isFinished_) {
         draw();
     }
-}
-
-void TopWatch::takeKey(const TopKey& key) {
-    const auto page = static_cast<std::ptrdiff_t>(topRowsThatFit(terminalSize(STDOUT_FILENO).value_or(TerminalSize())));
-    switch (key.kind) {
-        case TopKey::Kind::Left:
-            return moveColumn(-1);
-        case TopKey::Kind::Right:
-            return moveColumn(1);
-        case TopKey::Kind::Up:
-            return scroll(-1);
-        case TopKey::Kind::Down:
-            return scroll(1);
-        case TopKey::Kind::PageUp:
-            return scroll(-page);
-        case TopKey::Kind::PageDown:
-            return scroll(page);
-        case TopKey::Kind::Letter:
-            break;
-    }
-    if (key.letter == 'r') {
-        view_.isReversed = !view_.isReversed;
-        moveColumn(0);
-    }
-    isFinished_ = isFinished_ || key.letter == 'q' || key.letter == 'Q';
-}
-
-void TopWatch::moveColumn(int by) {
-    const int column = (static_cast<int>(view_.order) + by + kTopOrders) % kTopOrders;
-    view_.order = static_cast<TopOrder>(column);
-    sortTopRows(view_.rows, view_.order, view_.isReversed);
-}
-
-void TopWatch::scroll(std::ptrdiff_t by) {
-    const auto last = static_cast<std::ptrdiff_t>(view_.rows.empty() ? 0 : view_.rows.size() - 1);
-    view_.firstRow =
-        static_cast<std::size_t>(std::clamp<std::ptrdiff_t>(static_cast<std::ptrdiff_t>(view_.firstRow) + by, 0, last));
 }
 
 // ---- samples ------------------------------------------------------------------------------------------------------
@@ -297,7 +276,6 @@ void TopWatch::sample() {
     view_.rows = topRows(readEnvironments(*agent.getEnvCache()), report,
                          readCounterClass(agent, kNetworkClass).value_or(CounterClass{}), hadReport_);
     sortTopRows(view_.rows, view_.order, view_.isReversed);
-    scroll(0);
     hadReport_ = true;
 }
 
@@ -310,8 +288,8 @@ void TopWatch::show() {
 }
 
 void TopWatch::draw() {
-    const auto size = terminalSize(STDOUT_FILENO).value_or(TerminalSize());
-    isFinished_ = terminal_->draw(topScreen(view_, size, painter_)) != Output::Result::Written || isFinished_;
+    keepInRange(view_, page());
+    isFinished_ = terminal_->draw(topScreen(view_, screenSize(), painter_)) != Output::Result::Written || isFinished_;
 }
 
 void TopWatch::writeSample() {

@@ -38,6 +38,10 @@ void shrink(std::vector<std::size_t>& widths, const std::vector<std::size_t>& le
 
 }  // namespace
 
+std::size_t Table::width() const {
+    return total(widths(std::nullopt));
+}
+
 std::vector<std::size_t> Table::widths(std::optional<std::size_t> room) const {
     std::vector<std::size_t> widths;
     for (const TableColumn& column : columns_) {

@@ -36,6 +36,9 @@ public:
     /// @param row a cell a column
     void add(std::vector<TableCell> row) { rows_.push_back(std::move(row)); }
 
+    /// @return how wide it is where there is no limit, in terminal columns
+    std::size_t width() const;
+
     /// @param room of the terminal, in columns; nothing: as wide as need be
     /// @return the titles and a line a row, without spaces at the ends
     std::vector<std::string> lines(std::optional<std::size_t> room, const Painter& painter) const;

@@ -8,10 +8,11 @@ from pathlib import Path
 
 import pytest
 from support.kxctl import DEADLINE_S, DONE, REFUSED, Terminal, command, run, surroundings
+from support.tmux import Screen
 from support.wait import waitUntil
 
 ENTER, LEAVE = b"\x1b[?1049h", b"\x1b[?25h\x1b[?1049l"
-HOME = b"\x1b[H"
+HOME, DRAWN = b"\x1b[H", b"\x1b[?2026l"
 
 INVENTORY = """
 [host]
@@ -71,8 +72,8 @@ def top(agentHost):
 def screen(terminal):
     """The lines of the last picture that was drawn whole."""
     pictures = terminal.read().split(HOME)
-    whole = [picture for picture in pictures if picture.endswith(b"\x1b[J")]
-    return whole[-1][:-3].replace(b"\x1b[K", b"").decode().replace("\r", "").split("\n") if whole else []
+    whole = [picture.split(DRAWN)[0] for picture in pictures[1:] if DRAWN in picture]
+    return re.sub(rb"\x1b\[[JK]", b"", whole[-1]).decode().replace("\r", "").split("\n") if whole else []
 
 
 def waitForScreen(terminal, condition, what):
@@ -129,8 +130,37 @@ def test_keys_choose_the_column_and_turn_the_order_round(top):
     terminal.type(b"\x1b[D\x1b[D")
     lines = waitForScreen(terminal, lambda lines: "by quota " in lines[1], "columns go round")
     assert numbersShown(lines) == [101, 102, 103]
+    terminal.resize(100, 5)
+    waitForScreen(terminal, lambda lines: numbersShown(lines) == [101, 102], "the terminal is smaller")
     terminal.type(b"\x1b[B")
-    waitForScreen(terminal, lambda lines: numbersShown(lines) == [102, 103], "it is scrolled")
+    waitForScreen(terminal, lambda lines: lines[1].startswith("2-3 of 3"), "it is scrolled")
+
+
+def test_a_search_is_typed_and_escape_ends_it(top):
+    terminal = top()
+    terminal.type(b"/BUS")
+    waitForScreen(terminal, lambda lines: lines[1] == "Search: BUS_" and numbersShown(lines) == [101], "it is found")
+    terminal.type(b"\x1b")
+    waitForScreen(terminal, lambda lines: len(numbersShown(lines)) == 3, "all are shown again")
+    terminal.type(b"?")
+    waitForScreen(terminal, lambda lines: "Home, End" in "".join(lines), "the keys are shown")
+
+
+@pytest.mark.parametrize("columns", [100, 80, 64, 50])
+def test_a_real_terminal_shows_every_column_of_full_lines(agentHost, tmp_path, columns):
+    """What was written to a line's last column is there, on each line."""
+    name = "a-long-name-" + "x" * 60 + "END"
+    agentHost.agent.writeInventory(INVENTORY.replace('"busy"', f'"{name}"').replace("95", "100"))
+    waitUntil(lambda: run("show", name).returncode == DONE, DEADLINE_S, "the agent has read it")
+    terminal = Screen(tmp_path, columns, 24, command("top", "--interval", "0.2", "--sort", "quota", "--no-color"))
+
+    def isWhole(line):
+        return len(line) == columns and "a-long-" in line and "…" in line and line.endswith("100%")
+
+    try:
+        waitUntil(lambda: any(map(isWhole, terminal.lines())), DEADLINE_S, "the row is whole")
+    finally:
+        terminal.close()
 
 
 def test_it_follows_the_size_of_the_terminal_at_once(top):

@@ -18,6 +18,25 @@ TEST(TopKeys, AreLettersAndArrows) {
                 ElementsAre(TopKey{Kind::Up}, TopKey{Kind::PageUp}, TopKey{Kind::PageDown}));
 }
 
+TEST(TopKeys, AreHomeAndEndAsEachKindOfTerminalSendsThem) {
+    for (const char* const home : {"\x1b[H", "\x1bOH", "\x1b[1~", "\x1b[7~", "\x1b[1;5H"}) {
+        EXPECT_THAT(TopKeyReader().take(home), ElementsAre(TopKey{Kind::Home}));
+    }
+    for (const char* const end : {"\x1b[F", "\x1bOF", "\x1b[4~", "\x1b[8~"}) {
+        EXPECT_THAT(TopKeyReader().take(end), ElementsAre(TopKey{Kind::End}));
+    }
+}
+
+TEST(TopKeys, AreEscapeWhereNothingFollows) {
+    TopKeyReader reader;
+    EXPECT_THAT(reader.take("a\x1b"), ElementsAre(TopKey{Kind::Letter, 'a'}));
+    ASSERT_TRUE(reader.isPending());
+    EXPECT_EQ(reader.takePending(), TopKey{Kind::Escape});
+    EXPECT_FALSE(reader.isPending());
+    reader.take("\x1b[");
+    EXPECT_EQ(reader.takePending(), std::nullopt);
+}
+
 TEST(TopKeys, MayComeInParts) {
     TopKeyReader reader;
     EXPECT_THAT(reader.take("\x1b"), IsEmpty());
@@ -27,7 +46,7 @@ TEST(TopKeys, MayComeInParts) {
 
 TEST(TopKeys, ThatAreNotKnownDoNothingAndHideNoOthers) {
     TopKeyReader reader;
-    EXPECT_THAT(reader.take("\x1b[3~\x1b[1;5H\x1bOPq"), ElementsAre(TopKey{Kind::Letter, 'q'}));
+    EXPECT_THAT(reader.take("\x1b[3~\x1b[1;5P\x1bOPq"), ElementsAre(TopKey{Kind::Letter, 'q'}));
     EXPECT_THAT(reader.take("\x1bq"), ElementsAre(TopKey{Kind::Letter, 'q'}));
     reader.take("\x1b[" + std::string(100, '1'));
     EXPECT_THAT(reader.take("~q"), testing::Contains(TopKey{Kind::Letter, 'q'}));

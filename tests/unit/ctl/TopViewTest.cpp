@@ -50,6 +50,50 @@ TEST(TopView, ShowsRatesAndABar) {
                 testing::MatchesRegex(" *0  ve0-.*  running  2\\.0K +0 +5 +0 +90  \\[#########\\.\\]  90%"));
 }
 
+TEST(TopView, GivesUpTheBarThenPacketsBeforeNames) {
+    TopView view = viewOf(1);
+    view.rows[0].environment.name = "a-name-that-is-long";
+    EXPECT_THAT(topScreen(view, {90, 24}, kPlain)[3], HasSubstr("a-name-that-is-long  running"));
+    EXPECT_THAT(topScreen(view, {90, 24}, kPlain)[3], HasSubstr("[#"));
+    EXPECT_THAT(topScreen(view, {80, 24}, kPlain)[3],
+                testing::MatchesRegex(" *0  a-name-that-is-long  running  2\\.0K +0 +5 +0 +90 +90%"));
+    EXPECT_THAT(topScreen(view, {64, 24}, kPlain)[3],
+                testing::MatchesRegex(" *0  a-name-that-is-long  running  2\\.0K +0 +90 +90%"));
+    EXPECT_THAT(topScreen(view, {50, 24}, kPlain)[3],
+                testing::MatchesRegex(" *0  a-na.*…  running  2\\.0K +0 +90 +90%"));
+}
+
+TEST(TopView, SaysWhichRowsAreShown) {
+    TopView view = viewOf(1000);
+    view.firstRow = 15;
+    EXPECT_THAT(topScreen(view, {80, 24}, kPlain)[1], testing::StartsWith("16-30 of 1000, by in   "));
+    view.search = "99";
+    view.firstRow = 0;
+    EXPECT_THAT(topScreen(view, {80, 24}, kPlain)[1], testing::StartsWith("1-15 of 19 with 99, by in   "));
+    view.search = "no such";
+    EXPECT_THAT(topScreen(view, {80, 24}, kPlain)[1], testing::StartsWith("0-0 of 0 with \"no such\", by in   "));
+}
+
+TEST(TopView, FindsNumbersAndNamesInEitherCase) {
+    TopView view = viewOf(12);
+    view.rows[3].environment.name = "Web-Front";
+    view.search = "web";
+    EXPECT_THAT(foundRows(view), testing::ElementsAre(&view.rows[3]));
+    view.search = "11";
+    EXPECT_THAT(foundRows(view), testing::ElementsAre(&view.rows[11]));
+    view.search = "";
+    EXPECT_THAT(foundRows(view), SizeIs(12));
+}
+
+TEST(TopView, ShowsTheKeysInsteadOfTheRows) {
+    TopView view = viewOf(1);
+    view.isHelp = true;
+    const auto lines = topScreen(view, {80, 24}, kPlain);
+    EXPECT_THAT(lines, testing::Contains(HasSubstr("Home, End")));
+    EXPECT_THAT(lines, testing::Each(Not(HasSubstr("ve0"))));
+    EXPECT_THAT(topScreen(view, {20, 5}, kPlain), SizeIs(5));
+}
+
 TEST(TopView, EscapesWhatAContainerIsCalled) {
     for (const std::string& line : topScreen(viewOf(1), {90, 24}, kPlain)) {
         EXPECT_THAT(line, Not(HasSubstr("\x1b")));
