@@ -24,16 +24,16 @@ constexpr int kTries = 4;
 std::string whyNotConnected(const std::string& socket) {
     struct stat found {};
     const std::string path = printable(socket);
-    if (::stat(socket.c_str(), &found) != 0) {
-        return fmt::format("{}: {}", path, std::strerror(errno));
-    }
-    if (!S_ISSOCK(found.st_mode)) {
+    const bool isThere = ::stat(socket.c_str(), &found) == 0;
+    if (isThere && !S_ISSOCK(found.st_mode)) {
         return fmt::format("{} is not a socket", path);
     }
-    if (::access(socket.c_str(), W_OK) != 0) {
-        return fmt::format("{}: {}; root and members of its group may connect", path, std::strerror(errno));
+    if ((!isThere && errno == EACCES) || (isThere && ::access(socket.c_str(), W_OK) != 0)) {
+        return fmt::format("{}: {}: only root and members of the group {} may connect", path, std::strerror(errno),
+                           kAgentGroup);
     }
-    return fmt::format("nobody answers at {}", path);
+    return isThere ? fmt::format("nobody answers at {} (is kxagentd running?)", path)
+                   : fmt::format("{}: {} (is kxagentd running?)", path, std::strerror(errno));
 }
 
 }  // namespace
@@ -42,7 +42,7 @@ std::string whyUnreachable(int code, const std::string& socket) {
     const std::string path = printable(socket);
     switch (code) {
         case KXL_ERROR_DISCONNECT:
-            return whyNotConnected(socket) + " (is kxagentd running?)";
+            return whyNotConnected(socket);
         case KXL_ERROR_TIMEOUT:
             return fmt::format("the agent at {} does not answer", path);
         case KXL_ERROR_REFUSED:

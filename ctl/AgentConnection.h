@@ -14,6 +14,9 @@ namespace kx::ctl {
 /// Where the agent listens unless --socket says otherwise.
 inline constexpr const char* kDefaultSocket = "/var/opt/orma/agent/agent.sock";
 
+/// Its members, and root, may connect.
+inline constexpr const char* kAgentGroup = "kxagent";
+
 /// Longest path of a socket, in bytes (unix(7): sun_path without its end).
 inline constexpr std::size_t kMaxSocketPathBytes = 107;
 

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <charconv>
 #include <system_error>
 
@@ -35,6 +36,15 @@ std::int64_t readNumber(std::string_view option, std::string_view text, std::int
 
 double readDecimal(std::string_view option, std::string_view text, double from, double to) {
     return readAs(option, text, from, to);
+}
+
+std::size_t readWord(std::string_view option, std::string_view text, const std::vector<std::string>& words) {
+    const auto found = std::find(words.begin(), words.end(), text);
+    if (found == words.end()) {
+        throw Failure(ExitCode::WrongUsage,
+                      fmt::format("{}: {} is none of {}", option, printableWord(text), fmt::join(words, ", ")));
+    }
+    return static_cast<std::size_t>(found - words.begin());
 }
 
 }  // namespace kx::ctl

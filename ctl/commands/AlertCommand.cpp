@@ -15,6 +15,7 @@
 #include "ctl/Output.h"
 #include "ctl/Printable.h"
 #include "ctl/commands/AlertText.h"
+#include "ctl/view/Environment.h"
 
 namespace kx::ctl {
 namespace {
@@ -23,6 +24,7 @@ namespace {
 struct Raise {
     KXLResourceAlertData alert;
     std::optional<std::int32_t> veid;
+    std::optional<std::string> name;  ///< of a container that was not given by its number
     bool isAboutHost = false;
     std::int64_t times = 1;
 };
@@ -34,12 +36,16 @@ Number readIn(const char* option, const std::string& text) {
 }
 
 void setTarget(Raise& raise, const AlertArguments& typed) {
-    if ((typed.veid ? 1 : 0) + (typed.eid ? 1 : 0) + (typed.host ? 1 : 0) != 1) {
+    if ((typed.container ? 1 : 0) + (typed.eid ? 1 : 0) + (typed.host ? 1 : 0) != 1) {
         throw Failure(ExitCode::WrongUsage, "exactly one of --ve, --eid and --host says what the alert is about");
     }
     raise.isAboutHost = typed.host;
-    if (typed.veid) {
-        raise.veid = readIn<std::int32_t>("--ve", *typed.veid);
+    if (typed.container) {
+        if (typed.container->find_first_not_of("-0123456789") == std::string::npos) {
+            raise.veid = readIn<std::int32_t>("--ve", *typed.container);
+        } else {
+            raise.name = typed.container;
+        }
     }
     if (typed.eid && raise.alert.eid.fromString(*typed.eid) != 0) {
         throw Failure(ExitCode::WrongUsage,
@@ -87,6 +93,9 @@ ExitCode raiseAll(Raise raise, const std::string& socket, bool asJson) {
     const AgentConnection agent(socket);
     if (raise.isAboutHost) {
         raise.alert.eid = agent.accessPoint().getEID();
+    }
+    if (raise.name) {
+        raise.alert.eid = chooseEnvironment(readEnvironments(*agent.accessPoint().getEnvCache()), *raise.name).eid;
     }
     const auto start = std::chrono::steady_clock::now();
     std::int64_t raised = 0;

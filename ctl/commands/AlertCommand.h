@@ -10,7 +10,7 @@ namespace kx::ctl {
 
 /// The options as they were typed.
 struct AlertArguments {
-    std::optional<std::string> veid;
+    std::optional<std::string> container;  ///< a number or a name
     std::optional<std::string> eid;
     bool host = false;
     std::string code;

@@ -1,37 +1,44 @@
 #include "ctl/commands/Completion.h"
 
+#include <algorithm>
+#include <cctype>
+#include <iterator>
+
 #include "ctl/AgentConnection.h"
 #include "ctl/ExitCode.h"
+#include "ctl/commands/ListCommand.h"
 #include "ctl/top/TopRows.h"
+#include "ctl/view/Counters.h"
 #include "ctl/view/Environment.h"
 #include "ctl/view/Words.h"
 
 namespace kx::ctl {
 namespace {
 
-/// Numbers only: names are whatever their owners typed, and a shell would act on it.
-std::vector<std::string> numbersOfContainers(const std::string& socket) {
-    std::vector<std::string> numbers;
+/// Names are whatever their owners typed: one that a shell would have to quote, or take for an option, is left out.
+bool isPlain(const std::string& name) {
+    const auto isPlainByte = [](unsigned char byte) {
+        return byte < 0x80 && (std::isalnum(byte) != 0 || byte == '.' || byte == '_' || byte == '-');
+    };
+    return !name.empty() && name.front() != '-' && std::all_of(name.begin(), name.end(), isPlainByte);
+}
+
+/// Numbers, and the names behind them.
+std::vector<std::string> wordsForContainers(const std::string& socket) {
+    std::vector<std::string> numbers, names;
     try {
         const AgentConnection connection(socket);
         for (const Environment& one : readEnvironments(*connection.accessPoint().getEnvCache())) {
             if (one.veid && one.isContainer()) {
                 numbers.push_back(std::to_string(*one.veid));
+                names.push_back(one.name);
             }
         }
     } catch (const Failure&) {
         return {};
     }
+    std::copy_if(names.begin(), names.end(), std::back_inserter(numbers), isPlain);
     return numbers;
-}
-
-std::vector<std::string> orderWords() {
-    std::vector<std::string> words;
-    words.reserve(kTopOrders);
-    for (int order = 0; order < kTopOrders; ++order) {
-        words.emplace_back(topOrderWord(static_cast<TopOrder>(order)));
-    }
-    return words;
 }
 
 std::vector<std::string> stateWords() {
@@ -44,15 +51,19 @@ std::vector<std::string> stateWords() {
 
 }  // namespace
 
-std::vector<std::string> completedValue(const std::string& option, const std::string& socket) {
+std::vector<std::string> completedValue(const std::string& command, const std::string& option,
+                                        const std::string& socket) {
     if (option == "--ve") {
-        return numbersOfContainers(socket);
+        return wordsForContainers(socket);
     }
-    if (option == "--sort") {
-        return orderWords();
+    if (option == "--sort" || option == "--columns") {
+        return command == "list" ? listColumnWords() : topOrderWords();
     }
     if (option == "--state") {
         return stateWords();
+    }
+    if (option == "--class") {
+        return {kQuotaClass, kNetworkClass};
     }
     if (option == "--socket" || option == "--text-file" || option == "--agentx" || option == "--lxc-path") {
         return {kCompleteFiles};
@@ -61,10 +72,8 @@ std::vector<std::string> completedValue(const std::string& option, const std::st
 }
 
 std::vector<std::string> completedArgument(const std::string& command, const std::string& socket) {
-    if (command == "show") {
-        return numbersOfContainers(socket);
-    }
-    return command == "counters" ? std::vector<std::string>{kQuotaClass, kNetworkClass} : std::vector<std::string>{};
+    const bool takesContainers = command == "show" || command == "list" || command == "counters";
+    return takesContainers ? wordsForContainers(socket) : std::vector<std::string>();
 }
 
 }  // namespace kx::ctl

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "ctl/Selection.h"
 
@@ -9,7 +10,9 @@ namespace kx::ctl {
 
 /// The options as they were typed.
 struct CountersArguments {
-    std::string className;  ///< empty: both classes of containers
+    std::vector<std::string> containers;  ///< numbers, names, identifiers or patterns; empty: all
+    std::string className;                ///< empty: both classes of containers
+    bool exact = false;                   ///< every digit
     bool json = false;
 };
 

@@ -92,6 +92,11 @@ ExitCode runDoctor(const DoctorArguments& typed, const CommonOptions& common) {
         throw Failure(ExitCode::WrongUsage,
                       fmt::format("--snmp-address: {} is no address", printableWord(typed.places.address)));
     }
+    if (!typed.places.options.empty() && typed.places.options.front().rfind('-', 0) != 0) {
+        throw Failure(ExitCode::WrongUsage, fmt::format("{} is no option of snmpget; the SNMP agent's address goes to "
+                                                        "--snmp-address",
+                                                        printableWord(typed.places.options.front())));
+    }
     const Findings findings = examine(typed, common.socket);
     const bool isOk = std::none_of(findings.begin(), findings.end(),
                                    [](const Finding& finding) { return finding.verdict == Verdict::Fail; });

@@ -8,13 +8,9 @@
 namespace kx::ctl {
 
 ExitCode runEvents(const EventsArguments& typed, const CommonOptions& common) {
-    EventWatchOptions options;
-    options.follow = typed.follow;
-    options.json = typed.json;
+    EventWatchOptions options{typed.json, std::nullopt, EventFilter(typed.filter)};
     if (typed.count) {
         options.count = readNumber("--count", *typed.count, 1, std::numeric_limits<std::int64_t>::max());
-    } else if (!typed.follow) {
-        options.count = 1;
     }
     return watchEvents(options, common.socket);
 }

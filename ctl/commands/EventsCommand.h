@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "ctl/Selection.h"
 
@@ -10,9 +11,9 @@ namespace kx::ctl {
 
 /// The options as they were typed.
 struct EventsArguments {
-    bool follow = false;
     bool json = false;
     std::optional<std::string> count;
+    std::vector<std::string> filter;  ///< KEY=VALUE
 };
 
 /// @throws Failure, of wrong usage before anything is asked of the agent

@@ -43,42 +43,90 @@ std::string addressesText(const Environment& environment) {
     return text;
 }
 
-Table tableOf(const std::vector<Environment>& environments, bool all) {
-    std::vector<TableColumn> columns{{"VEID", true, {}},
-                                     {"NAME", false, kLeastText},
-                                     {"HOSTNAME", false, kLeastText},
-                                     {"OS TEMPLATE", false, kLeastText},
-                                     {"STATE", false, {}},
-                                     {"TRANSITION", false, {}},
-                                     {"ADDRESSES", false, kLeastText}};
-    if (all) {
-        columns.push_back({"TYPE", false, kLeastText});
-        columns.push_back({"EID", false, kLeastText});
+std::string veidText(const Environment& one) {
+    return one.veid ? std::to_string(*one.veid) : "-";
+}
+
+/// A column: its word on the command line, how it is shown, and what is in it.
+struct ListColumn {
+    const char* word;
+    TableColumn column;
+    std::string (*text)(const Environment&);
+};
+
+const std::vector<ListColumn>& allColumns() {
+    static const std::vector<ListColumn> columns{
+        {"veid", {"VEID", true, {}}, veidText},
+        {"name", {"NAME", false, kLeastText}, [](const Environment& one) { return printable(one.name); }},
+        {"hostname",
+         {"HOSTNAME", false, kLeastText},
+         [](const Environment& one) { return printable(one.hostname.value_or("")); }},
+        {"os-template",
+         {"OS TEMPLATE", false, kLeastText},
+         [](const Environment& one) { return printable(osTemplateText(one)); }},
+        {"state", {"STATE", false, {}}, stateText},
+        {"transition",
+         {"TRANSITION", false, {}},
+         [](const Environment& one) { return one.transition == 0 ? "-" : transitionText(one); }},
+        {"addresses", {"ADDRESSES", false, kLeastText}, addressesText},
+        {"type", {"TYPE", false, kLeastText}, [](const Environment& one) { return printable(one.type); }},
+        {"eid", {"EID", false, kLeastText}, [](const Environment& one) { return one.eid.toString(); }},
+        {"description", {"DESCRIPTION", false, kLeastText}, [](const Environment& one) {
+             return printable(one.description.value_or(""));
+         }}};
+    return columns;
+}
+
+/// Those that are shown unless others are named: with --all also type and identifier.
+std::vector<ListColumn> chosenColumns(const ListArguments& typed) {
+    constexpr std::ptrdiff_t kUsual = 7;
+    constexpr std::ptrdiff_t kOfAll = 9;
+    const auto& all = allColumns();
+    if (typed.columns.empty()) {
+        return {all.begin(), all.begin() + (typed.all ? kOfAll : kUsual)};
+    }
+    std::vector<ListColumn> chosen;
+    for (const std::string& word : typed.columns) {
+        chosen.push_back(all[readWord("--columns", word, listColumnWords())]);
+    }
+    return chosen;
+}
+
+Table tableOf(const std::vector<Environment>& environments, const std::vector<ListColumn>& chosen) {
+    std::vector<TableColumn> columns;
+    for (const ListColumn& one : chosen) {
+        columns.push_back(one.column);
     }
     Table table(columns);
-    for (const Environment& one : environments) {
-        std::vector<TableCell> row{{one.veid ? std::to_string(*one.veid) : "-"},
-                                   {printable(one.name)},
-                                   {printable(one.hostname.value_or(""))},
-                                   {printable(osTemplateText(one))},
-                                   {stateText(one), statePaint(one.state)},
-                                   {one.transition == 0 ? "-" : transitionText(one)},
-                                   {addressesText(one)}};
-        if (all) {
-            row.emplace_back(printable(one.type));
-            row.emplace_back(one.eid.toString());
+    for (const Environment& environment : environments) {
+        std::vector<TableCell> row;
+        for (const ListColumn& one : chosen) {
+            row.emplace_back(one.text(environment),
+                             one.text == stateText ? statePaint(environment.state) : Paint::None);
         }
         table.add(row);
     }
     return table;
 }
 
-std::vector<Environment> selected(const KXLEnvCache& cache, bool all, const std::set<std::int32_t>& states) {
+/// They come by number.
+void sort(std::vector<Environment>& environments, const ListColumn& column, bool isReversed) {
+    const auto comesFirst = [&](const Environment& one, const Environment& other) {
+        return column.text != veidText && column.text(one) < column.text(other);
+    };
+    std::stable_sort(environments.begin(), environments.end(), comesFirst);
+    if (isReversed) {
+        std::reverse(environments.begin(), environments.end());
+    }
+}
+
+std::vector<Environment> selected(const KXLEnvCache& cache, const ListArguments& typed,
+                                  const std::set<std::int32_t>& states) {
     std::vector<Environment> environments = readEnvironments(cache);
-    std::erase_if(environments, [&](const Environment& one) {
-        const bool isShown = all || (one.isContainer() && one.veid);
-        return !isShown || (!states.empty() && states.count(one.state) == 0);
-    });
+    std::erase_if(environments, [&](const Environment& one) { return !typed.all && !(one.isContainer() && one.veid); });
+    environments = selectEnvironments(environments, typed.containers);
+    std::erase_if(environments,
+                  [&](const Environment& one) { return !states.empty() && states.count(one.state) == 0; });
     return environments;
 }
 
@@ -94,16 +142,27 @@ Json listJson(const std::vector<Environment>& environments) {
 
 }  // namespace
 
+std::vector<std::string> listColumnWords() {
+    std::vector<std::string> words;
+    for (const ListColumn& column : allColumns()) {
+        words.emplace_back(column.word);
+    }
+    return words;
+}
+
 ExitCode runList(const ListArguments& typed, const CommonOptions& common) {
     const auto states = readStates(typed.states);
+    const auto columns = chosenColumns(typed);
+    const ListColumn& sortedBy = allColumns()[readWord("--sort", typed.sort, listColumnWords())];
     const AgentConnection connection(common.socket);
-    const auto environments = selected(*connection.accessPoint().getEnvCache(), typed.all, states);
+    auto environments = selected(*connection.accessPoint().getEnvCache(), typed, states);
+    sort(environments, sortedBy, typed.reverse);
     Output output(STDOUT_FILENO, -1);
     if (typed.json) {
         output.writeLine(listJson(environments).line());
     } else {
         const Painter painter(wantsColors(output.descriptor(), common.noColor));
-        output.writeLines(tableOf(environments, typed.all).lines(tableRoom(output.descriptor()), painter));
+        output.writeLines(tableOf(environments, columns).lines(tableRoom(output.descriptor()), painter));
     }
     return ExitCode::Done;
 }

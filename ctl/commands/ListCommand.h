@@ -12,8 +12,15 @@ namespace kx::ctl {
 struct ListArguments {
     bool all = false;  ///< environments without a number and of other types too
     bool json = false;
-    std::vector<std::string> states;  ///< words or numbers; empty: all
+    std::vector<std::string> states;      ///< words or numbers; empty: all
+    std::vector<std::string> containers;  ///< numbers, names, identifiers or patterns; empty: all
+    std::vector<std::string> columns;     ///< words; empty: the usual ones
+    std::string sort = "veid";
+    bool reverse = false;
 };
+
+/// @return the words for the columns, in order
+std::vector<std::string> listColumnWords();
 
 /// @throws Failure, of wrong usage before anything is asked of the agent
 ExitCode runList(const ListArguments& typed, const CommonOptions& common);

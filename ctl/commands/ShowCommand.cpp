@@ -3,12 +3,11 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "ctl/AgentConnection.h"
 #include "ctl/Output.h"
 #include "ctl/Printable.h"
 #include "ctl/view/Amounts.h"
+#include "ctl/view/CounterTable.h"
 #include "ctl/view/Counters.h"
 #include "ctl/view/Environment.h"
 #include "ctl/view/Table.h"
@@ -18,31 +17,6 @@ namespace kx::ctl {
 namespace {
 
 constexpr std::size_t kBarWidth = 22;
-
-// ---- which one ----------------------------------------------------------------------------------------------------
-
-std::string describe(const Environment& environment) {
-    const std::string name = printableWord(environment.name);
-    return environment.veid ? fmt::format("{} {} ({})", *environment.veid, name, environment.eid.toString())
-                            : fmt::format("{} ({})", name, environment.eid.toString());
-}
-
-Environment chooseFrom(const std::vector<Environment>& all, const std::string& word) {
-    const auto found = findEnvironments(all, word);
-    if (found.empty()) {
-        throw Failure(ExitCode::Refused, fmt::format("there is nothing with the number, name or identifier {}; kxctl "
-                                                     "list --all shows what there is",
-                                                     printableWord(word)));
-    }
-    if (found.size() > 1) {
-        std::string which;
-        for (const Environment& one : found) {
-            which += (which.empty() ? "" : ", ") + describe(one);
-        }
-        throw Failure(ExitCode::Refused, fmt::format("{} may be any of: {}", printableWord(word), which));
-    }
-    return found.front();
-}
 
 // ---- its counters -------------------------------------------------------------------------------------------------
 
@@ -156,30 +130,11 @@ Table quotaTable(const KXLMonitorData::Instances& instances) {
 /// Every counter with its exact value: a class of which nothing more is known is shown so too.
 Table instancesTable(const std::string& title, const CounterClass& counterClass,
                      const KXLMonitorData::Instances& instances) {
-    std::vector<TableColumn> columns{{title, false, 4}};
-    std::vector<std::string> names = counterClass.order;
+    std::vector<CounterRow> rows;
     for (const auto& [instance, counters] : instances) {
-        for (const auto& [name, value] : valuesInOrder(counterClass, counters)) {
-            if (std::find(names.begin(), names.end(), name) == names.end()) {
-                names.push_back(name);
-            }
-        }
+        rows.push_back({{{instance.empty() ? "-" : printable(instance)}}, valuesInOrder(counterClass, counters)});
     }
-    for (const std::string& name : names) {
-        columns.push_back({printable(name), true, 4});
-    }
-    Table table(columns);
-    for (const auto& [instance, counters] : instances) {
-        const NamedValues values = valuesInOrder(counterClass, counters);
-        std::vector<TableCell> row{{instance.empty() ? "-" : printable(instance)}};
-        for (const std::string& name : names) {
-            const auto found =
-                std::find_if(values.begin(), values.end(), [&](const auto& value) { return value.first == name; });
-            row.emplace_back(found == values.end() ? "-" : std::to_string(found->second));
-        }
-        table.add(row);
-    }
-    return table;
+    return counterTable({{title, false, 4}}, counterClass.order, rows, Amounts::Exact);
 }
 
 void append(std::vector<std::string>& lines, const std::vector<std::string>& more) {
@@ -210,7 +165,7 @@ std::vector<std::string> counterLines(const KXLAccessPointPrototype& agent, cons
 ExitCode runShow(const ShowArguments& typed, const CommonOptions& common) {
     const AgentConnection connection(common.socket);
     KXLAccessPointPrototype& agent = connection.accessPoint();
-    const Environment environment = chooseFrom(readEnvironments(*agent.getEnvCache()), typed.word);
+    const Environment environment = chooseEnvironment(readEnvironments(*agent.getEnvCache()), typed.word);
     const auto classes = countersOf(agent, environment.eid, common.socket);
     Output output(STDOUT_FILENO, -1);
     if (typed.json) {

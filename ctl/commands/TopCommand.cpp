@@ -1,11 +1,8 @@
 #include "ctl/commands/TopCommand.h"
 
-#include <fmt/format.h>
-
 #include <limits>
 
 #include "ctl/Numbers.h"
-#include "ctl/Printable.h"
 #include "ctl/top/TopWatch.h"
 
 namespace kx::ctl {
@@ -14,24 +11,11 @@ namespace {
 constexpr double kShortestSeconds = 0.1;
 constexpr double kLongestSeconds = 3600;
 
-std::string orderWords() {
-    std::string words;
-    for (int order = 0; order < kTopOrders; ++order) {
-        words += (order == 0 ? "" : ", ") + std::string(topOrderWord(static_cast<TopOrder>(order)));
-    }
-    return words;
-}
-
 }  // namespace
 
 ExitCode runTop(const TopArguments& typed, const CommonOptions& common) {
     TopOptions options;
-    const auto order = topOrderOf(typed.sort);
-    if (!order) {
-        throw Failure(ExitCode::WrongUsage,
-                      fmt::format("--sort: {} is none of {}", printableWord(typed.sort), orderWords()));
-    }
-    options.order = *order;
+    options.order = static_cast<TopOrder>(readWord("--sort", typed.sort, topOrderWords()));
     options.isReversed = typed.reverse;
     const double seconds = readDecimal("--interval", typed.interval, kShortestSeconds, kLongestSeconds);
     options.interval = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::duration<double>(seconds));

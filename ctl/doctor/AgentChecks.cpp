@@ -31,9 +31,6 @@ constexpr std::chrono::milliseconds kReportDeadline{5000};
 constexpr int kRunning = 2;
 constexpr mode_t kOthersWrite = 2;
 
-/// Its members may connect.
-constexpr const char* kGroup = "kxagent";
-
 Finding lookAtSocket(const std::string& socket, const std::string& path) {
     struct stat found {};
     if (::stat(socket.c_str(), &found) != 0) {
@@ -57,14 +54,14 @@ Finding lookAtRights(const std::string& socket) {
                 fmt::format("you may not use {} ({})", printable(*obstacle), ownerText(*obstacle)),
                 "run this as root, or add yourself to the group: usermod -aG kxagent USER; then log in again"};
     }
-    if (::getgrnam(kGroup) == nullptr) {
+    if (::getgrnam(kAgentGroup) == nullptr) {
         return {Verdict::Warn, "rights",
                 fmt::format("you may open it; others than root and the agent may not, for "
                             "there is no group {}",
-                            kGroup),
-                fmt::format("addgroup --system {}, and restart the agent", kGroup)};
+                            kAgentGroup),
+                fmt::format("addgroup --system {}, and restart the agent", kAgentGroup)};
     }
-    return {Verdict::Ok, "rights", fmt::format("you may open it; others: members of the group {}", kGroup), ""};
+    return {Verdict::Ok, "rights", fmt::format("you may open it; others: members of the group {}", kAgentGroup), ""};
 }
 
 std::string listOf(const std::set<std::string>& names) {

@@ -4,6 +4,7 @@
 #include <grp.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sstream>
@@ -90,9 +91,9 @@ SocketUse useBy(const std::string& pid, const std::string& path) {
 }
 
 /// Of several that run, the one that has joined.
-SubAgent findSubAgent(const std::string& socket) {
+SubAgent findSubAgent(const std::vector<std::string>& pids, const std::string& socket) {
     SubAgent found{"", 0};
-    for (const std::string& pid : processesOf(kSubAgentName)) {
+    for (const std::string& pid : pids) {
         const std::size_t connections = useBy(pid, socket).connections;
         if (found.pid.empty() || connections > found.connections) {
             found = {pid, connections};
@@ -119,12 +120,48 @@ Finding subAgentFinding(const SubAgent& found, bool isAnswering) {
             ""};
 }
 
+/// Each that has joined sends every alert, whoever has started it.
+std::optional<Finding> severalFinding(const std::vector<std::string>& pids) {
+    if (pids.size() < 2) {
+        return std::nullopt;
+    }
+    const auto isOfService = [](const std::string& pid) {
+        return readProcess(pid, "cgroup").value_or("").find("/kxsnmp.service") != std::string::npos;
+    };
+    const auto service = std::find_if(pids.begin(), pids.end(), isOfService);
+    std::vector<std::string> others = pids;
+    others.erase(others.begin() + (service == pids.end() ? 0 : service - pids.begin()));
+    return Finding{
+        Verdict::Fail, "sub-agents",
+        fmt::format("{} run (processes {}): every alert is sent as often", pids.size(), fmt::join(pids, ", ")),
+        fmt::format("keep one: kill {}", fmt::join(others, " "))};
+}
+
 // ---- what a manager sees ------------------------------------------------------------------------------------------
 
+/// @param identity options that say who asks
+std::optional<std::string> askAs(const std::vector<std::string>& identity, const SnmpPlaces& places) {
+    std::vector<std::string> command{"snmpgetnext", "-m", "", "-On", "-r", "0", "-t", kAnswerSeconds};
+    command.insert(command.end(), identity.begin(), identity.end());
+    command.insert(command.end(), {places.address, kSubtree});
+    return outputOf(command, kToolDeadline);
+}
+
+bool isAnswer(const std::string& said) {
+    return !lineWith(said, ".").empty();
+}
+
+/// Unless it is said who asks: Debian's usual community, and then whoever snmp.conf has as its default.
 std::optional<std::string> askNext(const SnmpPlaces& places) {
-    return outputOf({"snmpgetnext", "-v2c", "-c", places.community, "-m", "", "-On", "-r", "0", "-t", kAnswerSeconds,
-                     places.address, kSubtree},
-                    kToolDeadline);
+    if (!places.options.empty()) {
+        return askAs(places.options, places);
+    }
+    const auto said = askAs({"-v2c", "-c", places.community.value_or("public")}, places);
+    if (!said || places.community || isAnswer(*said)) {
+        return said;
+    }
+    const auto saidToDefault = askAs({}, places);
+    return saidToDefault && isAnswer(*saidToDefault) ? saidToDefault : said;
 }
 
 Finding viewFinding(const SnmpPlaces& places, const std::string& seen, const std::string& said,
@@ -133,17 +170,19 @@ Finding viewFinding(const SnmpPlaces& places, const std::string& seen, const std
     if (!seen.empty()) {
         return {Verdict::Ok, "view", fmt::format("snmpd at {} shows {}", at, kSubtree), ""};
     }
-    if (lineWith(said, ".").empty()) {
+    if (!isAnswer(said)) {
         const std::string words = printable(lastLine(said));
         return {Verdict::Fail, "view", fmt::format("snmpd at {} does not answer: {}", at, words),
-                "is snmpd running; is the community right (--community), and the address (--snmp-address)"};
+                "is snmpd running; is the address right (--snmp-address); ask as you would with snmpget: "
+                "kxctl doctor -- -v2c -c COMMUNITY, or -- -v3 -u USER -l authPriv ..."};
     }
     if (subAgent.verdict != Verdict::Ok) {
         return {Verdict::Warn, "view", "cannot be told before kxsnmp has joined snmpd", ""};
     }
-    return {Verdict::Fail, "view", fmt::format("snmpd at {} does not show {} to this community", at, kSubtree),
-            fmt::format("add it to the view that the community has, on Debian \"{}\" in snmpd.conf, and restart snmpd",
-                        kViewLine)};
+    return {
+        Verdict::Fail, "view", fmt::format("snmpd at {} does not show {} to who asks", at, kSubtree),
+        fmt::format("add it to the view of that community or user, on Debian \"{}\" in snmpd.conf, and restart snmpd",
+                    kViewLine)};
 }
 
 /// @return nothing when it cannot be told whose containers are shown
@@ -190,7 +229,11 @@ Findings examineSnmp(const SnmpPlaces& places, const std::optional<std::string>&
     }
     const auto said = askNext(places);
     const std::string seen = said ? lineWith(*said, std::string(kSubtree) + ".") : "";
-    findings.push_back(subAgentFinding(findSubAgent(places.agentxSocket), !seen.empty()));
+    const auto pids = processesOf(kSubAgentName);
+    if (const auto several = severalFinding(pids)) {
+        findings.push_back(*several);
+    }
+    findings.push_back(subAgentFinding(findSubAgent(pids, places.agentxSocket), !seen.empty()));
     if (said) {
         findings.push_back(viewFinding(places, seen, *said, findings.back()));
     } else {

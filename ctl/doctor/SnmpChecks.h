@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "ctl/doctor/Finding.h"
 
@@ -12,8 +13,9 @@ namespace kx::ctl {
 struct SnmpPlaces {
     std::string agentxSocket = "/var/agentx/master";
     std::string address = "127.0.0.1:161";  ///< of the SNMP agent
-    std::string community = "public";
-    std::string user = "kxsnmp";  ///< as which the sub-agent runs
+    std::optional<std::string> community;   ///< to ask as
+    std::vector<std::string> options;       ///< of snmpget(1), to ask with instead
+    std::string user = "kxsnmp";            ///< as which the sub-agent runs
 };
 
 /// @param eid of the server, as the management agent tells it; nothing when that is not known

@@ -56,7 +56,7 @@ private:
     void takeFailure();
     void waitForNames(const std::vector<KXLEvent>& events) const;
     void show(const std::vector<KXLEvent>& events);
-    std::string lineOf(const KXLEvent& event);
+    std::string lineOf(const KXLEvent& event, const std::optional<ContainerName>& about) const;
 
     const EventWatchOptions options_;
     Mailbox mailbox_;
@@ -163,7 +163,7 @@ void EventWatch::takeFailure() {
     if (!wasSubscribed_ && isLinkUp_) {
         throw Failure(ExitCode::Refused, "the agent did not accept the subscription to its events");
     }
-    if (!wasSubscribed_ || !options_.follow) {
+    if (!wasSubscribed_) {
         throw Failure(ExitCode::Unreachable, "the connection to the agent was lost");
     }
     if (again_.failed(Clock::now())) {
@@ -185,12 +185,15 @@ void EventWatch::show(const std::vector<KXLEvent>& events) {
         if (isFinished_) {
             return;
         }
-        isFinished_ = output_.writeLine(lineOf(event)) != Output::Result::Written || ++shown_ == options_.count;
+        const auto about = names_.of(event);
+        if (options_.filter.matches(event, about)) {
+            isFinished_ =
+                output_.writeLine(lineOf(event, about)) != Output::Result::Written || ++shown_ == options_.count;
+        }
     }
 }
 
-std::string EventWatch::lineOf(const KXLEvent& event) {
-    const auto about = names_.of(event);
+std::string EventWatch::lineOf(const KXLEvent& event, const std::optional<ContainerName>& about) const {
     return options_.json ? eventJson(event, about).line() : textLine(event, about);
 }
 

@@ -6,20 +6,22 @@
 #include <string>
 
 #include "ctl/ExitCode.h"
+#include "ctl/events/EventFilter.h"
 
 namespace kx::ctl {
 
 /// How events are watched.
 struct EventWatchOptions {
-    bool follow = false;                ///< subscribe again when the subscription is lost
     bool json = false;                  ///< lines for programs
     std::optional<std::int64_t> count;  ///< end after this many; nothing: never
+    EventFilter filter;                 ///< others are neither shown nor counted
 };
 
 /// @brief Writes events to standard output, and how the subscription stands to standard error. Ends when enough have
 /// come, on SIGINT and SIGTERM, and when nobody reads the output any more.
 /// @param socket the path of the agent's socket
-/// @throws Failure when the agent cannot be reached, refuses, or is lost without `follow`
+/// An agent that goes away is waited for.
+/// @throws Failure when the agent cannot be reached at first, or refuses
 ExitCode watchEvents(const EventWatchOptions& options, const std::string& socket);
 
 }  // namespace kx::ctl

@@ -1,14 +1,19 @@
 #include "ctl/view/Environment.h"
 
 #include <arpa/inet.h>
+#include <fmt/format.h>
+#include <fnmatch.h>
 
 #include <algorithm>
 #include <bit>
 #include <charconv>
+#include <set>
 #include <tuple>
 
 #include <kxa/KXAEnvConfig.h>
 
+#include "ctl/ExitCode.h"
+#include "ctl/Printable.h"
 #include "ctl/view/Words.h"
 
 namespace kx::ctl {
@@ -69,6 +74,23 @@ void putIfThere(Json& object, const char* key, const std::optional<std::string>&
     }
 }
 
+std::string describe(const Environment& environment) {
+    const std::string name = printableWord(environment.name);
+    return environment.veid ? fmt::format("{} {} ({})", *environment.veid, name, environment.eid.toString())
+                            : fmt::format("{} ({})", name, environment.eid.toString());
+}
+
+[[noreturn]] void failForNothing(const std::string& word) {
+    throw Failure(ExitCode::Refused, fmt::format("there is nothing with the number, name or identifier {}; kxctl list "
+                                                 "--all shows what there is",
+                                                 printableWord(word)));
+}
+
+bool matchesPattern(const Environment& environment, const std::string& pattern) {
+    return ::fnmatch(pattern.c_str(), environment.name.c_str(), 0) == 0 ||
+           (environment.veid && ::fnmatch(pattern.c_str(), std::to_string(*environment.veid).c_str(), 0) == 0);
+}
+
 }  // namespace
 
 Environment readEnvironment(const KXLEnv& environment) {
@@ -123,6 +145,42 @@ std::vector<Environment> findEnvironments(const std::vector<Environment>& all, c
         return (number && one.veid == number) || one.name == word || (isEid && one.eid == eid);
     });
     return found;
+}
+
+Environment chooseEnvironment(const std::vector<Environment>& all, const std::string& word) {
+    const auto found = findEnvironments(all, word);
+    if (found.empty()) {
+        failForNothing(word);
+    }
+    if (found.size() > 1) {
+        std::string which;
+        for (const Environment& one : found) {
+            which += (which.empty() ? "" : ", ") + describe(one);
+        }
+        throw Failure(ExitCode::Refused, fmt::format("{} may be any of: {}", printableWord(word), which));
+    }
+    return found.front();
+}
+
+std::vector<Environment> selectEnvironments(const std::vector<Environment>& all,
+                                            const std::vector<std::string>& words) {
+    std::set<KXLEID> selected;
+    for (const std::string& word : words) {
+        std::vector<Environment> found = findEnvironments(all, word);
+        if (found.empty()) {
+            std::copy_if(all.begin(), all.end(), std::back_inserter(found),
+                         [&](const Environment& one) { return matchesPattern(one, word); });
+        }
+        if (found.empty()) {
+            failForNothing(word);
+        }
+        for (const Environment& one : found) {
+            selected.insert(one.eid);
+        }
+    }
+    std::vector<Environment> kept = all;
+    std::erase_if(kept, [&](const Environment& one) { return !words.empty() && selected.count(one.eid) == 0; });
+    return kept;
 }
 
 std::string idText(const Environment& environment) {

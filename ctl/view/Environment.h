@@ -47,6 +47,16 @@ std::vector<Environment> readEnvironments(const KXLEnvCache& cache);
 /// @return all that it may stand for
 std::vector<Environment> findEnvironments(const std::vector<Environment>& all, const std::string& word);
 
+/// @brief The same, where one is meant.
+/// @throws Failure when there is none, or more than one
+Environment chooseEnvironment(const std::vector<Environment>& all, const std::string& word);
+
+/// @brief The same, where several may be meant.
+/// @param words as before, or patterns of names or numbers (glob(7)); none: all
+/// @return all that one of the words stands for, in the order in which they were
+/// @throws Failure when a word stands for nothing
+std::vector<Environment> selectEnvironments(const std::vector<Environment>& all, const std::vector<std::string>& words);
+
 /// @return the number, or the identifier of one that has none
 std::string idText(const Environment& environment);
 

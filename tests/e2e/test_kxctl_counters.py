@@ -1,5 +1,7 @@
 """kxctl counters: what an operator sees of the counters of a described host."""
 
+import re
+
 import pytest
 from support.kxctl import document, run
 
@@ -24,23 +26,29 @@ def kxctl(*arguments):
     return run("counters", *arguments, text=True)
 
 
-def test_both_classes_are_shown_in_the_vocabularys_order(describedHost):
+def cells(line):
+    return re.split(r" {2,}", line.strip())
+
+
+def test_each_class_is_a_table_with_readable_sizes(describedHost):
     done = kxctl()
     assert (done.returncode, done.stderr) == (0, "")
-    lines = done.stdout.splitlines()
-    assert "counters_kx_quota  101 web  diskspace_used=1000  inodes_used=7" in lines
-    assert "counters_kx_net  101 web  [2]  bytes_in=5000  packets_out=3" in lines
+    quota, network = (part.splitlines() for part in done.stdout.split("\n\n"))
+    assert quota[0] == "counters_kx_quota" and cells(quota[1])[:3] == ["VEID", "NAME", "DISK USED"]
+    assert cells(quota[2])[:3] == ["101", "web", "1000"]
+    assert network[0] == "counters_kx_net" and cells(network[1])[:4] == ["VEID", "NAME", "INSTANCE", "BYTES IN"]
+    assert cells(network[2]) == ["101", "web", "2", "4.9K", "-", "-", "3"]
 
 
-def test_one_class_is_shown_alone_and_again_with_the_same_totals(describedHost):
-    for _ in range(2):
-        done = kxctl("counters_kx_net")
-        assert "counters_kx_net  101 web  [2]  bytes_in=5000  packets_out=3" in done.stdout.splitlines()
-        assert "quota" not in done.stdout
+def test_containers_and_a_class_are_chosen_with_the_same_totals_each_time(describedHost):
+    for word in ("web", "101", "w*"):
+        name, head, *rows = kxctl(word, "--class", "counters_kx_net", "--exact").stdout.splitlines()
+        assert (name, cells(head)[3:5]) == ("counters_kx_net", ["bytes_in", "packets_in"])
+        assert [cells(row) for row in rows] == [["101", "web", "2", "5000", "-", "-", "3"]]
 
 
 def test_json_has_exact_values_and_everything_that_is_known_of_the_container(describedHost):
-    rows = document("counters", "counters_kx_net")["counters"]
+    rows = document("counters", "--class", "counters_kx_net")["counters"]
     web = next(row for row in rows if row.get("veid") == 101)
     assert web["name"] == "web" and web["instance"] == "2" and web["class"] == "counters_kx_net"
     assert web["counters"] == {"bytes_in": 5000, "packets_out": 3}
@@ -53,13 +61,14 @@ def test_a_name_cannot_move_the_cursor(describedHost):
     assert "\x1b" not in kxctl().stdout
 
 
-def test_an_unknown_class_is_named_and_refused(describedHost):
-    done = kxctl("counters_kx_none")
-    assert done.returncode == 1
-    assert "counters_kx_none" in done.stderr
+def test_an_unknown_class_or_container_is_named_and_refused(describedHost):
+    for arguments in (["--class", "counters_kx_none"], ["nobody"]):
+        done = kxctl(*arguments)
+        assert done.returncode == 1
+        assert arguments[-1] in done.stderr
 
 
-@pytest.mark.parametrize("arguments", [["a", "b"], ["--no-such-option"]])
+@pytest.mark.parametrize("arguments", [["--class"], ["--no-such-option"]])
 def test_wrong_usage_is_told(describedHost, arguments):
     assert kxctl(*arguments).returncode == 2
 

@@ -40,12 +40,17 @@ def examine(host, *arguments, user="root", status=DONE):
     return {one["check"]: one for one in shown["checks"]}
 
 
+def look(host, *arguments, user="root"):
+    """All checks, whatever their results."""
+    done = run("doctor", *places(host, user), "--json", *arguments, text=True)
+    return {one["check"]: one for one in json.loads(done.stdout)["checks"]}
+
+
 def lookUntil(host, name, result, user="root"):
     """Runs it until a check has that result, whatever the others have; @return the check"""
 
     def found():
-        done = run("doctor", *places(host, user), "--json", text=True)
-        checks = {one["check"]: one for one in json.loads(done.stdout)["checks"]}
+        checks = look(host, user=user)
         return checks[name] if name in checks and checks[name]["result"] == result else None
 
     return waitUntil(found, REJOIN_DEADLINE_S, f"{name} is {result}")
@@ -56,12 +61,12 @@ def quotedIn(check):
     return re.search('"([^"]+)"', check["todo"])[1]
 
 
-def configureSnmpd(host, change):
+def configureSnmpd(host, change, isPublic=True):
     """Starts snmpd anew with its configuration changed."""
     config = host.snmpd.folder / "snmpd.conf"
     config.write_text(change(config.read_text()))
     host.snmpd.stop()
-    host.snmpd.start()
+    host.snmpd.start(isPublic)
 
 
 @contextmanager
@@ -255,9 +260,9 @@ def test_what_runs_is_named_by_its_process(whole):
 @pytest.mark.parametrize("name", ["kxagentd", "kxsnmp"])
 def test_what_runs_from_a_file_that_is_gone_is_older_than_what_is_installed(whole, tmp_path, name):
     with pretender(tmp_path / "bin", name) as (pid, program):
-        assert examine(whole)["upgrade"]["result"] == "OK"
+        assert look(whole)["upgrade"]["result"] == "OK"
         program.unlink()
-        check = examine(whole)["upgrade"]
+        check = look(whole)["upgrade"]
         assert check["result"] == "WARN"
         assert check["words"] == f"an older one runs than is installed: {name} (process {pid})"
         assert check["todo"] == f"systemctl restart {name}"
@@ -289,7 +294,45 @@ def test_a_view_without_the_subtree_is_told_with_the_line_that_adds_it(whole):
 def test_a_community_that_gets_no_answer_is_told(whole):
     checks = examine(whole, "--community", "wrong", status=REFUSED)
     assert checks["view"]["result"] == "FAIL"
-    assert "Timeout" in checks["view"]["words"] and "--community" in checks["view"]["todo"]
+    assert "Timeout" in checks["view"]["words"] and "-v2c -c COMMUNITY" in checks["view"]["todo"]
+
+
+SNMPV3 = {"-u": "operator", "-l": "authPriv", "-a": "SHA", "-A": "authenticated", "-x": "AES", "-X": "encrypted"}
+SNMPV3_DEFAULTS = """defVersion 3
+defSecurityName operator
+defSecurityLevel authPriv
+defAuthType SHA
+defAuthPassphrase authenticated
+defPrivType AES
+defPrivPassphrase encrypted
+"""
+
+
+def test_a_host_with_snmpv3_only_is_asked_as_snmpget_would(whole, tmp_path, monkeypatch):
+    def withoutCommunities(config):
+        config = re.sub(r"(?m)^r[ow]community .*\n", "", config)
+        return config + "createUser operator SHA authenticated AES encrypted\nrouser operator priv -V kx\n"
+
+    configureSnmpd(whole, withoutCommunities, isPublic=False)
+    check = lookUntil(whole, "view", "FAIL")
+    assert "does not answer" in check["words"] and "-- -v2c" in check["todo"] and "-v3 -u USER" in check["todo"]
+    options = ["--", "-v3", *(word for option in SNMPV3.items() for word in option)]
+    waitUntil(lambda: look(whole, *options)["view"]["result"] == "OK", REJOIN_DEADLINE_S, "the user sees the subtree")
+    assert look(whole, *options[:-1], "wrong-words")["view"]["result"] == "FAIL"
+    (tmp_path / "snmp.conf").write_text(SNMPV3_DEFAULTS)
+    monkeypatch.setenv("SNMPCONFPATH", str(tmp_path))
+    assert look(whole)["view"]["result"] == "OK"
+
+
+def test_two_sub_agents_are_told_and_one_is_kept(whole, tmp_path):
+    with pretender(tmp_path / "bin", "kxsnmp") as (pid, _):
+        check = examine(whole, status=REFUSED)["sub-agents"]
+        pids = sorted([whole.kxsnmp.pid, int(pid)])
+        assert check["words"] == f"2 run (processes {pids[0]}, {pids[1]}): every alert is sent as often"
+        # None is a service's here, so the one that has the lowest number is kept.
+        assert check["todo"] == f"keep one: kill {pids[1]}"
+        subprocess.run(["sh", "-c", check["todo"].removeprefix("keep one: ")], check=True)
+        waitUntil(lambda: "sub-agents" not in look(whole), DEADLINE_S, "one is left")
 
 
 def test_an_absent_sub_agent_is_told(host):

@@ -11,6 +11,7 @@ COMPLETION = PROJECT / "ctl/kxctl.bash-completion"
 MANUAL = PROJECT / "man/kxctl.1"
 
 INVENTORY = "".join(f'[[environment]]\nname = "$(touch /pwned) {veid}"\nveid = {veid}\n' for veid in (101, 102, 2001))
+INVENTORY += '[[environment]]\nname = "web-1.front"\nveid = 2002\n[[environment]]\nname = "--json"\nveid = 2003\n'
 
 # What bash does when Tab is pressed behind these words.
 _ASK = """
@@ -50,7 +51,8 @@ def proposed(*words):
         (("top", "--sort", "=", "p"), ["packets-in", "packets-out"]),
         (("top", "--sort", "="), ["id", "name", "state", "in", "out", "packets-in", "packets-out", "used", "quota"]),
         (("alert", ""), ["raise"]),
-        (("counters", ""), ["counters_kx_quota", "counters_kx_net"]),
+        (("counters", "--class", ""), ["counters_kx_quota", "counters_kx_net"]),
+        (("list", "--sort", "n"), ["name"]),
         (("status", ""), []),
         (("alert", "raise", "--text-file", ""), []),
         (("frobnicate", ""), COMMANDS),
@@ -69,10 +71,11 @@ def test_every_command_proposes_the_options_that_its_help_has():
         assert "--json" in helped
 
 
-def test_numbers_of_containers_are_proposed(describedHost):
-    assert proposed("show", "") == ["101", "102", "2001"]
-    assert proposed("show", "10") == ["101", "102"]
-    assert proposed("alert", "raise", "--ve", "2") == ["2001"]
+def test_numbers_of_containers_are_proposed_and_names_that_need_no_quotes(describedHost):
+    for words in (["show"], ["list"], ["counters"], ["alert", "raise", "--ve"]):
+        assert proposed(*words, "") == ["101", "102", "2001", "2002", "2003", "web-1.front"]
+        assert proposed(*words, "10") == ["101", "102"]
+        assert proposed(*words, "w") == ["web-1.front"]
 
 
 def test_without_an_agent_no_numbers_are_proposed():

@@ -101,6 +101,21 @@ def test_the_list_can_be_filtered_by_state(describedHost, arguments, states):
     assert {one["eid"] for one in shown} == {one["eid"].lower() for one in described}
 
 
+def test_the_list_takes_words_patterns_columns_and_an_order(describedHost):
+    named = document("list", "web", "10[12]")["environments"]
+    assert [one["veid"] for one in named] == [101, 102]
+    done = run("list", "--columns", "name,veid", "--sort", "name", "--reverse", text=True)
+    assert (done.returncode, done.stderr) == (DONE, "")
+    assert done.stdout.splitlines()[0].split() == ["NAME", "VEID"]
+    names = [one["name"] for one in document("list", "--sort", "name")["environments"]]
+    assert names == sorted(names)
+    assert [line.split()[-1] for line in done.stdout.splitlines()[1:]] == [
+        str(one["veid"]) for one in reversed(document("list", "--sort", "name")["environments"])
+    ]
+    done = run("list", "nobody*", text=True)
+    assert (done.returncode, done.stdout) == (REFUSED, "") and "nobody*" in done.stderr
+
+
 def test_the_list_shows_addresses_and_templates_of_a_container(describedHost):
     (line,) = [line for line in run("list", text=True).stdout.splitlines() if line.split()[0] == "101"]
     shown = ["101", "web", "web.example", "debian/12", "running", "-", "10.0.0.9,192.168.3.4,10.0.0.1,9.255.0.1"]
@@ -192,13 +207,14 @@ def test_status_in_json_says_that_the_agent_is_absent():
     "arguments, word",
     [
         (["list", "--state", "melting"], "melting"),
-        (["list", "more"], "more"),
+        (["list", "--columns", "name,colour"], "colour"),
         (["show"], "ve"),
         (["show", "a", "b"], "b"),
         (["top", "--sort", "colour"], "colour"),
         (["top", "--interval", "0"], "outside of 0.1 to 3600"),
         (["top", "--once", "--count", "2"], "--once"),
         (["doctor", "--snmp-address", "-x"], "-x"),
+        (["doctor", "127.0.0.1"], "127.0.0.1 is no option of snmpget"),
     ],
 )
 def test_wrong_usage_is_named(arguments, word):

@@ -84,10 +84,12 @@ class Snmpd:
     def pid(self):
         return self._popen.pid
 
-    def start(self):
+    def start(self, isPublic=True):
+        """Returns once it answers to the community "public", where `isPublic` says that it does."""
         arguments = ["-f", "-C", "-c", self._config, "-Lf", self.log]
         self._popen = _launch("/usr/sbin/snmpd", arguments, _librarySettings(self.folder), self.log)
-        waitUntil(self._answers, START_DEADLINE_S, f"snmpd answers on port {self.port}")
+        if isPublic:
+            waitUntil(self._answers, START_DEADLINE_S, f"snmpd answers on port {self.port}")
 
     def _answers(self):
         if self._popen.poll() is not None:

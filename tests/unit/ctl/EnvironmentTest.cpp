@@ -2,6 +2,9 @@
 
 #include <gmock/gmock.h>
 
+#include <functional>
+
+#include "ctl/ExitCode.h"
 #include "tests/support/MakeEnv.h"
 
 namespace kx::ctl {
@@ -45,6 +48,35 @@ TEST(Environments, AreFoundByNumberNameAndIdentifier) {
     EXPECT_THAT(found("300"), ElementsAre("300", "late"));
     EXPECT_THAT(found("nobody"), ElementsAre());
     EXPECT_THAT(found(""), ElementsAre());
+}
+
+std::string problemOf(const std::function<void()>& call) {
+    try {
+        call();
+        return "none";
+    } catch (const Failure& failure) {
+        return failure.what();
+    }
+}
+
+TEST(Environments, AreSelectedByWordsAndPatternsInTheirOrder) {
+    const auto all = readEnvironments(*kCache);
+    const auto selected = [&](const std::vector<std::string>& words) {
+        return namesOf(selectEnvironments(all, words));
+    };
+    EXPECT_THAT(selected({}), testing::SizeIs(6));
+    EXPECT_THAT(selected({"b", "-7"}), ElementsAre("minus", "b"));
+    EXPECT_THAT(selected({"*e*"}), ElementsAre("seven", "late"));
+    EXPECT_THAT(selected({"30?"}), ElementsAre("300", "late"));
+    EXPECT_THAT(selected({"[ab]", "a"}), ElementsAre("a", "b"));
+    EXPECT_THAT(problemOf([&] { selected({"b", "x*"}); }), testing::HasSubstr("identifier x*;"));
+}
+
+TEST(Environments, MustBeOneWhereOneIsMeant) {
+    const auto all = readEnvironments(*kCache);
+    EXPECT_EQ(chooseEnvironment(all, "late").veid, 300);
+    EXPECT_THAT(problemOf([&] { chooseEnvironment(all, "l*"); }), testing::HasSubstr("identifier l*;"));
+    EXPECT_THAT(problemOf([&] { chooseEnvironment(all, "7"); }), testing::StartsWith("7 may be any of: 7 300 ("));
 }
 
 TEST(Environment, ShowsAnAddressWithThePrefixOfItsMask) {

@@ -83,9 +83,9 @@ const std::string kSubscribed = "subscribed to events of scripted agent (5e5e5e5
 
 // ---- how many -----------------------------------------------------------------------------------------------------
 
-TEST(Events, EndWithTheFirstUnlessToldOtherwise) {
+TEST(Events, AreALineEach) {
     const ScriptedAgent agent(agentWith(sending({alerts({"a", "b"}), alerts({"c"})})));
-    const Ended ended = watch(agent);
+    const Ended ended = watch(agent, {"-n1"});
     EXPECT_EQ(ended.code, ExitCode::Done);
     EXPECT_THAT(linesOf(ended.out), ElementsAre(EndsWith("host                  warning   0  a")));
     EXPECT_THAT(linesOf(ended.err), ElementsAre(kSubscribed));
@@ -156,7 +156,7 @@ TEST(Events, TellTheNumberOfAContainerThatIsGone) {
         peer.send(eventFrame({changeEvent(web(), wire::CHANGE_REMOVED)}));
         peer.readUntilClosed();
     });
-    const Ended ended = watch(agent, {"--json"});
+    const Ended ended = watch(agent, {"--json", "-n1"});
     const nlohmann::json shown = nlohmann::json::parse(ended.out);
     EXPECT_EQ(shown["kind"], "change");
     EXPECT_EQ(shown["change"], "removed");
@@ -192,12 +192,12 @@ TEST(Events, WaitForTheContainersThatTheySayWereAdded) {
         link.get()->send(deltaFrame(2, {added}));
         peer.readUntilClosed();
     });
-    EXPECT_EQ(nlohmann::json::parse(watch(agent, {"--json"}).out)["veid"], 102);
+    EXPECT_EQ(nlohmann::json::parse(watch(agent, {"--json", "-n1"}).out)["veid"], 102);
 }
 
 TEST(Events, DoNotWaitForLongForAContainerThatNeverComes) {
     const ScriptedAgent agent(agentWith(sending({eventFrame({changeEvent(wireEnv(2), wire::CHANGE_ADDED)})})));
-    const nlohmann::json shown = nlohmann::json::parse(watch(agent, {"--json"}).out);
+    const nlohmann::json shown = nlohmann::json::parse(watch(agent, {"--json", "-n1"}).out);
     EXPECT_EQ(shown["change"], "added");
     EXPECT_FALSE(shown.contains("veid"));
 }
@@ -212,15 +212,15 @@ TEST(Events, OfAnUnknownKindAndThoseThatLackSomethingAreShownAsFarAsTheyGo) {
                 ElementsAre(R"({"kind":"something new","time_ms":5})", R"({"kind":"alert"})"));
 }
 
-// ---- losing the agent -----------------------------------------------------------------------------------------------
-
-TEST(Events, EndWhenTheAgentIsLostUnlessTheyAreFollowed) {
-    const ScriptedAgent agent(agentWith([](PeerSocket& peer, int) { peer.send(alerts({"a"})); }));
-    const Ended ended = watch(agent, {"--json", "--count", "2"});
-    EXPECT_EQ(ended.code, ExitCode::Unreachable);
-    EXPECT_THAT(textsOf(ended.out), ElementsAre("a"));
-    EXPECT_THAT(linesOf(ended.err), ElementsAre(kSubscribed, "kxctl: the connection to the agent was lost"));
+TEST(Events, ThatDoNotMatchAreNeitherShownNorCounted) {
+    const ScriptedAgent agent(agentWith(sending(
+        {alerts({"of the host"}), eventFrame({alertEvent(web().eid(), "web", 1), alertEvent(web().eid(), "hit", 2)}),
+         eventFrame({changeEvent(web(), wire::CHANGE_MODIFIED)})})));
+    EXPECT_THAT(textsOf(watch(agent, {"--json", "-n1", "--filter", "ve=w*", "--filter", "severity=critical"}).out),
+                ElementsAre("hit"));
 }
+
+// ---- losing the agent -----------------------------------------------------------------------------------------------
 
 TEST(Events, EndWellWhenTheAgentGoesAfterTheLastThatWasWanted) {
     const ScriptedAgent agent(agentWith([](PeerSocket& peer, int) {
@@ -240,7 +240,7 @@ TEST(Events, AreSubscribedToAgainWhenOnlyTheirConnectionIsLost) {
             peer.readUntilClosed();
         }
     }));
-    const Ended ended = watch(agent, {"--json", "--follow", "--count", "2"});
+    const Ended ended = watch(agent, {"--json", "--count", "2"});
     EXPECT_EQ(ended.code, ExitCode::Done);
     EXPECT_THAT(textsOf(ended.out), ElementsAre("0", "1"));
     EXPECT_THAT(linesOf(ended.err),
@@ -277,7 +277,7 @@ TEST(Events, AreSubscribedToAsSoonAsALostAgentIsBack) {
             peer.readUntilClosed();
         }
     });
-    const Ended ended = watch(agent, {"--json", "--follow", "--count", "2"});
+    const Ended ended = watch(agent, {"--json", "--count", "2"});
     EXPECT_LT(subscribedAfter.load(), std::chrono::milliseconds(500))
         << "it waited for its time though the link was back";
     EXPECT_THAT(textsOf(ended.out), ElementsAre("1", "2"));
@@ -311,7 +311,7 @@ TEST(Events, NameContainersAsTheAgentKnowsThemOnceItIsBack) {
         }
         peer.readUntilClosed();
     });
-    const Ended ended = watch(agent, {"--json", "--follow", "--count", "2"});
+    const Ended ended = watch(agent, {"--json", "--count", "2"});
     const auto lines = linesOf(ended.out);
     ASSERT_EQ(lines.size(), 2U);
     EXPECT_EQ(nlohmann::json::parse(lines[1])["veid"], 102);
@@ -337,13 +337,11 @@ ScriptedAgent::Script agentRefusingEvents() {
     };
 }
 
-TEST(Events, ThatTheAgentRefusesEndItAlsoWhenTheyAreToBeFollowed) {
+TEST(Events, ThatTheAgentRefusesEndIt) {
     const ScriptedAgent agent(agentRefusingEvents());
-    for (const Arguments& more : {Arguments{}, Arguments{"--follow"}}) {
-        const Ended ended = watch(agent, more);
-        EXPECT_EQ(ended.code, ExitCode::Refused);
-        EXPECT_THAT(linesOf(ended.err), ElementsAre("kxctl: the agent did not accept the subscription to its events"));
-    }
+    const Ended ended = watch(agent);
+    EXPECT_EQ(ended.code, ExitCode::Refused);
+    EXPECT_THAT(linesOf(ended.err), ElementsAre("kxctl: the agent did not accept the subscription to its events"));
 }
 
 TEST(Events, OfAnAgentThatGoesBeforeTheyAreSubscribedEndIt) {
@@ -361,7 +359,7 @@ TEST(Events, OfAnAgentThatGoesBeforeTheyAreSubscribedEndIt) {
             link.load()->hangUp();
         }
     });
-    EXPECT_EQ(watch(agent, {"--follow"}).code, ExitCode::Unreachable);
+    EXPECT_EQ(watch(agent).code, ExitCode::Unreachable);
 }
 
 // ---- being ended ----------------------------------------------------------------------------------------------------
@@ -372,7 +370,7 @@ TEST(Events, EndOrderlyOnBothSignals) {
             ::kill(::getpid(), number);  // it handles signals by the time it subscribes
             peer.readUntilClosed();
         }));
-        EXPECT_EQ(watch(agent, {"--follow"}).code, ExitCode::Done);
+        EXPECT_EQ(watch(agent).code, ExitCode::Done);
     }
 }
 
@@ -415,10 +413,10 @@ private:
 };
 
 ctl::ExitCode watchInto(const PipedOutput&, const ScriptedAgent& agent) {
-    const char* const argv[] = {"kxctl", "events", "--follow", "--socket", agent.path().c_str()};
+    const char* const argv[] = {"kxctl", "events", "--socket", agent.path().c_str()};
     setKXLLogHandler([](int, const char*) {});
     testing::internal::CaptureStderr();
-    const auto code = ctl::runProgram(5, argv);
+    const auto code = ctl::runProgram(4, argv);
     setKXLLogHandler(nullptr);
     EXPECT_THAT(linesOf(testing::internal::GetCapturedStderr()), ElementsAre(kSubscribed));
     return code;
