@@ -5,7 +5,7 @@ import json
 import re
 
 import pytest
-from support.consumers import CONSUMERS, run
+from support.consumers import CONSUMERS, run, tablesOfPanel
 from support.host import Host
 from support.prometheus import FOLDER, GENERATED, HASTE, RULES, WINDOW, Prometheus, SnmpExporter, hastyConfig
 from support.wait import waitUntil
@@ -68,17 +68,93 @@ def prometheus():
         host.removeFolder()
 
 
+def filledIn(expression):
+    """A query with the dashboard's variables as they are when nothing is chosen."""
+    for variable, value in {"$instance": ".*", "$container": ".*", "$__rate_interval": WINDOW}.items():
+        expression = expression.replace(variable, value)
+    return expression
+
+
 def queries():
     """Pairs of a panel's title and a query of it, as Prometheus gets them from the dashboard."""
     for panel in DASHBOARD["panels"]:
         for target in panel.get("targets", []):
-            expression = target["expr"].replace("$instance", ".*").replace("$__rate_interval", WINDOW)
-            yield pytest.param(expression, id=f"{panel['title']} {target['refId']}")
+            yield pytest.param(filledIn(target["expr"]), id=f"{panel['title']} {target['refId']}")
 
 
 @pytest.mark.parametrize("expression", queries())
 def test_each_query_of_the_dashboard_finds_something(prometheus, expression):
     assert waitUntil(lambda: prometheus.query(expression), PATIENCE_S, f"{expression} finds something")
+
+
+def frame(target, answer, isOnly):
+    """The answer of an instant query as Grafana's data source hands it to a table."""
+    names = sorted({name for labels, _ in answer for name in labels})
+    fields = [{"name": "Time", "type": "time", "values": [0] * len(answer)}]
+    fields += [{"name": name, "type": "string", "values": [labels.get(name) for labels, _ in answer]} for name in names]
+    value = "Value" if isOnly else f"Value #{target['refId']}"
+    fields.append({"name": value, "type": "number", "values": [value for _, value in answer]})
+    return {"refId": target["refId"], "fields": fields}
+
+
+def tableOf(prometheus, title):
+    """The rows of a table of the dashboard."""
+    (panel,) = [panel for panel in DASHBOARD["panels"] if (panel["title"], panel["type"]) == (title, "table")]
+    targets = panel["targets"]
+    answers = [prometheus.query(filledIn(target["expr"])) for target in targets]
+    frames = [frame(target, answer, len(targets) == 1) for target, answer in zip(targets, answers, strict=True)]
+    (rows,) = tablesOfPanel(frames, panel["transformations"])
+    return rows
+
+
+def waitForTable(prometheus, title, isComplete):
+    return waitUntil(
+        lambda: (rows := tableOf(prometheus, title)) and isComplete(rows) and rows, PATIENCE_S, f"{title} is complete"
+    )
+
+
+def test_the_table_of_containers_shows_each_container_once(prometheus):
+    rows = waitForTable(prometheus, "Containers", lambda rows: any(row.get("operating system") for row in rows))
+    shown = {row["name"]: (row["number"], row["state"], row["transition"]) for row in rows}
+    assert shown == {
+        "unknown": ("100", 0, 0),
+        "stopped": ("101", 1, 1),
+        "busy": ("102", 2, 0),
+        "frozen": ("103", 3, 0),
+    }
+    assert len(rows) == len(shown)
+    assert {row["operating system"] for row in rows if row["name"] == "busy"} == {"debian/12"}
+
+
+def test_the_table_of_graces_shows_each_container_once(prometheus):
+    isComplete = lambda rows: rows[0].get("disk space") and rows[0].get("inodes")  # noqa: E731
+    (row,) = waitForTable(prometheus, "Times of grace that run", isComplete)
+    assert (row["name"], row["disk space"], row["inodes"]) == ("busy", 3600, 60)
+
+
+def test_the_table_of_hosts_shows_each_host_once(prometheus):
+    (row,) = waitForTable(prometheus, "Hosts", lambda rows: rows[0].get("version"))
+    assert (row["version"], row["containers"], row["scraped"]) == ("7.0.1-42", 4, 1)
+
+
+def test_a_container_is_chosen_by_a_link_in_the_table():
+    """The link leads to this dashboard; its variables get the values of the row."""
+    links = re.findall(r'"url": "([^"]*)"', json.dumps(DASHBOARD["panels"]))
+    assert links and all(link.startswith(f"/d/{DASHBOARD['uid']}?") for link in links)
+    names = {variable["name"] for variable in DASHBOARD["templating"]["list"]}
+    assert set(re.findall(r"var-(\w+)=", " ".join(links))) == {"instance", "container"} <= names
+
+
+def test_no_panel_asks_for_more_values_than_there_are():
+    """A rate over less than two scrapes of 30 seconds is nothing."""
+    assert {panel.get("interval") for panel in DASHBOARD["panels"] if panel.get("targets")} == {"30s"}
+
+
+def test_firing_alerts_are_annotations(prometheus):
+    (annotation,) = DASHBOARD["annotations"]["list"]
+    found = waitUntil(lambda: prometheus.query(filledIn(annotation["expr"])), PATIENCE_S, "an alert fires")
+    asked = set(re.findall(r"{{(\w+)}}", annotation["titleFormat"] + annotation["textFormat"]))
+    assert any(asked <= set(labels) for labels, _ in found)
 
 
 def test_the_rate_that_the_dashboard_shows_is_the_rate_of_the_container(prometheus):
@@ -136,7 +212,7 @@ def dataSources(part):
 def test_the_data_source_is_a_variable_of_the_dashboard_everywhere():
     named = list(dataSources(DASHBOARD))
     assert named.count({"type": "prometheus", "uid": "${datasource}"}) == len(named) > len(DASHBOARD["panels"]) // 2
-    assert [variable["type"] for variable in DASHBOARD["templating"]["list"]] == ["datasource", "query"]
+    assert [variable["type"] for variable in DASHBOARD["templating"]["list"]] == ["datasource", "query", "query"]
 
 
 def test_the_panels_of_the_dashboard_have_numbers_and_places_of_their_own():

@@ -47,6 +47,12 @@ def _varbind(oid, tag, shown):
     return Varbind(parseOid(oid), tag, values[tag](shown))
 
 
+def tablesOfPanel(frames, transformations):
+    """What Grafana makes of the answers of a panel's queries: tables, lists of rows by the columns' titles."""
+    text = json.dumps({"frames": frames, "transformations": transformations})
+    return json.loads(run(["node", _MANAGERS / "grafana.js"], {"NODE_PATH": str(NODE_MODULES)}, text=text).stdout)
+
+
 def walkWith(walker, method, port):
     """Everything below our subtree, as another implementation sees it: a list of Varbind."""
     done = run([*WALKERS[walker], port, SUBTREE, method], {"NODE_PATH": str(NODE_MODULES)})
