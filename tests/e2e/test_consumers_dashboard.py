@@ -7,7 +7,7 @@ import re
 import pytest
 from support.consumers import CONSUMERS, run, tablesOfPanel
 from support.host import Host
-from support.prometheus import FOLDER, GENERATED, HASTE, RULES, WINDOW, Prometheus, SnmpExporter, hastyConfig
+from support.prometheus import FOLDER, HASTE, RULES, WINDOW, Prometheus, SnmpExporter, hastyConfig
 from support.wait import waitUntil
 
 DASHBOARD = json.loads((CONSUMERS / "grafana/kxsnmp.json").read_text())
@@ -182,7 +182,7 @@ def test_an_alert_of_a_real_container_has_its_names(prometheus):
 
 def exported():
     """Names of the metrics, and of the labels, that the exporter makes with the shipped configuration."""
-    return set(re.findall(r"(?:- name|labelname): (\w+)", GENERATED.read_text()))
+    return set(re.findall(r"(?:- name|labelname): (\w+)", (FOLDER / "kxsnmp.yml").read_text()))
 
 
 @pytest.mark.parametrize(

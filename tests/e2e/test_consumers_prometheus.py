@@ -1,12 +1,14 @@
 """Prometheus' SNMP exporter with the shipped configuration: what it makes of the described host, value for value."""
 
+import re
+
 import pytest
 from support import describedhost
 from support.consumers import run
 from support.describedhost import ADDRESSES, NETWORK, QUOTA, ROWS, TEMPLATES
 from support.host import PRODUCT_VERSION, SERVER_EID
 from support.mibs import netSnmpSettings
-from support.prometheus import FOLDER, GENERATED, SnmpExporter, sample
+from support.prometheus import FOLDER, FORMS, SnmpExporter, releaseWith, sample
 
 INVENTORY = describedhost.INVENTORY
 
@@ -34,9 +36,18 @@ def describedHost(describedHost):
     return describedHost
 
 
+@pytest.fixture(scope="module", params=FORMS)
+def release(request):
+    """The SNMP exporter of each Debian release."""
+    found = releaseWith(request.param)
+    if not found:
+        pytest.skip(f"scripts/fetch-exporter could not get an SNMP exporter with the form {request.param}")
+    return found
+
+
 @pytest.fixture(scope="module")
-def exporter(describedHost):
-    with SnmpExporter(describedHost.folder) as running:
+def exporter(describedHost, release):
+    with SnmpExporter(describedHost.folder, release) as running:
         yield running
 
 
@@ -86,8 +97,33 @@ def test_the_counters_module_exports_what_the_described_host_does(exporter, desc
     assert scraped(exporter, describedHost, "kxsnmp_counters") == sorted(expectedCounters())
 
 
-def test_the_configuration_is_what_the_generator_makes_of_the_module(tmp_path):
-    made = tmp_path / "snmp.yml"
-    command = ["sh", "-c", f"cd '{FOLDER}' && prometheus-snmp-generator generate -o '{made}'"]
-    run(command, netSnmpSettings())
-    assert GENERATED.read_text() == made.read_text()
+def test_the_configuration_is_what_the_generator_makes_of_the_module(release, tmp_path):
+    text = (FOLDER / "generator.yml").read_text()
+    if "before" in release.config.name:
+        text = re.sub(r"^auths:\n( .*\n)*", "", text, flags=re.MULTILINE)
+    (tmp_path / "generator.yml").write_text(text)
+    command = f"cd '{tmp_path}' && {release.programs}/prometheus-snmp-generator generate -o made.yml"
+    run(["sh", "-c", command], netSnmpSettings())
+    assert release.config.read_text() == (tmp_path / "made.yml").read_text()
+
+
+OPERATORS = {
+    "before 0.23": "if_mib:\n  walk: [1.3.6.1.2.1.2]\n",
+    "from 0.23 on": "auths:\n  public_v2:\n    version: 2\nmodules:\n  if_mib:\n    walk: [1.3.6.1.2.1.2]\n",
+}
+
+
+@pytest.mark.parametrize("form", FORMS)
+def test_the_configuration_is_added_to_the_operators_own(describedHost, tmp_path, form):
+    """As consumers/README.md says: the package's own file stays as it is."""
+    found = releaseWith(form)
+    if not found:
+        pytest.skip(f"scripts/fetch-exporter could not get an SNMP exporter with the form {form}")
+    own = tmp_path / "snmp.yml"
+    own.write_text(OPERATORS[form])
+    configs = [own, found.config]
+    if "before" in form:
+        (tmp_path / "both.yml").write_text(own.read_text() + found.config.read_text())
+        configs = [tmp_path / "both.yml"]
+    with SnmpExporter(tmp_path, found, configs, port=9117) as running:
+        assert scraped(running, describedHost, "kxsnmp_counters")

@@ -7,13 +7,14 @@ import signal
 import subprocess
 import urllib.parse
 import urllib.request
+from pathlib import Path
 from typing import NamedTuple
 
-from .consumers import CONSUMERS
+from .consumers import CONSUMERS, run
+from .host import PROJECT
 from .wait import waitUntil
 
 FOLDER = CONSUMERS / "prometheus"
-GENERATED = FOLDER / "snmp.yml"
 RULES = FOLDER / "alerts.yml"
 CONFIG = FOLDER / "prometheus.yml"
 
@@ -23,6 +24,35 @@ HASTE = "[monitoring]\nperiod_scale = 0.005\n"
 # From one scrape to the next, and what a scrape may take, on a busy machine too; and what always has two of them.
 INTERVAL = "2s"
 WINDOW = "5s"
+
+
+class Release(NamedTuple):
+    """The SNMP exporter of a Debian release: where its programs are, and the configuration of ours in its form."""
+
+    programs: Path
+    config: Path
+
+
+_FORMS = {"before 0.23": FOLDER / "kxsnmp-before-0.23.yml", "from 0.23 on": FOLDER / "kxsnmp.yml"}
+
+
+def _formOf(programs):
+    done = run([programs / "prometheus-snmp-exporter", "--version"])
+    major, minor = re.search(r"version (\d+)\.(\d+)", done.stdout + done.stderr).groups()
+    return "from 0.23 on" if (int(major), int(minor)) >= (0, 23) else "before 0.23"
+
+
+def releaseWith(form):
+    """The exporter that reads a form, this machine's or the one that scripts/fetch-exporter has fetched; None where there
+    is none."""
+    for programs in (Path("/usr/bin"), PROJECT / "build/exporter/usr/bin"):
+        if (programs / "prometheus-snmp-exporter").exists() and _formOf(programs) == form:
+            return Release(programs, _FORMS[form])
+    return None
+
+
+FORMS = list(_FORMS)
+INSTALLED = Path("/usr/bin")
 
 _START_DEADLINE_S = 20
 _STOP_DEADLINE_S = 20
@@ -105,18 +135,21 @@ class _Server:
 
 
 class SnmpExporter(_Server):
-    """Prometheus' SNMP exporter with our configuration."""
+    """Prometheus' SNMP exporter with our configuration: this machine's, or another release's."""
 
-    def __init__(self, folder, port=9116):
-        super().__init__("prometheus-snmp-exporter", port, folder / "exporter.log", "/metrics")
+    def __init__(self, folder, release=None, configs=None, port=9116):
+        release = release or Release(INSTALLED, _FORMS[_formOf(INSTALLED)])
+        super().__init__(release.programs / "prometheus-snmp-exporter", port, folder / "exporter.log", "/metrics")
         self._listen = f"127.0.0.1:{port}"
+        self._configs = configs or [release.config]
 
     def arguments(self):
-        return [f"--config.file={GENERATED}", f"--web.listen-address={self._listen}"]
+        configs = [f"--config.file={config}" for config in self._configs]
+        return [*configs, f"--web.listen-address={self._listen}"]
 
     def scrape(self, module, port):
         """The samples that a module makes of the agent on a port. Raises urllib's HTTPError when it does not answer."""
-        query = urllib.parse.urlencode({"target": f"127.0.0.1:{port}", "module": module})
+        query = urllib.parse.urlencode({"target": f"127.0.0.1:{port}", "module": module, "auth": "kxsnmp"})
         return parseMetrics(fetch(f"{self.url}/snmp?{query}"))
 
 
