@@ -54,7 +54,7 @@ void EventSubscription::begin(const KXLAccessPointPrototype& agent, Mailbox& mai
 }
 
 void EventSubscription::open(KXLAccessPrototype& access, const KXLEID& agent) {
-    connection_ = access.openEventConnection(agent, "");
+    connection_ = access.openEventConnection(agent, "live");
     const boost::intrusive_ptr<KXLTaskHandlerPrototype> self(this);
     if (!connection_ || connection_->subscribe(KXLEvent::subscriptionName, self) != 0) {
         handleFailure();

@@ -34,10 +34,12 @@ public:
     virtual boost::intrusive_ptr<KXLEnvCache> getCache() const = 0;
 
     /// @brief Opens an event connection to an agent. Answers at once, from any thread: a failure to connect is told to
-    /// those who subscribe on it, by handleFailure. Several handlers may subscribe on one connection; what happens
-    /// before the first does is told to nobody.
+    /// those who subscribe on it, by handleFailure. Several handlers may subscribe on one connection; events
+    /// that come before the first does wait for it.
     /// @param eid the agent's own identifier
-    /// @param name empty: of no meaning yet
+    /// @param name empty: for the program as a consumer, under its short name. The agent, if it can, keeps the alerts
+    /// whose messages have not been finished, also those that come while the program is away, and delivers them with
+    /// its next subscription. Any other name, e.g. "live": only what happens while the connection is there.
     /// @return null when no access point of this access is connected to that agent, or the event loop does not run
     virtual boost::intrusive_ptr<KXLAsyncConnectionPrototype> openEventConnection(const KXLEID& eid,
                                                                                   const std::string& name) = 0;

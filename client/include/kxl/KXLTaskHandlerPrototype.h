@@ -40,21 +40,22 @@ public:
     virtual int getEID(int number, KXLEID& value) const = 0;
 };
 
-/// @brief One message to be handled.
+/// @brief One message to be handled. A message of many events is handed over as several, one after the other.
 class KXLMessageTaskPrototype {
 public:
     virtual ~KXLMessageTaskPrototype() = default;
 
     /// @return a reader at the message's beginning, the caller's own; it may outlive the task
     virtual std::unique_ptr<KXLMessageReaderPrototype> makeReader() const = 0;
-    /// @brief The message has been handled.
+    /// @brief The message has been handled. The agent keeps the alerts of a message that one of its handlers has not
+    /// finished when handleMessage returns, and sends them again: see KXLAccessPrototype::openEventConnection.
     virtual void finish() = 0;
 };
 
 /// @brief Interface of a connection's callbacks. The order of the virtual functions is part of the contract.
 class KXLTaskHandlerPrototype : public virtual KXLRefCounter {
 public:
-    /// @brief A message has arrived.
+    /// @brief A message has arrived, or a part of a large one.
     /// @param task valid during the call
     virtual void handleMessage(KXLMessageTaskPrototype& task) = 0;
     /// @brief The connection failed, or never came about. Called once; the handler is not subscribed any more.

@@ -18,24 +18,30 @@ public:
     std::unique_ptr<KXLMessageReaderPrototype> makeReader() const override {
         return std::make_unique<MessageReader>(message_);
     }
-    // Events are not acknowledged: nothing waits for a message to be finished.
-    void finish() override {}
+    void finish() override { isFinished_ = true; }
+    bool isFinished() const { return isFinished_; }
 
 private:
     const std::shared_ptr<const std::string> message_;
+    bool isFinished_ = false;
 };
 
-wire::Frame subscribeFrame() {
+wire::Frame subscribeFrame(const std::string& consumer) {
     wire::Frame frame;
     frame.set_request_id(1);
     frame.mutable_event_subscribe()->set_name(std::string(wire::kEventsName));
+    frame.mutable_event_subscribe()->set_consumer(consumer);
     return frame;
 }
 
 }  // namespace
 
-EventLink::EventLink(std::shared_ptr<Loop> loop, std::weak_ptr<EventLinkOwner> owner)
-    : loop_(std::move(loop)), owner_(std::move(owner)), deadline_(loop_->context()) {}
+EventLink::EventLink(std::shared_ptr<Loop> loop, std::weak_ptr<EventLinkOwner> owner, std::string consumer)
+    : loop_(std::move(loop)),
+      owner_(std::move(owner)),
+      consumer_(std::move(consumer)),
+      deadline_(loop_->context()),
+      gateTimer_(loop_->context()) {}
 
 // ---- any thread -----------------------------------------------------------------------------------------------
 
@@ -43,6 +49,7 @@ bool EventLink::subscribe(const TaskHandlerPtr& handler) {
     {
         const std::lock_guard guard(mutex_);
         handlers_.push_back(handler);
+        hadHandlers_ = true;
     }
     const bool runs = loop_->post([self = shared_from_this()] {
         if (self->phase_ >= Phase::Failed) {
@@ -69,11 +76,8 @@ bool EventLink::unsubscribe(const TaskHandlerPtr& handler) {
             return true;
         }
     }
-    loop_->post([self = shared_from_this()] {
-        if (self->handlers().empty()) {
-            self->closeNow();
-        }
-    });
+    // Whoever subscribes from now on comes too late, and is called by its own task, which runs after this one.
+    loop_->post([self = shared_from_this()] { self->closeNow(); });
     return true;
 }
 
@@ -150,7 +154,8 @@ void EventLink::takeHello(const wire::Frame& frame) {
         return;
     }
     phase_ = Phase::Subscribing;
-    connection_->send(subscribeFrame());
+    const bool keeps = wire::hasCapability(frame.hello(), wire::kCapabilityEventAcks);
+    connection_->send(subscribeFrame(keeps ? consumer_ : std::string()));
 }
 
 // ---- messages ---------------------------------------------------------------------------------------------------
@@ -172,10 +177,6 @@ void EventLink::frameReceived(const FrameConnection& connection, const wire::Fra
 
 void EventLink::takeData(const wire::Frame& frame) {
     switch (frame.body_case()) {
-        case wire::Frame::kEventMessage:
-            deliver(&EventLink::handMessage,
-                    std::make_shared<const std::string>(frame.event_message().SerializeAsString()));
-            break;
         case wire::Frame::kDone:
             takeSubscribed();
             break;
@@ -194,7 +195,7 @@ void EventLink::takeSubscribed() {
     if (phase_ == Phase::Subscribing) {
         phase_ = Phase::Subscribed;
         deadline_.cancel();
-        deliver(&EventLink::handSubscribed, nullptr);
+        deliver(&EventLink::handSubscribed);
     }
 }
 
@@ -205,24 +206,106 @@ void EventLink::answerPing(const wire::Frame& ping) {
     connection_->send(answer);
 }
 
-void EventLink::deliver(void (EventLink::*delivery)(const std::shared_ptr<const std::string>&),
-                        std::shared_ptr<const std::string> message) {
+void EventLink::deliver(void (EventLink::*delivery)()) {
     if (const auto owner = owner_.lock()) {
-        owner->deliver(
-            [self = shared_from_this(), delivery, message = std::move(message)] { (self.get()->*delivery)(message); });
+        owner->deliver([self = shared_from_this(), delivery] { (self.get()->*delivery)(); });
     }
 }
 
-void EventLink::handMessage(const std::shared_ptr<const std::string>& message) {
-    for (const TaskHandlerPtr& handler : handlers()) {
-        MessageTask task(message);
-        handler->handleMessage(task);
-    }
-}
-
-void EventLink::handSubscribed(const std::shared_ptr<const std::string>&) {
+void EventLink::handSubscribed() {
     for (const TaskHandlerPtr& handler : handlers()) {
         handler->writeFinished();
+    }
+}
+
+// ---- messages, in parts -----------------------------------------------------------------------------------------
+
+bool EventLink::payloadReceived(const FrameConnection& connection, std::string_view payload) {
+    if (&connection != connection_.get() || phase_ < Phase::Subscribing) {
+        return false;
+    }
+    const auto message = MessageParts::inFrame(payload);
+    if (message) {
+        takeMessage(*message);
+    }
+    return message.has_value();
+}
+
+void EventLink::takeMessage(std::string_view message) {
+    message_ = std::make_unique<MessageParts>(message);
+    if (!message_->isWellFormed()) {
+        connectionMalformed(*connection_, "a frame that is not a message");
+        return;
+    }
+    connection_->pause();
+    deliver(&EventLink::deliverParts);
+}
+
+bool EventLink::mayDeliver() const {
+    {
+        const std::lock_guard guard(mutex_);
+        if (!hadHandlers_) {
+            return false;
+        }
+    }
+    return loop_->eventGateIsOpen();
+}
+
+void EventLink::deliverParts() {
+    if (!message_) {
+        return;  // closed meanwhile
+    }
+    if (!mayDeliver()) {
+        waitForGate();
+        return;
+    }
+    deliverPart();
+    if (!message_) {
+        return;  // closed by a handler
+    }
+    // In a task of its own: others have their turn between two parts, and reading on is not for a callback of the
+    // connection.
+    if (message_->isAtEnd()) {
+        acknowledge();
+        message_.reset();
+        loop_->post([self = shared_from_this()] { self->readOn(); });
+    } else {
+        loop_->post([self = shared_from_this()] { self->deliverParts(); });
+    }
+}
+
+void EventLink::deliverPart() {
+    const std::shared_ptr<const std::string> part = message_->next();
+    const auto receivers = handlers();
+    isFinished_ = isFinished_ && !receivers.empty();
+    for (const TaskHandlerPtr& handler : receivers) {
+        MessageTask task(part);
+        handler->handleMessage(task);
+        isFinished_ = isFinished_ && task.isFinished();
+    }
+}
+
+void EventLink::waitForGate() {
+    gateTimer_.expires_after(loop_->timeouts().eventGate);
+    gateTimer_.async_wait([weak = weak_from_this()](boost::system::error_code cancelled) {
+        const auto self = weak.lock();
+        if (!cancelled && self) {
+            self->deliverParts();
+        }
+    });
+}
+
+void EventLink::acknowledge() {
+    if (isFinished_ && message_->sequence() != 0) {
+        wire::Frame frame;
+        frame.mutable_event_ack()->set_sequence(message_->sequence());
+        connection_->send(frame);
+    }
+}
+
+void EventLink::readOn() {
+    if (connection_) {
+        connection_->resume();
     }
 }
 
@@ -242,6 +325,8 @@ void EventLink::connectionMalformed(const FrameConnection& connection, const std
 
 void EventLink::closeSocket() {
     deadline_.cancel();
+    gateTimer_.cancel();
+    message_.reset();  // what is left of it is not acknowledged, and comes again where the agent keeps it
     if (const auto socket = std::exchange(connecting_, nullptr)) {
         boost::system::error_code ignored;
         socket->close(ignored);

@@ -6,6 +6,10 @@
 //
 //   Made ──connect──► Connecting ─► Handshake ─► Subscribing ─► Subscribed
 //                         └──────────────┴────────────┴─────────────┴─ failed ─► Failed
+//   A message is delivered in parts, each when the loop's event gate is open; its connection is not read meanwhile, so
+//   that an agent whose events are not taken sees its own buffer fill. It is acknowledged when every handler has
+//   finished every part of it and of those before. What comes before the first handler waits for it.
+//
 //   close() leads to Closed from everywhere. A link is never connected twice: who wants another one opens it.
 #pragma once
 
@@ -20,6 +24,7 @@
 #include <kxl/KXLConnectionInfo.h>
 #include <kxl/KXLTaskHandlerPrototype.h>
 
+#include "client/src/events/MessageParts.h"
 #include "client/src/loop/Loop.h"
 #include "client/src/transport/FrameConnection.h"
 
@@ -43,7 +48,9 @@ public:
 
 class EventLink : public std::enable_shared_from_this<EventLink>, public FrameListener {
 public:
-    EventLink(std::shared_ptr<Loop> loop, std::weak_ptr<EventLinkOwner> owner);
+    /// @param consumer under what name the agent keeps alerts that are not acknowledged, if it can; empty: it keeps
+    /// none
+    EventLink(std::shared_ptr<Loop> loop, std::weak_ptr<EventLinkOwner> owner, std::string consumer);
 
     /// @brief Adds a handler. One that comes after the failure is told of it at once, on the loop.
     /// @return false when the loop does not run
@@ -68,6 +75,7 @@ private:
     std::vector<TaskHandlerPtr> takeHandlers();
 
     void frameReceived(const FrameConnection& connection, const wire::Frame& frame) override;
+    bool payloadReceived(const FrameConnection& connection, std::string_view payload) override;
     void connectionEnded(const FrameConnection& connection) override;
     void connectionMalformed(const FrameConnection& connection, const std::string& reason) override;
 
@@ -76,10 +84,15 @@ private:
     void takeData(const wire::Frame& frame);
     void takeSubscribed();
     void answerPing(const wire::Frame& ping);
-    void deliver(void (EventLink::*delivery)(const std::shared_ptr<const std::string>&),
-                 std::shared_ptr<const std::string> message);
-    void handMessage(const std::shared_ptr<const std::string>& message);
-    void handSubscribed(const std::shared_ptr<const std::string>&);
+    void deliver(void (EventLink::*delivery)());
+    void handSubscribed();
+    void takeMessage(std::string_view message);
+    bool mayDeliver() const;
+    void deliverParts();
+    void deliverPart();
+    void waitForGate();
+    void acknowledge();
+    void readOn();
     void closeNow();
     void closeSocket();
     void failed();
@@ -87,15 +100,20 @@ private:
 
     const std::shared_ptr<Loop> loop_;
     const std::weak_ptr<EventLinkOwner> owner_;
+    const std::string consumer_;
 
     mutable std::mutex mutex_;
     std::vector<TaskHandlerPtr> handlers_;  ///< guarded by mutex_
+    bool hadHandlers_ = false;              ///< likewise
 
     // ---- loop thread only ----
     Phase phase_ = Phase::Made;
     std::shared_ptr<StreamSocket> connecting_;
     std::shared_ptr<FrameConnection> connection_;
-    boost::asio::steady_timer deadline_;  ///< from connect() to Subscribed
+    boost::asio::steady_timer deadline_;     ///< from connect() to Subscribed
+    std::unique_ptr<MessageParts> message_;  ///< that is being delivered
+    bool isFinished_ = true;                 ///< every handler has finished whatever was delivered so far
+    boost::asio::steady_timer gateTimer_;
 };
 
 }  // namespace kx::client

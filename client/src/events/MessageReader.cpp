@@ -1,78 +1,15 @@
 #include "client/src/events/MessageReader.h"
 
-#include <google/protobuf/io/coded_stream.h>
-#include <google/protobuf/wire_format_lite.h>
-
 #include <algorithm>
 #include <optional>
 
 #include <kxl/KXLEvent.h>
 
+#include "client/src/events/MessageFields.h"
+
 namespace kx::client {
 
 namespace {
-
-using google::protobuf::internal::WireFormatLite;
-using google::protobuf::io::CodedInputStream;
-
-/// One field as it is encoded.
-struct Field {
-    int number = 0;
-    std::optional<std::uint64_t> varint;
-    std::optional<std::string_view> bytes;
-};
-
-/// Walks the fields of one encoded message.
-class Fields {
-public:
-    explicit Fields(std::string_view message)
-        : message_(message),
-          stream_(reinterpret_cast<const std::uint8_t*>(message.data()), static_cast<int>(message.size())) {}
-
-    /// @return nothing at the end, and where the rest makes no sense
-    std::optional<Field> next() {
-        const std::uint32_t tag = stream_.ReadTag();
-        if (tag == 0) {
-            return std::nullopt;
-        }
-        Field field;
-        field.number = WireFormatLite::GetTagFieldNumber(tag);
-        return readInto(field, tag) ? std::optional(field) : std::nullopt;
-    }
-
-private:
-    bool readInto(Field& field, std::uint32_t tag) {
-        std::uint64_t number = 0;
-        switch (WireFormatLite::GetTagWireType(tag)) {
-            case WireFormatLite::WIRETYPE_VARINT:
-                if (!stream_.ReadVarint64(&number)) {
-                    return false;
-                }
-                field.varint = number;
-                return true;
-            case WireFormatLite::WIRETYPE_LENGTH_DELIMITED:
-                return readBytes(field);
-            default:
-                return WireFormatLite::SkipField(&stream_, tag);
-        }
-    }
-
-    bool readBytes(Field& field) {
-        std::uint32_t length = 0;
-        if (!stream_.ReadVarint32(&length)) {
-            return false;
-        }
-        const auto start = static_cast<std::size_t>(stream_.CurrentPosition());
-        if (length > message_.size() - start) {
-            return false;
-        }
-        field.bytes = message_.substr(start, length);
-        return stream_.Skip(static_cast<int>(length));
-    }
-
-    const std::string_view message_;
-    CodedInputStream stream_;
-};
 
 /// The last one counts, as protobuf has it.
 std::optional<Field> findField(std::string_view message, int number) {
@@ -159,7 +96,7 @@ int MessageReader::getInteger(int number, std::int64_t& value) const {
     if (!field || !field->varint) {
         return -1;
     }
-    value = WireFormatLite::ZigZagDecode64(*field->varint);
+    value = google::protobuf::internal::WireFormatLite::ZigZagDecode64(*field->varint);
     return 0;
 }
 

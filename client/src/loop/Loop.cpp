@@ -57,6 +57,7 @@ void Loop::run() {
 
 void Loop::stop() {
     bool wasRunning = false;
+    isStopping_ = true;
     {
         const std::lock_guard guard(mutex_);
         if (state_ != State::Stopped) {
@@ -110,6 +111,20 @@ void Loop::attach(std::weak_ptr<LoopClient> client) {
     const std::lock_guard guard(mutex_);
     std::erase_if(clients_, [](const std::weak_ptr<LoopClient>& known) { return known.expired(); });
     clients_.push_back(std::move(client));
+}
+
+void Loop::setEventGate(boost::intrusive_ptr<KXLEventGatePrototype> gate) {
+    const std::lock_guard guard(mutex_);
+    eventGate_.swap(gate);
+}
+
+bool Loop::eventGateIsOpen() const {
+    boost::intrusive_ptr<KXLEventGatePrototype> gate;
+    {
+        const std::lock_guard guard(mutex_);
+        gate = eventGate_;
+    }
+    return !gate || gate->isOpen();
 }
 
 std::thread::id Loop::threadId() const {

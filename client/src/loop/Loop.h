@@ -4,6 +4,7 @@
 // owner's thread; stop() also from the loop thread, where it does not wait.
 #pragma once
 
+#include <atomic>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <functional>
@@ -11,6 +12,8 @@
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include <kxl/KXLEventLoopPrototype.h>
 
 #include "client/src/loop/Timeouts.h"
 
@@ -56,6 +59,24 @@ public:
     bool onLoopThread() const { return std::this_thread::get_id() == threadId(); }
     boost::asio::io_context& context() { return context_; }
 
+    /// @brief As long as it exists, a thread other than the loop's waits for the loop.
+    class Wait {
+    public:
+        explicit Wait(Loop& loop) : loop_(loop) { ++loop_.waits_; }
+        ~Wait() { --loop_.waits_; }
+        Wait(const Wait&) = delete;
+        Wait& operator=(const Wait&) = delete;
+
+    private:
+        Loop& loop_;
+    };
+    /// @return whether a thread waits for the loop, or the loop has been asked to stop. Any thread.
+    bool isWaitedFor() const { return waits_ > 0 || isStopping_; }
+
+    void setEventGate(boost::intrusive_ptr<KXLEventGatePrototype> gate);
+    /// @return whether events may be delivered now. Loop thread.
+    bool eventGateIsOpen() const;
+
 private:
     enum class State { Made, Running, Stopped };
 
@@ -66,12 +87,15 @@ private:
     Timeouts timeouts_;
     boost::asio::io_context context_{1};
     boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
+    std::atomic<int> waits_{0};
+    std::atomic<bool> isStopping_{false};
 
     mutable std::mutex mutex_;  ///< guards the members below; never held while anything runs
     State state_ = State::Made;
     std::thread thread_;
     std::thread::id threadId_;
     std::vector<std::weak_ptr<LoopClient>> clients_;
+    boost::intrusive_ptr<KXLEventGatePrototype> eventGate_;
 };
 
 }  // namespace kx::client

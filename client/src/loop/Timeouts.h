@@ -32,6 +32,9 @@ struct Timeouts {
     /// First pause before a reconnection, and the longest.
     Span backoffFirst{100};
     Span backoffLongest{5000};
+
+    /// How often the event gate is asked while it is closed.
+    Span eventGate{20};
 };
 
 }  // namespace kx::client

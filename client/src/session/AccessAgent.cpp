@@ -1,6 +1,8 @@
 #include <kxl/KXLAccessPointPrototype.h>
 #include <kxl/KXLEvent.h>
 
+#include <cerrno>
+
 #include "client/src/loop/LoopTimers.h"
 #include "client/src/session/SessionDirectory.h"
 
@@ -29,9 +31,10 @@ private:
 };
 
 boost::intrusive_ptr<KXLAsyncConnectionPrototype> open(const kx::client::SessionDirectory& directory,
-                                                       const KXLEID& agent, const KXLConnectivityInfo* info) {
+                                                       const KXLEID& agent, const KXLConnectivityInfo* info,
+                                                       const std::string& consumer) {
     const auto session = directory.find(agent);
-    auto link = session ? session->openEventLink(info) : nullptr;
+    auto link = session ? session->openEventLink(info, consumer) : nullptr;
     return link ? new EventConnection(std::move(link)) : nullptr;
 }
 
@@ -49,14 +52,14 @@ boost::intrusive_ptr<KXLAccessAgentPrototype> KXLAccessAgentPrototype::createIns
     return new KXLAccessAgentPrototype(std::move(cache), std::move(eventLoop));
 }
 
-boost::intrusive_ptr<KXLAsyncConnectionPrototype> KXLAccessAgentPrototype::openEventConnection(const KXLEID& eid,
-                                                                                               const std::string&) {
-    return open(*directory_, eid, nullptr);
+boost::intrusive_ptr<KXLAsyncConnectionPrototype> KXLAccessAgentPrototype::openEventConnection(
+    const KXLEID& eid, const std::string& name) {
+    return open(*directory_, eid, nullptr, name.empty() ? program_invocation_short_name : "");
 }
 
 boost::intrusive_ptr<KXLAsyncConnectionPrototype> KXLAccessAgentPrototype::openDedicatedConnection(
     const KXLEID& eid, const KXLEID&, const KXLConnectivityInfo* info) {
-    return open(*directory_, eid, info);
+    return open(*directory_, eid, info, "");
 }
 
 int KXLAccessAgentPrototype::registerTimeout(boost::intrusive_ptr<KXLTimeoutHandlerPrototype> handler) {

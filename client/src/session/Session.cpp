@@ -67,6 +67,7 @@ int Session::attemptWithin(const KXLConnectionInfo& info, const HandlerPtr& hand
     if (!loop_->post([self = shared_from_this(), info, handler, attempt] { self->begin(info, handler, attempt); })) {
         return KXL_ERROR_STOPPED;
     }
+    const Loop::Wait waits(*loop_);
     const int code = attempt->wait(start + patience);
     if (code == KXL_ERROR_TIMEOUT) {
         loop_->post([self = shared_from_this(), attempt] { self->giveUp(attempt); });
@@ -108,6 +109,7 @@ int Session::call(wire::Frame request, wire::Frame& answer, std::function<void(c
     if (!post(std::move(request), pending, std::move(late))) {
         return KXL_ERROR_STOPPED;
     }
+    const Loop::Wait waits(*loop_);
     const int code = pending->wait(start + patience, answer);
     spendPatience(start, code);
     if (pending->isFinished()) {
@@ -135,8 +137,8 @@ bool Session::post(wire::Frame request, const std::shared_ptr<PendingCall>& pend
     });
 }
 
-std::shared_ptr<EventLink> Session::openEventLink(const KXLConnectivityInfo* info) {
-    const auto link = std::make_shared<EventLink>(loop_, weak_from_this());
+std::shared_ptr<EventLink> Session::openEventLink(const KXLConnectivityInfo* info, const std::string& consumer) {
+    const auto link = std::make_shared<EventLink>(loop_, weak_from_this(), consumer);
     const auto own = info == nullptr ? std::nullopt : std::optional(*info);
     return loop_->post([self = shared_from_this(), link, own] { self->beginEventLink(link, own); }) ? link : nullptr;
 }

@@ -67,8 +67,9 @@ public:
 
     /// @brief Opens an event connection. At once: whether it comes about is told to its handlers.
     /// @param info where to connect; null: where the session is connected
+    /// @param consumer see EventLink
     /// @return null when the loop does not run
-    std::shared_ptr<EventLink> openEventLink(const KXLConnectivityInfo* info);
+    std::shared_ptr<EventLink> openEventLink(const KXLConnectivityInfo* info, const std::string& consumer);
 
     /// @brief Sends a request and waits for its answer, not on the loop thread. Fails at once while the agent is
     /// silent.

@@ -12,13 +12,26 @@ void FrameConnection::start() {
     read();
 }
 
+void FrameConnection::resume() {
+    paused_ = false;
+    handleFrames();
+    readOn();
+}
+
 void FrameConnection::close() {
     open_ = false;
     boost::system::error_code ignored;  // there is nothing else to do with a socket that does not close
     socket_->close(ignored);
 }
 
+void FrameConnection::readOn() {
+    if (open_ && !paused_ && !reading_) {
+        read();
+    }
+}
+
 void FrameConnection::read() {
+    reading_ = true;
     socket_->async_read_some(boost::asio::buffer(buffer_),
                              [self = shared_from_this()](boost::system::error_code error, std::size_t size) {
                                  self->received(error, size);
@@ -26,6 +39,7 @@ void FrameConnection::read() {
 }
 
 void FrameConnection::received(boost::system::error_code error, std::size_t size) {
+    reading_ = false;
     if (!open_) {
         return;
     }
@@ -35,13 +49,11 @@ void FrameConnection::received(boost::system::error_code error, std::size_t size
     }
     reader_.append(std::string_view(buffer_.data(), size));
     handleFrames();
-    if (open_) {
-        read();
-    }
+    readOn();
 }
 
 void FrameConnection::handleFrames() {
-    while (open_) {
+    while (open_ && !paused_) {
         const wire::FrameReader::Result result = reader_.next();
         if (result.status == wire::FrameReader::Status::NeedMore) {
             return;
@@ -58,11 +70,15 @@ void FrameConnection::handleFrames() {
 }
 
 bool FrameConnection::handlePayload(std::string_view payload) {
+    const auto listener = listener_.lock();
+    if (listener && listener->payloadReceived(*this, payload)) {
+        return true;
+    }
     wire::Frame frame;
     if (!wire::decodeFrame(payload, frame)) {
         return false;
     }
-    if (const auto listener = listener_.lock()) {
+    if (listener) {
         listener->frameReceived(*this, frame);
     }
     return true;

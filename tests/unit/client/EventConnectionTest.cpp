@@ -143,6 +143,22 @@ TEST_F(EventConnections, CloseWhenTheLastHandlerIsUnsubscribed) {
     EXPECT_TRUE(eventually([&] { return journal.has("late failed"); }));
 }
 
+TEST_F(EventConnections, CallWhoeverSubscribesAfterTheLastOneLeftBeforeTheLoopNoticed) {
+    const ScriptedAgent agent(agentWith(sending({})));
+    ASSERT_EQ(bringUp(agent.path()), 0);
+    const ConnectionPtr connection = openWith({first});
+    EXPECT_TRUE(eventually([&] { return journal.has("first subscribed"); }));
+    const EventHandlerPtr late = handlerNamed("late");
+    std::promise<void> done;
+    loop->loop()->post([&] {  // the loop can do nothing in between
+        EXPECT_EQ(connection->unsubscribe(KXLEvent::subscriptionName, first), 0);
+        EXPECT_EQ(subscribe(connection, late), 0);
+        done.set_value();
+    });
+    done.get_future().wait();
+    EXPECT_TRUE(eventually([&] { return journal.has("late failed"); }));
+}
+
 TEST_F(EventConnections, CloseWithTheirLastReferenceAndTellNobody) {
     std::promise<void> closed;
     const ScriptedAgent agent(agentWith([&](PeerSocket& peer) {
