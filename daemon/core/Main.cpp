@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "core/ExitTimer.h"
 #include "core/MibModule.h"
 #include "core/RequestLoop.h"
 #include "mib/LibraryLock.h"
@@ -41,6 +42,9 @@ void startLibrary() {
     daemonize();
     init_agent(agentName);
     init_mib_module();
+    // A master agent that does not answer the opening of a session is tried again at the next interval, and not waited
+    // for in between.
+    netsnmp_ds_set_int(NETSNMP_DS_LIBRARY_ID, NETSNMP_DS_LIB_RETRIES, 0);
     // From here on alerts may come, and traps be sent, on another thread.
     const InLibrary library;
     // Whether a master agent is there is not looked at: connecting, now or later, is the library's affair.
@@ -63,6 +67,7 @@ int main(int /*argc*/, char** /*argv*/) {
     running = 1;
     std::signal(SIGTERM, stop_server);
     std::signal(SIGINT, stop_server);
+    startExitTimer(running);
     snmp_log(LOG_INFO, "kxsnmp is up and running.\n");
     // Debugging output may be asked for by the library's configuration, but only for start-up.
     snmp_set_do_debugging(0);

@@ -5,6 +5,7 @@
 #include "mib/NetSnmp.h"
 #include "mib/Registration.h"
 #include "traps/InitTraps.h"
+#include "traps/UnsentAlerts.h"
 
 // The life cycle is logged as warnings, so that it is kept where informational messages are filtered out. The
 // misspelling in the second message is what log filters already match; it stays.
@@ -21,5 +22,6 @@ void init_mib_module() {
 void finalize_mib_module() {
     snmp_log(LOG_WARNING, "CorvaneMIB: Finalizing the CorvaneMIB module\n");
     SNMPNodeLocal::destroy();
+    UnsentAlerts::instance().end();
     snmp_log(LOG_WARNING, "CorvaneMIB: Done finalizing CorvaneMIB module\n");
 }

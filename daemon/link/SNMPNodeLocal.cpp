@@ -5,7 +5,9 @@
 SNMPNodeLocal* SNMPNodeLocal::s_instance = nullptr;
 bool SNMPNodeLocal::s_deleted = false;
 
-SNMPNodeLocal::SNMPNodeLocal() : impl(std::make_unique<SNMPNodeLocalImpl>()) {}
+boost::intrusive_ptr<KXLEventGatePrototype> SNMPNodeLocal::s_eventGate;
+
+SNMPNodeLocal::SNMPNodeLocal() : impl(std::make_unique<SNMPNodeLocalImpl>(s_eventGate)) {}
 
 SNMPNodeLocal::~SNMPNodeLocal() = default;
 
@@ -55,6 +57,10 @@ CounterRowsPtr SNMPNodeLocal::getCounterRows(const std::string& className) {
 bool SNMPNodeLocal::copyCounters(const std::string& className, const CounterRowsPtr& rows,
                                  const std::vector<std::uint32_t>& places, std::vector<CounterMap>& into) {
     return impl->counters().copyCounters(className, rows, places, into);
+}
+
+bool SNMPNodeLocal::isLoopWaitedFor() const {
+    return impl->isLoopWaitedFor();
 }
 
 void SNMPNodeLocal::addReceiver(const boost::intrusive_ptr<KXLReceiver<KXLEvent>>& receiver) {

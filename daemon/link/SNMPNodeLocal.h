@@ -26,6 +26,9 @@ public:
     /// @return null once destroyed: callers treat that as having no agent
     static SNMPNodeLocal* instance();
 
+    /// @brief Sets what decides when the agent's events are delivered. Before the first call of instance().
+    static void setEventGate(const boost::intrusive_ptr<KXLEventGatePrototype>& gate) { s_eventGate = gate; }
+
     /// @brief Stops and frees the link; it is never made again in this process. A second call does nothing.
     static void destroy();
 
@@ -57,6 +60,9 @@ public:
     /// this way must not call any operation of the link.
     void dispatchEvent(const KXLEvent& event);
 
+    /// @return whether a thread waits for the event loop's: see KXLEventLoopPrototype::isWaitedFor
+    bool isLoopWaitedFor() const;
+
     ~SNMPNodeLocal();
 
 private:
@@ -64,6 +70,7 @@ private:
 
     static SNMPNodeLocal* s_instance;
     static bool s_deleted;
+    static boost::intrusive_ptr<KXLEventGatePrototype> s_eventGate;  ///< null: events are always delivered
 
     std::unique_ptr<SNMPNodeLocalImpl> impl;
 };

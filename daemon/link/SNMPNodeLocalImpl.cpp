@@ -1,6 +1,7 @@
 #include "link/SNMPNodeLocalImpl.h"
 
 #include <mutex>
+#include <utility>
 
 #include "link/ConnectionStateHandler.h"
 
@@ -28,12 +29,13 @@ AgentConnectionInfo::AgentConnectionInfo() {
     connectionInfo.connectivity.setType(transportType);
 }
 
-SNMPNodeLocalImpl::SNMPNodeLocalImpl()
+SNMPNodeLocalImpl::SNMPNodeLocalImpl(boost::intrusive_ptr<KXLEventGatePrototype> eventGate)
     : eventLoop(new KXLEventLoopPrototype),
       // Never started: it only carries the receivers registered before the first connection.
       subscriber(new KXLSubscriber<KXLEvent>(KXLEID::EID_INVALID, nullptr, false, nullptr)) {
     // The library keeps the transport under its name; our own reference is dropped at once.
     const boost::intrusive_ptr<KXLNamedPipePrototype> transport(new KXLNamedPipePrototype);
+    eventLoop->setEventGate(std::move(eventGate));
     eventLoop->start();
     connection.connectionInfo.connectivity.setAddress(agentSocketPath);
     connection.connectionInfo.connectivity.setType(transportType);

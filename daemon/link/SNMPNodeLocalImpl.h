@@ -36,7 +36,8 @@ class SNMPNodeLocalImpl {
 public:
     /// @brief Starts the client library's loop and tries to connect. A failed connection does not fail the
     /// construction: the next getAccessPoint() tries again.
-    SNMPNodeLocalImpl();
+    /// @param eventGate see KXLEventLoopPrototype::setEventGate
+    explicit SNMPNodeLocalImpl(boost::intrusive_ptr<KXLEventGatePrototype> eventGate = nullptr);
     SNMPNodeLocalImpl(const SNMPNodeLocalImpl&) = delete;
     SNMPNodeLocalImpl& operator=(const SNMPNodeLocalImpl&) = delete;
 
@@ -48,6 +49,7 @@ public:
     SNMPNodePerfomanceMonitor& counters() { return perfMonitor; }
     void addReceiver(const boost::intrusive_ptr<KXLReceiver<KXLEvent>>& receiver);
     void dispatchEvent(const KXLEvent& event);
+    bool isLoopWaitedFor() const { return eventLoop->isWaitedFor(); }
 
 private:
     class connection_state_handler;

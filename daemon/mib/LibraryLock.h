@@ -12,9 +12,12 @@
 // anything: the link's lock is held by whoever sends a trap.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
+#include <set>
 
 /// @brief The turns. Works with std::lock_guard.
 class LibraryLock {
@@ -23,16 +26,28 @@ public:
     static LibraryLock& instance();
 
     void lock();
+    /// @return whether it was acquired within the time
+    bool lockWithin(std::chrono::milliseconds patience);
     void unlock();
+
+    /// @return whether one thread has held it for longer than that. Any thread, without waiting.
+    bool isHeldFor(std::chrono::milliseconds duration) const;
 
     /// @return whether the calling thread holds it
     static bool isHeldHere();
 
 private:
+    using Clock = std::chrono::steady_clock;
+    static constexpr Clock::rep notHeld = 0;
+
+    void becomeHeld();
+
     std::mutex mutex_;
     std::condition_variable changed_;
     std::uint64_t nextTicket_ = 0;
     std::uint64_t served_ = 0;
+    std::set<std::uint64_t> abandoned_;  ///< tickets whose threads do not wait any more
+    std::atomic<Clock::rep> heldSince_{notHeld};
 };
 
 /// @brief The calling thread may use the agent library for as long as this lives.

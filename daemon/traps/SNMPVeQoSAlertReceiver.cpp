@@ -8,6 +8,7 @@
 #include "link/SNMPNodeLocal.h"
 #include "mib/OidLayout.h"
 #include "traps/SNMPNotificationData.h"
+#include "traps/TrapPace.h"
 
 namespace {
 
@@ -86,6 +87,7 @@ int SNMPVeQoSAlertReceiver::receive(const KXLEvent& event) {
     KXLEvent notification(event);
     notification.setData(notificationOf(*alert, veidOf(*container)));
     notification.setCategory(SNMPNotificationData::category);
+    TrapPace::instance().waitForRoom();
     link->dispatchEvent(notification);
     return 0;
 }

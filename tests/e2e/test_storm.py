@@ -1,15 +1,14 @@
 """A storm of alerts while managers walk the tables: everybody goes on answering, and nothing is lost uncounted."""
 
 import re
-import threading
 import time
 from collections import Counter
 
 from support.agentpeer import AgentPeer
-from support.host import ENTRY, ROOT, Host
+from support.askers import ANSWER_DEADLINE_S, Asker, Walker
+from support.host import Host
 from support.parts import Agent
 from support.raising import AlertRaiser
-from support.snmp import SnmpClient
 from support.traps import SINK_PORT, TrapSink
 from support.wait import waitUntil
 
@@ -17,61 +16,9 @@ CONTAINERS = 100
 FIRST_GENERATED_NUMBER = 2001
 ALERTS = 5000
 WALKERS = 5
-ANSWER_DEADLINE_S = 1.0
 SETTLE_DEADLINE_S = 60
 
-NUMBERS = ENTRY + (1,)  # the column of containers' numbers
-
 _MORE = re.compile(rb" \(and (\d+) more\)$")
-
-
-class Asker(threading.Thread):
-    """Asks again and again, and notes the longest that an answer took."""
-
-    def __init__(self):
-        super().__init__()
-        self.longestS = 0.0
-        self.answers = 0
-        self.error = None
-        self._ending = threading.Event()
-
-    def run(self):
-        try:
-            while not self._ending.is_set():
-                started = time.monotonic()
-                self.ask()
-                self.longestS = max(self.longestS, time.monotonic() - started)
-                self.answers += 1
-        except Exception as error:  # whatever it is, the test is to tell it
-            self.error = error
-
-    def end(self):
-        self._ending.set()
-        self.join()
-
-
-class Walker(Asker):
-    """A manager that walks everything, a step at a time."""
-
-    def __init__(self, port):
-        super().__init__()
-        self.rows = []  # that each finished walk has visited
-        self._visited = 0
-        self._last = ROOT
-        self._client = SnmpClient(port)
-
-    def ask(self):
-        (varbind,) = self._client.getnext([self._last], timeoutSeconds=3 * ANSWER_DEADLINE_S)
-        if varbind.value is not None and varbind.oid[: len(ROOT)] == ROOT:
-            self._last = varbind.oid
-            self._visited += varbind.oid[: len(NUMBERS)] == NUMBERS
-        else:
-            self.rows.append(self._visited)
-            self._last, self._visited = ROOT, 0
-
-    def end(self):
-        super().end()
-        self._client.close()
 
 
 class Client(Asker):

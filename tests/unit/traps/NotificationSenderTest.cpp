@@ -5,6 +5,7 @@
 #include <array>
 #include <boost/make_shared.hpp>
 
+#include "daemon/traps/MasterSession.h"
 #include "daemon/traps/SNMPNotificationData.h"
 #include "tests/unit/traps/TrapCapture.h"
 
@@ -50,6 +51,8 @@ std::vector<Trap> send(const KXLEvent& event, int expectedResult = 0) {
 
 class NotificationSender : public testing::Test {
 protected:
+    static void SetUpTestSuite() { MasterSession::watch(); }
+
     KXLEvent event() const { return {"ve_qos_notification", data}; }
 
     boost::shared_ptr<SNMPNotificationData> data = boost::make_shared<SNMPNotificationData>();

@@ -10,6 +10,7 @@
 
 #include "mib/LibraryLock.h"
 #include "mib/NetSnmp.h"
+#include "tests/unit/traps/FakeMaster.h"
 
 // clang-format off
 #include <net-snmp/agent/agent_callbacks.h>
@@ -39,7 +40,7 @@ struct Trap {
     std::thread::id thread;  ///< that sent it
 };
 
-/// @brief While it lives, traps come here. One at a time.
+/// @brief While it lives, there is a session with a master agent, and traps come here. One at a time.
 class TrapCapture {
 public:
     TrapCapture() {
@@ -78,6 +79,7 @@ private:
 
     mutable std::mutex lock_;
     std::vector<Trap> traps_;
+    const FakeMaster master_;
 };
 
 }  // namespace kx::test
