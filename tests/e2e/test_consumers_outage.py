@@ -37,12 +37,12 @@ def waitForAlerts(host, *names):
 
 def test_each_part_that_is_missing_is_told_by_its_own_alert(watchedHost):
     waitForAlerts(watchedHost, "KxServerIdMissing")
-    status, line = check(watchedHost.snmpd.port, "check_kxsnmp_server")
-    assert (status, "00000000-0000" in line) == (CRITICAL, True), line
+    status, line = check(watchedHost.snmpd.port, "check_kxsnmp!agent")
+    assert (status, "has not reached the management agent" in line) == (CRITICAL, True), line
 
     watchedHost.agent.start()
     waitForAlerts(watchedHost)
-    assert check(watchedHost.snmpd.port, "check_kxsnmp_server")[0] == OK
+    assert check(watchedHost.snmpd.port, "check_kxsnmp!agent")[0] == OK
     counting = f"rate(kxVeNetstatPacketsIn[{WINDOW}]) > 0"
     waitUntil(lambda: watchedHost.prometheus.query(counting), PATIENCE_S, "packets count")
 

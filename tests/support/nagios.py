@@ -4,29 +4,26 @@ import re
 
 from .consumers import CONSUMERS, run
 
-CONFIGURATION = (CONSUMERS / "nagios/kxsnmp.cfg").read_text()
-_PLUGINS = "/usr/lib/nagios/plugins"
+FOLDER = CONSUMERS / "nagios"
+CONFIGURATION = (FOLDER / "kxsnmp.cfg").read_text()
 
 # By their exit statuses.
 OK, WARNING, CRITICAL, UNKNOWN = _STATUSES = ["OK", "WARNING", "CRITICAL", "UNKNOWN"]
 
 
-def commandLines():
-    """The command lines of the configuration by their names."""
-    return dict(re.findall(r"command_name +(\S+)\n +command_line +(.*)", CONFIGURATION))
+def calls():
+    """What the services of the configuration call."""
+    return re.findall(r"check_command +(.*)", CONFIGURATION)
 
 
 def check(port, call):
-    """Runs a check_command as it stands in a service's definition. @return what its exit status means, and its line"""
+    """Runs a check_command as it stands in a service's definition. @return what its exit status means, and its output"""
+    (line,) = re.findall(r"command_name +check_kxsnmp\n +command_line +(.*)", CONFIGURATION)
     name, *arguments = call.split("!")
-    macros = {"HOSTADDRESS": "127.0.0.1", "_HOSTSNMPPORT": port, "_HOSTSNMPCOMMUNITY": "public"}
+    assert name == "check_kxsnmp"
+    macros = {"USER1": FOLDER, "HOSTADDRESS": "127.0.0.1", "_HOSTSNMPPORT": port, "_HOSTSNMPCOMMUNITY": "public"}
+    macros |= {f"ARG{number}": "" for number in (1, 2)}
     macros |= {f"ARG{number}": argument for number, argument in enumerate(arguments, start=1)}
-    return runLine(commandLines()[name], macros)
-
-
-def runLine(line, macros):
-    """Runs a command line. @return what its exit status means, and its line"""
-    values = {"USER1": _PLUGINS, **macros}
-    filled = re.sub(r"\$(\w+)\$", lambda macro: str(values[macro.group(1)]), line)
-    done = run(["sh", "-c", filled], check=False)
+    done = run(["sh", "-c", re.sub(r"\$(\w+)\$", lambda macro: str(macros[macro.group(1)]), line)], check=False)
+    assert done.stderr == ""
     return _STATUSES[done.returncode], done.stdout.strip()
