@@ -37,7 +37,7 @@ std::set<std::int32_t> readStates(const std::vector<std::string>& typed) {
 
 std::string addressesText(const Environment& environment) {
     std::string text;
-    for (const TextPair& address : environment.addresses.value_or(std::vector<TextPair>())) {
+    for (const TextPair& address : allAddresses(environment).value_or(std::vector<TextPair>())) {
         text += (text.empty() ? "" : ",") + printable(address.first);
     }
     return text;

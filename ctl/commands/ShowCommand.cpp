@@ -98,15 +98,14 @@ void addQuotaRow(Table& table, const std::string& instance, const std::string& w
     if (!quota) {
         return;
     }
-    std::string use = "no limit";
+    std::string use = quota->limit() == 0 ? "no limit" : "-";
     Paint paint = Paint::Faint;
-    if (quota->limit() != 0) {
-        const std::int64_t percent = percentOf(quota->used, quota->limit());
-        use = fmt::format("{} {:>3}%", bar(percent, kBarWidth), percent);
-        paint = percentPaint(percent);
+    if (const auto percent = quota->percent()) {
+        use = fmt::format("{} {:>3}%", bar(*percent, kBarWidth), *percent);
+        paint = percentPaint(*percent);
     }
     table.add({{instance.empty() ? what : fmt::format("{} {}", printable(instance), what)},
-               {text(quota->used)},
+               {quota->used ? text(*quota->used) : kUnknown},
                {limitText(quota->soft, text)},
                {limitText(quota->hard, text)},
                {quota->grace == 0 ? "-" : durationText(quota->grace)},
@@ -176,7 +175,7 @@ ExitCode runShow(const ShowArguments& typed, const CommonOptions& common) {
     }
     const Painter painter(wantsColors(output.descriptor(), common.noColor));
     std::vector<std::string> lines = factLines(environment, painter);
-    addList(lines, "Addresses:", environment.addresses, maskedAddress);
+    addList(lines, "Addresses:", allAddresses(environment), maskedAddress);
     addList(lines, "Templates:", environment.templates, templateText);
     const auto counters = counterLines(agent, classes, tableRoom(output.descriptor()), painter);
     lines.insert(lines.end(), counters.begin(), counters.end());

@@ -92,7 +92,34 @@ std::set<std::string> silentOnes(const KXLEnvCache& cache, const std::vector<KXL
     return silent;
 }
 
-Finding lookAtSamples(KXLAccessPointPrototype& agent) {
+/// Containers of which the agent does not know how much disk space they use.
+std::set<std::string> withUnknownUse(const KXLEnvCache& cache, const std::vector<KXLMonitorData>& report) {
+    std::set<std::string> names;
+    for (const KXLMonitorData& one : report) {
+        const auto found = one.classes.find(kQuotaClass);
+        const bool isUnknown = found != one.classes.end() && !found->second.empty() &&
+                               !quotaOf(found->second.begin()->second, "diskspace").value_or(QuotaUse{}).used;
+        if (const auto environment = isUnknown ? cache.getEnvCopy(one.eid) : nullptr) {
+            names.insert(idText(readEnvironment(*environment)));
+        }
+    }
+    return names;
+}
+
+Finding usageFinding(const std::set<std::string>& unknown) {
+    if (unknown.empty()) {
+        return {Verdict::Ok, "disk usage", "known of all containers that report", ""};
+    }
+    return {
+        Verdict::Warn, "disk usage",
+        fmt::format("unknown of {}: nothing counts it separately for them, neither a project quota nor a file system "
+                    "of their own",
+                    listOf(unknown)),
+        "turn project quotas on (see quotas below) and give each container's root folder a project (chattr -R -p "
+        "NUMBER +P FOLDER), or put each container on a file system of its own"};
+}
+
+Findings lookAtSamples(KXLAccessPointPrototype& agent) {
     const boost::intrusive_ptr<FirstReport> handler(new FirstReport);
     const auto classes = boost::make_shared<KXLPerfMonClassList>();
     (*classes)[kQuotaClass];
@@ -107,17 +134,19 @@ Finding lookAtSamples(KXLAccessPointPrototype& agent) {
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
     handler->stop();
     if (!report) {
-        return {Verdict::Fail, "samples", fmt::format("no sample of counters has come within {:.1f} s", took.count()),
-                "see period_scale in kxagentd.toml, and the agent's log: journalctl -u kxagentd"};
+        return {{Verdict::Fail, "samples", fmt::format("no sample of counters has come within {:.1f} s", took.count()),
+                 "see period_scale in kxagentd.toml, and the agent's log: journalctl -u kxagentd"}};
     }
+    const Finding usage = usageFinding(withUnknownUse(*agent.getEnvCache(), *report));
     const auto silent = silentOnes(*agent.getEnvCache(), *report);
     const std::string words = fmt::format(
         "the last sample is new: asked for, it came after {:.1f} s, with {} containers", took.count(), report->size());
     if (!silent.empty()) {
-        return {Verdict::Warn, "samples", fmt::format("{}; running, but not in it: {}", words, listOf(silent)),
-                "where that stays so, see the agent's log: journalctl -u kxagentd"};
+        return {{Verdict::Warn, "samples", fmt::format("{}; running, but not in it: {}", words, listOf(silent)),
+                 "where that stays so, see the agent's log: journalctl -u kxagentd"},
+                usage};
     }
-    return {Verdict::Ok, "samples", words, ""};
+    return {{Verdict::Ok, "samples", words, ""}, usage};
 }
 
 void askAgent(AgentReport& report, const std::string& socket) {
@@ -132,7 +161,8 @@ void askAgent(AgentReport& report, const std::string& socket) {
     }
     report.findings.push_back({Verdict::Ok, "agent", fmt::format("it answers in {}", milliseconds(took)), ""});
     report.findings.push_back(compareVersions("kxctl " KX_VERSION, connection.programName()));
-    report.findings.push_back(lookAtSamples(agent));
+    const Findings samples = lookAtSamples(agent);
+    report.findings.insert(report.findings.end(), samples.begin(), samples.end());
 }
 
 }  // namespace

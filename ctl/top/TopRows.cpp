@@ -5,8 +5,6 @@
 #include <map>
 #include <utility>
 
-#include "ctl/view/Amounts.h"
-
 namespace kx::ctl {
 namespace {
 
@@ -22,7 +20,7 @@ std::optional<std::int64_t> rateOf(const KXLMonitorData::Instances& interfaces, 
     std::optional<std::int64_t> sum;
     for (const auto& [instance, counters] : interfaces) {
         const auto found = counters.find(counter);
-        if (found != counters.end()) {
+        if (found != counters.end() && found->second.isKnown) {
             // Wraps, as the kernel's counters do: a described host may say anything.
             sum = static_cast<std::int64_t>(static_cast<std::uint64_t>(sum.value_or(0)) +
                                             static_cast<std::uint64_t>(integerOf(found->second, found->second.value2)));
@@ -70,7 +68,7 @@ std::optional<std::int64_t> sizeOf(const TopRow& row, TopOrder order) {
         case TopOrder::PacketsOut:
             return rate(&NetworkRates::packetsOut);
         case TopOrder::Used:
-            return row.space ? std::optional(row.space->used) : std::nullopt;
+            return row.space ? row.space->used : std::nullopt;
         case TopOrder::Quota:
             return row.percent();
         case TopOrder::Id:
@@ -100,7 +98,7 @@ bool comesFirst(const TopRow& one, const TopRow& other, TopOrder order, bool isR
 }  // namespace
 
 std::optional<std::int64_t> TopRow::percent() const {
-    return space && space->limit() > 0 ? std::optional(percentOf(space->used, space->limit())) : std::nullopt;
+    return space ? space->percent() : std::nullopt;
 }
 
 std::string_view topOrderWord(TopOrder order) {

@@ -40,6 +40,13 @@ std::string rateText(const TopRow& row, std::int64_t NetworkRates::*which, std::
     return row.rates ? text(*row.rates.*which) : "-";
 }
 
+std::string usedText(const TopRow& row) {
+    if (!row.space) {
+        return "-";
+    }
+    return row.space->used ? bytesText(*row.space->used) : kUnknown;
+}
+
 std::string quotaText(const TopRow& row, bool hasBar) {
     const auto percent = row.percent();
     if (!percent) {
@@ -60,7 +67,7 @@ std::vector<TableCell> cellsOf(const TopRow& row, Detail detail) {
             {rateText(row, &NetworkRates::bytesOut, bytesText)},
             {rateText(row, &NetworkRates::packetsIn, countText)},
             {rateText(row, &NetworkRates::packetsOut, countText)},
-            {row.space ? bytesText(row.space->used) : "-"},
+            {usedText(row)},
             {quotaText(row, detail == Detail::All), percentPaint(row.percent().value_or(0))}};
 }
 
@@ -252,7 +259,7 @@ Json topJson(const TopView& view) {
         }
         if (row.space) {
             Json space;
-            space.put("used", row.space->used);
+            putValue(space, "used", row.space->used);
             space.put("softlimit", row.space->soft);
             space.put("hardlimit", row.space->hard);
             space.put("grace", row.space->grace);

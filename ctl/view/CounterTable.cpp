@@ -50,7 +50,10 @@ std::string valueText(const NamedValues& values, const std::string& name, Amount
     if (found == values.end()) {
         return "-";
     }
-    return amounts == Amounts::Exact ? std::to_string(found->second) : amountText(name, found->second);
+    if (!found->second) {
+        return kUnknown;
+    }
+    return amounts == Amounts::Exact ? std::to_string(*found->second) : amountText(name, *found->second);
 }
 
 void addMissing(std::vector<std::string>& names, const NamedValues& values) {

@@ -6,6 +6,7 @@
 
 #include "ctl/AgentConnection.h"
 #include "ctl/ExitCode.h"
+#include "ctl/view/Amounts.h"
 
 namespace kx::ctl {
 namespace {
@@ -13,13 +14,19 @@ namespace {
 constexpr const char* kVocabulary = "KXABasicFunctionality";
 constexpr int kIncrease = 2;
 
-std::int64_t valueOf(const CounterClass& counterClass, const std::string& counter, const KXLPerfStat& stat) {
+std::optional<std::int64_t> valueOf(const CounterClass& counterClass, const std::string& counter,
+                                    const KXLPerfStat& stat) {
+    if (!stat.isKnown) {
+        return std::nullopt;
+    }
     return integerOf(stat, counterClass.isIncrease(counter) ? stat.value3 : stat.value1);
 }
 
 std::optional<std::int64_t> levelOf(const KXLMonitorData::Counters& counters, const std::string& name) {
     const auto found = counters.find(name);
-    return found == counters.end() ? std::nullopt : std::optional(integerOf(found->second, found->second.value1));
+    return found == counters.end() || !found->second.isKnown
+               ? std::nullopt
+               : std::optional(integerOf(found->second, found->second.value1));
 }
 
 }  // namespace
@@ -62,10 +69,18 @@ NamedValues valuesInOrder(const CounterClass& counterClass, const KXLMonitorData
     return result;
 }
 
+void putValue(Json& object, const std::string& key, const std::optional<std::int64_t>& value) {
+    if (value) {
+        object.put(key, *value);
+    } else {
+        object.put(key, kUnknown);
+    }
+}
+
 Json valuesJson(const NamedValues& values) {
     Json object;
     for (const auto& [name, value] : values) {
-        object.put(name, value);
+        putValue(object, name, value);
     }
     return object;
 }
@@ -102,12 +117,15 @@ std::vector<KXLMonitorData> askCounters(KXLAccessPointPrototype& agent, const st
     return data;
 }
 
+std::optional<std::int64_t> QuotaUse::percent() const {
+    return used && limit() > 0 ? std::optional(percentOf(*used, limit())) : std::nullopt;
+}
+
 std::optional<QuotaUse> quotaOf(const KXLMonitorData::Counters& counters, const std::string& what) {
-    const auto used = levelOf(counters, what + "_used");
-    if (!used) {
+    if (counters.count(what + "_used") == 0) {
         return std::nullopt;
     }
-    return QuotaUse{*used, levelOf(counters, what + "_softlimit").value_or(0),
+    return QuotaUse{levelOf(counters, what + "_used"), levelOf(counters, what + "_softlimit").value_or(0),
                     levelOf(counters, what + "_hardlimit").value_or(0), levelOf(counters, what + "_grace").value_or(0)};
 }
 

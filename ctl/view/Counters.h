@@ -31,12 +31,18 @@ struct CounterClass {
 /// @return nothing when the vocabulary does not have the class
 std::optional<CounterClass> readCounterClass(const KXLAccessPointPrototype& agent, const std::string& className);
 
-/// A name and what the counter stands at.
-using NamedValues = std::vector<std::pair<std::string, std::int64_t>>;
+/// A name and the counter's value; nothing: the agent does not know it.
+using NamedValues = std::vector<std::pair<std::string, std::optional<std::int64_t>>>;
+
+/// What is shown of a value that the agent does not know.
+inline constexpr const char* kUnknown = "unknown";
 
 /// @return counters that the vocabulary names, in its order, and the others behind them: of one that only grows what
 /// has been added, of a level what it is now
 NamedValues valuesInOrder(const CounterClass& counterClass, const KXLMonitorData::Counters& counters);
+
+/// @brief Sets a key to a value, or to kUnknown.
+void putValue(Json& object, const std::string& key, const std::optional<std::int64_t>& value);
 
 Json valuesJson(const NamedValues& values);
 
@@ -57,13 +63,16 @@ std::vector<KXLMonitorData> askCounters(KXLAccessPointPrototype& agent, const st
 
 /// What an instance has used of a quota.
 struct QuotaUse {
-    std::int64_t used = 0;
-    std::int64_t soft = 0;   ///< 0: none
-    std::int64_t hard = 0;   ///< 0: none
-    std::int64_t grace = 0;  ///< seconds left, 0: none
+    std::optional<std::int64_t> used = 0;  ///< nothing: the agent does not know it
+    std::int64_t soft = 0;                 ///< 0: none
+    std::int64_t hard = 0;                 ///< 0: none
+    std::int64_t grace = 0;                ///< seconds left, 0: none
 
     /// @return what use is measured against: the hard limit, without one the soft limit; 0 when there is none
     std::int64_t limit() const { return hard > 0 ? hard : soft > 0 ? soft : 0; }
+
+    /// @return how much of it is used, in parts of a hundred; nothing where there is no limit, or the use is not known
+    std::optional<std::int64_t> percent() const;
 };
 
 /// @param what "diskspace" or "inodes"

@@ -38,6 +38,18 @@ std::optional<std::vector<TextPair>> readAddresses(const KXAEnvConfig& config) {
     return addresses;
 }
 
+std::optional<std::vector<TextPair>> readInet6Addresses(const KXAEnvConfig& config) {
+    const auto list = read(config, &KXLEnvConfig::getInet6Addresses);
+    if (!list) {
+        return std::nullopt;
+    }
+    std::vector<TextPair> addresses;
+    for (const KXLInet6Address& address : *list) {
+        addresses.emplace_back(address.getAddress(), std::to_string(address.getPrefixLength()));
+    }
+    return addresses;
+}
+
 std::optional<std::vector<TextPair>> readTemplates(const KXAEnvConfig& config) {
     const auto list = read(config, &KXAEnvConfig::getTemplates);
     if (!list) {
@@ -64,6 +76,17 @@ Json pairsJson(const std::vector<TextPair>& pairs, const char* first, const char
         pair.putText(first, one);
         pair.putText(second, other);
         list.add(pair);
+    }
+    return list;
+}
+
+Json prefixesJson(const std::vector<TextPair>& addresses) {
+    Json list = Json::array();
+    for (const auto& [address, prefixLength] : addresses) {
+        Json one;
+        one.putText("address", address);
+        one.put("prefix_length", numberOf(prefixLength).value_or(0));
+        list.add(one);
     }
     return list;
 }
@@ -116,6 +139,7 @@ Environment readEnvironment(const KXLEnv& environment) {
         made.baseSample = sample->toString();
     }
     made.addresses = readAddresses(config);
+    made.inet6Addresses = readInet6Addresses(config);
     made.templates = readTemplates(config);
     return made;
 }
@@ -203,6 +227,15 @@ std::string transitionText(const Environment& environment) {
     return wordOrNumber(transitionWord(environment.transition), environment.transition);
 }
 
+std::optional<std::vector<TextPair>> allAddresses(const Environment& environment) {
+    if (!environment.addresses || !environment.inet6Addresses) {
+        return environment.addresses ? environment.addresses : environment.inet6Addresses;
+    }
+    std::vector<TextPair> all = *environment.addresses;
+    all.insert(all.end(), environment.inet6Addresses->begin(), environment.inet6Addresses->end());
+    return all;
+}
+
 std::string addressText(const TextPair& address) {
     const auto& [text, mask] = address;
     in_addr read{};
@@ -243,6 +276,9 @@ Json environmentJson(const Environment& environment) {
     putIfThere(object, "base_sample", environment.baseSample);
     if (environment.addresses) {
         object.put("addresses", pairsJson(*environment.addresses, "address", "mask"));
+    }
+    if (environment.inet6Addresses) {
+        object.put("inet6_addresses", prefixesJson(*environment.inet6Addresses));
     }
     if (environment.templates) {
         object.put("templates", pairsJson(*environment.templates, "name", "version"));

@@ -31,8 +31,9 @@ struct Environment {
     std::optional<std::string> description;
     std::optional<TextPair> osTemplate;  ///< name, version
     std::optional<std::string> baseSample;
-    std::optional<std::vector<TextPair>> addresses;  ///< address, mask
-    std::optional<std::vector<TextPair>> templates;  ///< name, version
+    std::optional<std::vector<TextPair>> addresses;       ///< IPv4 address, mask
+    std::optional<std::vector<TextPair>> inet6Addresses;  ///< IPv6 address, length of the prefix
+    std::optional<std::vector<TextPair>> templates;       ///< name, version
 
     bool isContainer() const { return type == kContainerType; }
 };
@@ -69,7 +70,10 @@ std::string stateText(const Environment& environment);
 /// @return "none", likewise
 std::string transitionText(const Environment& environment);
 
-/// @return "10.0.0.1/24"; any other mask than a row of ones is written out. Any bytes.
+/// @return those of both kinds, IPv4 first; nothing when neither is known
+std::optional<std::vector<TextPair>> allAddresses(const Environment& environment);
+
+/// @return "10.0.0.1/24", "fd00::1/64"; any other mask than a row of ones is written out. Any bytes.
 std::string addressText(const TextPair& address);
 
 /// @return all that is known; keys of what the configuration does not have are absent

@@ -146,6 +146,15 @@ def test_running_containers_without_counters_are_named(whole):
     assert checks["samples"]["words"].endswith("running, but not in it: 101")
 
 
+def test_containers_whose_disk_usage_is_unknown_are_named_with_why(whole):
+    assert examine(whole)["disk usage"]["result"] == "OK"
+    quota = '[environment.counters.counters_kx_quota.""]\ndiskspace_used = "unknown"\n'
+    whole.agent.writeInventory(INVENTORY + COUNTERS + quota)
+    check = lookUntil(whole, "disk usage", "WARN")
+    assert check["words"].startswith("unknown of 101: nothing counts it separately")
+    assert "project quotas" in check["todo"]
+
+
 def test_counters_that_do_not_come_are_told_and_come_with_another_period(whole):
     whole.agent.stop()
     whole.agent.writeConfig('backend = "simulated"', "[monitoring]\nperiod_scale = 100\n")

@@ -9,7 +9,20 @@ from support import describedhost
 from support.host import SERVER_EID
 from support.kxctl import DONE, REFUSED, UNREACHABLE, WRONG_USAGE, Terminal, document, run
 
-INVENTORY = describedhost.INVENTORY
+INVENTORY = (
+    describedhost.INVENTORY
+    + """
+[[environment]]
+name = "six"
+veid = 606
+eid = "0f8e5c1a-7a44-4c3b-9d1e-000000000606"
+state = 2
+addresses = [ { address = "10.6.0.6", mask = "255.255.0.0" } ]
+inet6_addresses = [ { address = "fd00::6", prefix_length = 64 } ]
+[environment.counters.counters_kx_quota.""]
+diskspace_used = "unknown"
+"""
+)
 DESCRIBED = tomllib.loads(INVENTORY)["environment"]
 CONTAINERS = [one for one in DESCRIBED if one.get("type", "lumetra") == "lumetra"]
 
@@ -21,7 +34,7 @@ def expected(described):
     made = {"eid": described["eid"].lower(), "name": described["name"].split("\0")[0]}
     made["type"] = described.get("type", "lumetra")
     made["state"], made["transition"] = described.get("state", 0), described.get("transition", 0)
-    same = ("veid", "hostname", "description", "os_template", "base_sample", "addresses", "templates")
+    same = ("veid", "hostname", "description", "os_template", "base_sample", "addresses", "inet6_addresses", "templates")
     return {**made, **{key: described[key] for key in same if key in described}}
 
 
@@ -67,7 +80,7 @@ def test_status_is_readable(describedHost):
     done = run("status", text=True)
     assert (done.returncode, done.stderr) == (DONE, "")
     assert re.search(r"^Reachable:   yes, it answers in [\d.]+ ms$", done.stdout, re.MULTILINE)
-    assert re.search(r"^Containers:  9: .*1 running, 1 frozen \(1 without a number\)$", done.stdout, re.MULTILINE)
+    assert re.search(r"^Containers:  10: .*2 running, 1 frozen \(1 without a number\)$", done.stdout, re.MULTILINE)
 
 
 # ---- list ---------------------------------------------------------------------------------------------------------
@@ -120,6 +133,16 @@ def test_the_list_shows_addresses_and_templates_of_a_container(describedHost):
     (line,) = [line for line in run("list", text=True).stdout.splitlines() if line.split()[0] == "101"]
     shown = ["101", "web", "web.example", "debian/12", "running", "-", "10.0.0.9,192.168.3.4,10.0.0.1,9.255.0.1"]
     assert re.split(r" {2,}", line.strip()) == shown
+
+
+def test_addresses_of_both_kinds_and_unknown_use_are_shown(describedHost):
+    (line,) = [line for line in run("list", "six", text=True).stdout.splitlines() if line.split()[0] == "606"]
+    assert line.endswith("10.6.0.6,fd00::6")
+    shown = run("show", "six", text=True).stdout
+    assert re.search(r"^Addresses: +10\.6\.0\.6/16\n +fd00::6/64$", shown, re.MULTILINE)
+    assert re.search(r"^diskspace +unknown ", shown, re.MULTILINE)
+    assert re.search(r"^ +606 +six +unknown ", run("counters", "six", text=True).stdout, re.MULTILINE)
+    assert re.search(r"^ +606 +six .* unknown +-$", run("top", "--once", text=True).stdout, re.MULTILINE)
 
 
 @pytest.mark.parametrize("width", [132, 80, 40, 9])

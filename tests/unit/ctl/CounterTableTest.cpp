@@ -16,19 +16,19 @@ std::vector<std::string> linesOf(const std::vector<CounterRow>& rows, Amounts am
 const std::vector<CounterRow> kRows{
     {{{"web"}},
      {{"diskspace_used", 2048}, {"diskspace_hardlimit", 0}, {"diskspace_grace", 7200}, {"packets_in", 1500}}},
-    {{{"db"}}, {{"diskspace_used", 5}, {"diskspace_grace", 0}}}};
+    {{{"db"}}, {{"diskspace_used", std::nullopt}, {"diskspace_grace", 0}}}};
 
 TEST(CounterTable, HasReadableAmountsBelowShortNames) {
     EXPECT_THAT(linesOf(kRows, Amounts::Readable), ElementsAre("NAME  DISK USED  DISK HARD  DISK GRACE  PKT IN",
                                                                "web        2.0K       none          2h    1.5K",
-                                                               "db            5          -           -       -"));
+                                                               "db      unknown          -           -       -"));
 }
 
 TEST(CounterTable, HasEveryDigitBelowTheOwnNames) {
     EXPECT_THAT(linesOf(kRows, Amounts::Exact),
                 ElementsAre("NAME  diskspace_used  diskspace_hardlimit  diskspace_grace  packets_in",
                             "web             2048                    0             7200        1500",
-                            "db                 5                    -                0           -"));
+                            "db           unknown                    -                0           -"));
 }
 
 }  // namespace

@@ -26,6 +26,18 @@ TEST(Counters, ComeInTheVocabularysOrderAndTheOthersBehind) {
                 ElementsAre(Pair("z", 9), Pair("b", 4), Pair("a", 1)));
 }
 
+TEST(Counters, ThatTheAgentDoesNotKnowSaySo) {
+    KXLPerfStat unknown = numbers(1, 2, 3);
+    unknown.isKnown = false;
+    const NamedValues values = valuesInOrder({}, {{"a", unknown}, {"b", numbers(4, 5, 6)}});
+    EXPECT_EQ(valuesJson(values).line(), R"({"a":"unknown","b":4})");
+    const auto quota = quotaOf({{"diskspace_used", unknown}, {"diskspace_hardlimit", numbers(9, 9, 9)}}, "diskspace");
+    ASSERT_TRUE(quota);
+    EXPECT_EQ(quota->used, std::nullopt);
+    EXPECT_EQ(quota->limit(), 9);
+    EXPECT_EQ(quota->percent(), std::nullopt);
+}
+
 TEST(Counters, AreRoundedWhereTheAgentTellsFractions) {
     KXLPerfStat stat;
     stat.kind = 0;

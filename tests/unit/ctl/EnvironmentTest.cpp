@@ -86,6 +86,16 @@ TEST(Environment, ShowsAnAddressWithThePrefixOfItsMask) {
     EXPECT_EQ(addressText({"10.0.0.1", "255.0.255.0"}), "10.0.0.1/255.0.255.0");
     EXPECT_EQ(addressText({"10.0.0.1", "/24"}), "10.0.0.1//24");
     EXPECT_EQ(addressText({"no quad", ""}), "no quad");
+    EXPECT_EQ(addressText({"fd00::1", "64"}), "fd00::1/64");
+}
+
+TEST(Environment, HasAddressesOfBothKinds) {
+    Environment one;
+    EXPECT_EQ(allAddresses(one), std::nullopt);
+    one.inet6Addresses = std::vector{TextPair("fd00::1", "64")};
+    EXPECT_EQ(allAddresses(one), one.inet6Addresses);
+    one.addresses = std::vector{TextPair("10.0.0.1", "255.0.0.0")};
+    EXPECT_THAT(*allAddresses(one), ElementsAre(TextPair("10.0.0.1", "255.0.0.0"), TextPair("fd00::1", "64")));
 }
 
 TEST(Environment, ShowsATemplateOnlyWithItsName) {
@@ -120,12 +130,16 @@ TEST(Environment, HasEverythingInJson) {
     auto* const address = config.mutable_addresses()->add_addresses();
     address->set_address("10.0.0.1");
     address->set_mask("255.0.0.0");
+    auto* const inet6 = config.mutable_inet6_addresses()->add_addresses();
+    inet6->set_address("fd00::1");
+    inet6->set_prefix_length(64);
     config.mutable_templates();
     EXPECT_EQ(environmentJson(readEnvironment(*test::makeEnv(full))).line(),
               R"({"eid":"00000000-0000-0000-0000-000000000001","veid":101,"name":"web","type":"lumetra","state":2,)"
               R"("transition":3,"state_name":"running","transition_name":"freezing","hostname":"h","description":"d",)"
               R"("os_template":{"name":"debian","version":"12"},"base_sample":"01010101-0101-0101-0101-010101010101",)"
-              R"("addresses":[{"address":"10.0.0.1","mask":"255.0.0.0"}],"templates":[]})");
+              R"("addresses":[{"address":"10.0.0.1","mask":"255.0.0.0"}],)"
+              R"("inet6_addresses":[{"address":"fd00::1","prefix_length":64}],"templates":[]})");
 }
 
 }  // namespace

@@ -73,6 +73,8 @@ TEST(TopRows, TellTheUseOfSpaceInPercent) {
     EXPECT_FALSE(row.percent());
     row.space = QuotaUse{5, 0, 10, 0};
     EXPECT_EQ(row.percent(), 50);
+    row.space = QuotaUse{std::nullopt, 0, 10, 0};
+    EXPECT_FALSE(row.percent());
 }
 
 struct Sorting : testing::Test {

@@ -152,6 +152,14 @@ TEST(TopView, HasExactNumbersInJson) {
               R"("percent":90}}],"alerts":[{"code":2}]})");
 }
 
+TEST(TopView, SaysThatTheUseOfSpaceIsNotKnown) {
+    TopView view = viewOf(1);
+    view.rows[0].space = QuotaUse{std::nullopt, 0, 100, 0};
+    EXPECT_THAT(topScreen(view, {90, 24}, kPlain)[3], testing::MatchesRegex(".* +unknown  -"));
+    EXPECT_THAT(topJson(view).line(),
+                HasSubstr(R"("diskspace":{"used":"unknown","softlimit":0,"hardlimit":100,"grace":0})"));
+}
+
 TEST(TopView, SaysHowManyAlertsItLeavesOut) {
     TopView view = viewOf(1);
     EXPECT_THAT(topJson(view).line(), Not(HasSubstr("left_out")));
