@@ -115,8 +115,9 @@ Finding usageFinding(const std::set<std::string>& unknown) {
         fmt::format("unknown of {}: nothing counts it separately for them, neither a project quota nor a file system "
                     "of their own",
                     listOf(unknown)),
-        "turn project quotas on (see quotas below) and give each container's root folder a project (chattr -R -p "
-        "NUMBER +P FOLDER), or put each container on a file system of its own"};
+        "turn project quotas on (see quotas below) and make each root folder a project: chattr -R -p NUMBER FOLDER; "
+        "find "
+        "FOLDER -type d -exec chattr +P {} +; or put each container on a file system of its own"};
 }
 
 Findings lookAtSamples(KXLAccessPointPrototype& agent) {

@@ -26,40 +26,30 @@ std::optional<T> read(const KXAEnvConfig& config, int (Config::*getter)(KXLOptio
     return (config.*getter)(property) == 0 ? std::optional<T>(property.get()) : std::nullopt;
 }
 
-std::optional<std::vector<TextPair>> readAddresses(const KXAEnvConfig& config) {
-    const auto list = read(config, &KXLEnvConfig::getAddresses);
+/// @brief Reads a list by one of the configuration's getters.
+template <typename Element, typename Config>
+std::optional<std::vector<TextPair>> readPairs(const KXAEnvConfig& config,
+                                               int (Config::*getter)(KXLOptionalProperty<std::vector<Element>>&) const,
+                                               TextPair (*pairOf)(const Element&)) {
+    const auto list = read(config, getter);
     if (!list) {
         return std::nullopt;
     }
-    std::vector<TextPair> addresses;
-    for (const KXLIPAddress& address : *list) {
-        addresses.emplace_back(address.getAddress(), address.getMask());
-    }
-    return addresses;
+    std::vector<TextPair> pairs;
+    std::transform(list->begin(), list->end(), std::back_inserter(pairs), pairOf);
+    return pairs;
 }
 
-std::optional<std::vector<TextPair>> readInet6Addresses(const KXAEnvConfig& config) {
-    const auto list = read(config, &KXLEnvConfig::getInet6Addresses);
-    if (!list) {
-        return std::nullopt;
-    }
-    std::vector<TextPair> addresses;
-    for (const KXLInet6Address& address : *list) {
-        addresses.emplace_back(address.getAddress(), std::to_string(address.getPrefixLength()));
-    }
-    return addresses;
+TextPair pairOf(const KXLIPAddress& address) {
+    return {address.getAddress(), address.getMask()};
 }
 
-std::optional<std::vector<TextPair>> readTemplates(const KXAEnvConfig& config) {
-    const auto list = read(config, &KXAEnvConfig::getTemplates);
-    if (!list) {
-        return std::nullopt;
-    }
-    std::vector<TextPair> templates;
-    for (const KXATemplate& one : *list) {
-        templates.emplace_back(one.getName(), one.getVersion());
-    }
-    return templates;
+TextPair pairOf(const KXLInet6Address& address) {
+    return {address.getAddress(), std::to_string(address.getPrefixLength())};
+}
+
+TextPair pairOf(const KXATemplate& one) {
+    return {one.getName(), one.getVersion()};
 }
 
 std::optional<std::int32_t> numberOf(const std::string& word) {
@@ -138,9 +128,9 @@ Environment readEnvironment(const KXLEnv& environment) {
     if (const auto sample = read(config, &KXLEnvConfig::getBaseSampleId)) {
         made.baseSample = sample->toString();
     }
-    made.addresses = readAddresses(config);
-    made.inet6Addresses = readInet6Addresses(config);
-    made.templates = readTemplates(config);
+    made.addresses = readPairs<KXLIPAddress>(config, &KXLEnvConfig::getAddresses, pairOf);
+    made.inet6Addresses = readPairs<KXLInet6Address>(config, &KXLEnvConfig::getInet6Addresses, pairOf);
+    made.templates = readPairs<KXATemplate>(config, &KXAEnvConfig::getTemplates, pairOf);
     return made;
 }
 
