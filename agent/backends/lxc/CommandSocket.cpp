@@ -63,17 +63,26 @@ std::set<std::string, std::less<>> presentCommandSockets() {
     return commandSocketsIn(text.view());
 }
 
-Monitor monitorBehind(const std::string& socketName) {
+MonitorConnection connectToMonitor(const std::string& socketName) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     socketName.copy(address.sun_path + 1, kMaxNameBytes);
     // liblxc binds its name without a closing zero byte; in an abstract address that would be part of the name.
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + socketName.size());
-    const OwnedDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!socket || ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), length) == 0) {
-        return Monitor::Reachable;
+    MonitorConnection connection;
+    OwnedDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!socket || ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
+        connection.isFull = errno != ECONNREFUSED;
+        return connection;
     }
-    return errno == EAGAIN ? Monitor::Full : Monitor::None;
+    ucred peer{};
+    socklen_t peerLength = sizeof peer;
+    ::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &peerLength);
+    connection.owner = peer.uid;
+    // The end of what we send is what makes it close.
+    ::shutdown(socket.get(), SHUT_WR);
+    connection.socket = std::move(socket);
+    return connection;
 }
 
 }  // namespace kx::agent::lxc

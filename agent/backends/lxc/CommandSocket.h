@@ -4,9 +4,13 @@
 // It is visible only in the network namespace in which the container was started.
 #pragma once
 
+#include <sys/types.h>
+
 #include <set>
 #include <string>
 #include <string_view>
+
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 
@@ -24,15 +28,16 @@ std::set<std::string, std::less<>> commandSocketsIn(std::string_view unixSockets
 /// @brief Reads the kernel's list and takes the command sockets out.
 std::set<std::string, std::less<>> presentCommandSockets();
 
-/// Who is behind a command socket.
-enum class Monitor {
-    None,       ///< nobody: the container is stopped
-    Reachable,  ///< it may be asked
-    Full,       ///< it has not taken up connections for long; one more would wait for it without limit
+/// A connection to a monitor on which nothing is asked. A monitor that works takes it up and closes it, which makes it
+/// readable; one that runs its start hooks, is stopped or hangs does not.
+struct MonitorConnection {
+    bool isFull = false;     ///< the monitor has not taken up connections for long; one more would wait without limit
+    OwnedDescriptor socket;  ///< none: the above, or there is no monitor
+    uid_t owner = 0;         ///< whose process listens; any local user may take the name of a stopped container
 };
 
-/// @brief Tries to connect, and hangs up again.
+/// @brief Connects, without waiting.
 /// @param socketName see commandSocketName()
-Monitor monitorBehind(const std::string& socketName);
+MonitorConnection connectToMonitor(const std::string& socketName);
 
 }  // namespace kx::agent::lxc

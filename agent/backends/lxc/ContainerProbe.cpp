@@ -1,18 +1,22 @@
 #include "agent/backends/lxc/ContainerProbe.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <lxc/lxccontainer.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <memory>
 
 #include "agent/backends/lxc/CommandSocket.h"
 #include "agent/backends/lxc/Ipv4Text.h"
-#include "agent/backends/lxc/RootFile.h"
+#include "agent/base/OwnedDescriptor.h"
 
 namespace kx::agent::lxc {
 namespace {
+
+/// A path without containers: liblxc reads the configuration of one that it finds, and opens what that names.
+constexpr const char* kNoContainers = "/run/lxc/kxagentd";
 
 struct PutContainer {
     void operator()(lxc_container* container) const { lxc_container_put(container); }
@@ -32,24 +36,7 @@ std::string configItem(lxc_container* container, const char* key) {
     return value == "(null)" ? std::string() : value;
 }
 
-/// liblxc, run by root, keeps one lock file a container here and locks it for every reading of the configuration.
-/// The file appears with the first lock. Looking whether it is free leaves a moment between look and use: short
-/// against the seconds for which a deletion holds it.
-bool isLocked(const std::string& path, const std::string& name) {
-    const std::string file = fmt::format("/run/lxc/lock/{}/.{}", path, name);
-    const OwnedDescriptor lock(::open(file.c_str(), O_RDWR | O_CLOEXEC));
-    struct flock query {};
-    query.l_type = F_WRLCK;
-    query.l_whence = SEEK_SET;
-    return lock && ::fcntl(lock.get(), F_OFD_GETLK, &query) == 0 && query.l_type != F_UNLCK;
-}
-
-/// `partial` stands in a container's folder while it is being created.
-bool isBeingCreated(const std::string& folder) {
-    return stampAt(AT_FDCWD, (folder + "/partial").c_str()).size >= 0;
-}
-
-void readNetworks(lxc_container* container, ContainerProbe& probe) {
+void readNetworks(lxc_container* container, ContainerConfig& config) {
     // One line for each network, with its type. Their numbers need not be contiguous.
     const std::string types = configItem(container, "lxc.net");
     auto left = static_cast<unsigned>(std::count(types.begin(), types.end(), '\n'));
@@ -61,52 +48,46 @@ void readNetworks(lxc_container* container, ContainerProbe& probe) {
             lines += configItem(container, (key + "ipv4.address").c_str()) + "\n";
         }
     }
-    probe.addresses = configuredAddresses(lines);
-    probe.networksLeftOut = left;
+    config.addresses = configuredAddresses(lines);
+    config.networksLeftOut = left;
 }
 
-void readConfiguration(lxc_container* container, ContainerProbe& probe) {
-    probe.hostname = configItem(container, "lxc.uts.name");
-    probe.rootfs = configItem(container, "lxc.rootfs.path");
-    readNetworks(container, probe);
-}
-
-void askMonitor(lxc_container* container, ContainerProbe& probe) {
-    const char* state = container->state(container);
-    probe.lxcState = state != nullptr ? state : "";
-    if (probe.lxcState != "STOPPED") {
-        probe.initPid = container->init_pid(container);
-    }
+/// @return an object without a configuration of its own; null when memory is short
+ContainerHandle openContainer(const std::string& name) {
+    return ContainerHandle(lxc_container_new(name.c_str(), kNoContainers));
 }
 
 }  // namespace
 
-ContainerProbe probeContainer(const std::string& path, const std::string& name, StuckCallBreaker& breaker) {
-    ContainerProbe probe;
-    const std::string folder = fmt::format("{}/{}", path, name);
-    if (stampAt(AT_FDCWD, (folder + "/config").c_str()).size < 0) {
-        return probe;
+std::optional<ContainerConfig> parseConfig(const std::string& name, const std::string& text) {
+    const OwnedDescriptor file(::memfd_create("config", MFD_CLOEXEC));
+    const ContainerHandle container = openContainer(name);
+    const bool written = file && ::write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    const std::string path = fmt::format("/proc/self/fd/{}", file.get());
+    if (!written || !container || !container->load_config(container.get(), path.c_str())) {
+        return std::nullopt;
     }
-    if (isLocked(path, name) || isBeingCreated(folder)) {
-        probe.result = ProbeResult::Busy;
-        return probe;
+    ContainerConfig config;
+    config.hostname = configItem(container.get(), "lxc.uts.name");
+    config.rootfs = configItem(container.get(), "lxc.rootfs.path");
+    readNetworks(container.get(), config);
+    return config;
+}
+
+std::optional<MonitorAnswer> askMonitor(const std::string& path, const std::string& name, StuckCallBreaker& breaker) {
+    const ContainerHandle container = openContainer(name);
+    if (!container || !container->set_config_path(container.get(), path.c_str())) {
+        return std::nullopt;
     }
-    const ContainerHandle container(lxc_container_new(name.c_str(), path.c_str()));
-    if (!container) {
-        // It may have been deleted since the look at its file.
-        const bool there = stampAt(AT_FDCWD, (folder + "/config").c_str()).size >= 0;
-        probe.result = there ? ProbeResult::Malformed : ProbeResult::Gone;
-        return probe;
-    }
-    readConfiguration(container.get(), probe);
-    const std::string socketName = commandSocketName(path, name);
-    if (monitorBehind(socketName) == Monitor::Full) {
-        probe.result = ProbeResult::NoAnswer;
-        return probe;
-    }
-    const bool answered = breaker.guard(socketName, [&] { askMonitor(container.get(), probe); });
-    probe.result = answered ? ProbeResult::Done : ProbeResult::NoAnswer;
-    return probe;
+    MonitorAnswer answer;
+    const bool answered = breaker.guard(commandSocketName(path, name), [&] {
+        const char* state = container->state(container.get());
+        answer.lxcState = state != nullptr ? state : "";
+        if (answer.lxcState != "STOPPED") {
+            answer.initPid = container->init_pid(container.get());
+        }
+    });
+    return answered ? std::optional(answer) : std::nullopt;
 }
 
 }  // namespace kx::agent::lxc

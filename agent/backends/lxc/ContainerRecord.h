@@ -1,4 +1,4 @@
-// What the backend's worker knows of one sub-folder of LXC's path, and how it is read from the disk.
+// What the backend's worker knows of one sub-folder of LXC's path.
 // Belongs to the worker thread.
 #pragma once
 
@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "agent/backends/lxc/CgroupTree.h"
+#include "agent/backends/lxc/ContainerFiles.h"
 #include "agent/backends/lxc/ContainerNotes.h"
 #include "agent/backends/lxc/LogSink.h"
 #include "agent/backends/lxc/LxcState.h"
@@ -32,7 +33,6 @@ struct ContainerLife {
     std::optional<std::vector<Address>> addresses;  ///< the kernel's; absent: not read yet, or they cannot be
     bool lacksDescriptors = false;                  ///< they cannot be read because the agent has too many files open
     bool cutIsLogged = false;                       ///< that it has more addresses than are published
-    Clock::time_point heldUntil;  ///< nothing new is published of the container before, for they may yet be read
 
     /// @return whether an init process is being watched that has not ended
     bool watched() const { return pidfd != nullptr; }
@@ -44,8 +44,15 @@ struct ContainerRecord {
     int folderWatch = -1;
     bool defined = false;  ///< has a config, and its creation has finished
 
-    FileStamp configStamp;  ///< of the config that was last opened
-    bool malformed = false;
+    bool filesKnown = false;   ///< its folder has been read
+    unsigned filesNeeded = 0;  ///< what is to be read again once the call that reads its folder has returned; Need bits
+    unsigned rootNeeded = 0;   ///< likewise of the one that reads its root
+    uid_t owner = 0;           ///< of its folder
+    std::shared_ptr<const ConfigParts> config;  ///< that was last read
+    std::string configFault;                    ///< why it was not taken; empty: it was
+    Clock::time_point retryAt;                  ///< when it is read again though it has not changed
+    Clock::duration retryDelay{};
+    std::string filesProblem;  ///< last complaint about a file system that does not answer
     std::string hostname;
     std::string rootfs;
     std::optional<std::vector<Address>> configured;  ///< addresses that the config gives it; absent: never read
@@ -60,10 +67,17 @@ struct ContainerRecord {
     std::optional<Template> os;  ///< last known; stays when a root file system is out of reach while stopped
 
     Status status;
+    bool answered = false;         ///< the status has been found out, or cannot be
+    OwnedDescriptor monitor;       ///< a connection that its monitor has not taken up yet; none: nothing is asked
+    std::uint64_t monitorId = 0;   ///< names it in the worker's poll set
+    Clock::time_point monitorDue;  ///< when it counts as silent
+    std::string monitorProblem;    ///< last complaint about its command socket
     ContainerLife life;
-    pid_t endedPid = -1;      ///< init process that has ended, which LXC may still report for a moment
-    unsigned settleStep = 0;  ///< how many rechecks have followed the last sign of a change
-    bool settling = false;    ///< a sign of a change was seen, and no stable state since
+    bool lacksAddresses = false;  ///< those of a new run are being read
+    bool lacksOs = false;  ///< its os-release is being read for the first time, or for the first time in this run
+    Clock::time_point heldUntil;  ///< while either is so, nothing new is published of the container before
+    unsigned settleStep = 0;      ///< how many rechecks have followed the last sign of a change
+    bool settling = false;        ///< a sign of a change was seen, and no stable state since
     unsigned unansweredTries = 0;
     Clock::time_point lastLook;
 
@@ -73,22 +87,15 @@ struct ContainerRecord {
 };
 
 /// @brief Puts together what is published of a container.
-/// A container whose config liblxc cannot read is published too, as far as it is known: it exists, and a row that
-/// vanishes would look like a deleted container. Its state is unknown unless its init process is being watched.
-/// Addresses are the kernel's while they are known, else the configured ones; with a config that cannot be read the
+/// A container whose config cannot be read is published too, with what was last known of it: it exists, and a row that
+/// vanishes would look like a deleted container. Its state does not depend on the config.
+/// Addresses are the kernel's while they are known, else the configured ones; where the config has never been read the
 /// list is absent.
 Environment environmentOf(const ContainerRecord& record);
 
-/// @brief Reads `kx.toml` again. A wrong one is complained about once a change, the last good one stays; a missing one
-/// means that nothing is noted.
+/// @brief Takes a `kx.toml` that was read. A wrong one is complained about once a change, the last good one stays; a
+/// missing one means that nothing is noted.
 /// @param path LXC's path
-void readNotes(ContainerRecord& record, const std::string& path, const LogSink& log);
-
-/// @brief Reads the os-release again: in the root file system's folder; where that is none, inside the running
-/// container.
-void readOs(ContainerRecord& record);
-
-/// @brief Whether readOs() would find another file than last time. Costs one or two lookups.
-bool osChanged(const ContainerRecord& record);
+void takeNotes(ContainerRecord& record, const std::string& path, const FileText& file, const LogSink& log);
 
 }  // namespace kx::agent::lxc

@@ -26,6 +26,9 @@ CounterNames namesOf(std::vector<std::string> names) {
     return std::make_shared<const std::vector<std::string>>(std::move(names));
 }
 
+/// For all quotas to be read; those of a file system that does not answer are not waited for so long.
+constexpr std::chrono::milliseconds kQuotaLimit{1000};
+
 /// The kernel wraps its counters around at 64 bits; so does whoever adds them up.
 std::int64_t signedValue(std::uint64_t value) {
     return static_cast<std::int64_t>(value);
@@ -106,6 +109,8 @@ void CounterThread::answer(const std::vector<CounterTarget>& targets, const std:
 std::optional<CounterImage> CounterThread::readAll(const std::vector<CounterTarget>& targets) {
     CounterTable network{kNetworkClass, networkNames_, {}};
     CounterTable quota{kQuotaClass, quotaNames_, {}};
+    std::vector<const CounterTarget*> running;
+    startQuotas(targets);
     for (const CounterTarget& target : targets) {
         if (isEnding()) {
             return std::nullopt;
@@ -121,7 +126,11 @@ std::optional<CounterImage> CounterThread::readAll(const std::vector<CounterTarg
             rows.push_back({target.eid, "", std::vector<std::int64_t>(networkNames_->size(), 0)});
         }
         std::move(rows.begin(), rows.end(), std::back_inserter(network.rows));
-        quota.rows.push_back(quotaRow(target));
+        running.push_back(&target);
+    }
+    quotas_.finishAll(kQuotaLimit);
+    for (const CounterTarget* target : running) {
+        quota.rows.push_back(quotaRow(*target));
     }
     CounterImage image{std::chrono::steady_clock::now(), {}};
     image.tables.push_back(std::move(network));
@@ -158,8 +167,22 @@ std::vector<CounterRow> CounterThread::networkRows(const CounterTarget& target) 
     return rows;
 }
 
+/// One whose file system does not answer keeps its last reading.
+void CounterThread::startQuotas(const std::vector<CounterTarget>& targets) {
+    auto known = std::exchange(readings_, {});
+    for (const CounterTarget& target : targets) {
+        const auto before = known.find(target.eid);
+        readings_[target.eid] = before != known.end() ? before->second : QuotaReading{{}, ENOENT};
+        quotas_.start(
+            target.eid.toWire(),
+            [this, eid = target.eid, folder = target.rootFolder, veid = target.veid]() -> DetachedCalls::Finish {
+                return [this, eid, reading = readDiskQuota(folder, veid)] { readings_[eid] = reading; };
+            });
+    }
+}
+
 CounterRow CounterThread::quotaRow(const CounterTarget& target) {
-    const QuotaReading reading = readDiskQuota(target.rootFolder, target.veid);
+    const QuotaReading& reading = readings_[target.eid];
     complainOfQuota(reading.error);
     const DiskQuota& quota = reading.quota;
     return {target.eid,

@@ -1,7 +1,8 @@
 // Reads the counters of running containers: what has passed through their interfaces, and their disk quotas.
 //
-// Reading thousands of containers takes a while, and a disk may keep a reader waiting; so it is done on a thread of its
-// own, apart from the worker that watches what containers do.
+// Reading thousands of containers takes a while, so it is done on a thread of its own, apart from the worker that
+// watches what containers do. A disk may keep a reader of quotas waiting, perhaps for ever; they are read by
+// DetachedCalls.
 //
 // Threads: setTargets() and read() from any thread, at once; the sink is called on this object's own thread, which has
 // every signal blocked.
@@ -22,6 +23,7 @@
 #include "agent/backends/lxc/LogSink.h"
 #include "agent/backends/lxc/NetDevText.h"
 #include "agent/backends/lxc/NetworkSpace.h"
+#include "agent/base/DetachedCalls.h"
 #include "agent/base/OwnedDescriptor.h"
 #include "agent/base/Worker.h"
 #include "agent/counters/CounterImage.h"
@@ -65,6 +67,7 @@ private:
     std::optional<CounterImage> readAll(const std::vector<CounterTarget>& targets);
     bool isEnding();
     std::vector<CounterRow> networkRows(const CounterTarget& target);
+    void startQuotas(const std::vector<CounterTarget>& targets);
     CounterRow quotaRow(const CounterTarget& target);
     void complainOfQuota(int error);
 
@@ -72,6 +75,8 @@ private:
     const CounterNames networkNames_;
     const CounterNames quotaNames_;
     NetworkTraveller traveller_;
+    std::map<Eid, QuotaReading> readings_;  ///< the thread's own, like all above: the last of each container
+    DetachedCalls quotas_{"quotas"};
     bool quotaIsMissed_ = false;  ///< that there are no project quotas has been logged
 
     std::mutex mutex_;  ///< over the next four

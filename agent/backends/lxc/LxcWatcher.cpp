@@ -18,8 +18,11 @@
 namespace kx::agent::lxc {
 namespace {
 
-/// A monitor that works answers within a millisecond; one that sets a container up within 20.
+/// A question to a monitor that has just taken up a connection.
 constexpr std::chrono::milliseconds kAnswerLimit{100};
+
+/// The first list is not waited for any longer; a host of 10,000 containers takes a second.
+constexpr std::chrono::milliseconds kFirstListLimit{2500};
 
 /// After a file was written or its folder changed: editors and tools do several things in a row.
 constexpr std::chrono::milliseconds kFileQuiet{20};
@@ -30,6 +33,7 @@ constexpr std::chrono::milliseconds kNewFileQuiet{100};
 constexpr std::uint64_t kStopTag = 1;
 constexpr std::uint64_t kInotifyTag = 2;
 constexpr std::uint64_t kAddressTag = 3;
+constexpr std::uint64_t kFilesTag = 4;
 constexpr std::uint64_t kFirstLifeId = 16;
 
 }  // namespace
@@ -44,6 +48,7 @@ LxcWatcher::LxcWatcher(LxcSettings settings, ContainersSink sink, RunningSink ru
       poll_(descriptorOrThrow(::epoll_create1(EPOLL_CLOEXEC), "epoll")),
       stopEvent_(makeEventDescriptor()),
       lastLifeId_(kFirstLifeId),
+      begunAt_(Clock::now()),
       thread_("containers") {
     if (!watchPath()) {
         throw std::runtime_error(
@@ -52,6 +57,7 @@ LxcWatcher::LxcWatcher(LxcSettings settings, ContainersSink sink, RunningSink ru
     addToPoll(stopEvent_.get(), kStopTag);
     addToPoll(inotify_.descriptor(), kInotifyTag);
     addToPoll(addressWatch_.descriptor(), kAddressTag);
+    addToPoll(files_.descriptor(), kFilesTag);
     thread_.start([this] { run(); });
 }
 
@@ -107,12 +113,16 @@ void LxcWatcher::handleEvents() {
         const std::uint64_t tag = events[static_cast<std::size_t>(i)].data.u64;
         if (tag >= kFirstLifeId) {
             lifeEnded(tag);
+            monitorAnswers(tag);
         }
         if (tag == kInotifyTag && !inotify_.take([this](const Inotify::Notice& one) { notice(one); })) {
             compareAllAt_ = Clock::now();
         }
         if (tag == kAddressTag) {
             takeAddressReports();
+        }
+        if (tag == kFilesTag) {
+            files_.finish();
         }
     }
 }
@@ -164,7 +174,7 @@ void LxcWatcher::pathNotice(const Inotify::Notice& notice) {
 void LxcWatcher::folderNotice(const Inotify::Notice& notice) {
     const auto due = Clock::now() + ((notice.mask & IN_CREATE) != 0 ? kNewFileQuiet : kFileQuiet);
     if (notice.name == "config" || notice.name == "partial") {
-        rechecks_.add(notice.owner, kNeedLook | kNeedOs, due);
+        rechecks_.add(notice.owner, kNeedConfig, due);
     }
     if (notice.name == "kx.toml") {
         rechecks_.add(notice.owner, kNeedNotes, due);
@@ -177,7 +187,6 @@ void LxcWatcher::lifeEnded(std::uint64_t id) {
     if (record == records_.end()) {
         return;
     }
-    record->second.endedPid = record->second.life.initPid;
     forgetLife(record->second);
     stir(record->second);
 }
@@ -203,12 +212,13 @@ void LxcWatcher::assignVeIds() {
 void LxcWatcher::publish() {
     // Looks may have taken longer than containers are held; what has been found out meanwhile is to be in it.
     takeAddressReports();
+    // The first list waits for every container that has not been silent yet; later ones show a held container as it
+    // was.
+    if (!begun_ && isAnyUnknown() && Clock::now() < begunAt_ + kFirstListLimit) {
+        return;
+    }
     if (veIdsStale_) {
         assignVeIds();
-    }
-    // The first list is whole, so it waits for every container; later ones show a held container as it was before.
-    if (!begun_ && isAnyUnknown()) {
-        return;
     }
     // What could not be published, for lack of memory, is so with the next change.
     if (changed_) {

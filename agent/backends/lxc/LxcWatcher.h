@@ -2,6 +2,7 @@
 //
 // How a change is noticed:
 //   created, renamed, deleted, config or kx.toml edited   inotify on LXC's path and on each container's folder
+//   files         read on helper threads (DetachedCalls): a file system that does not answer costs its container only
 //   started       inotify where cgroups of containers appear; then short rechecks, for LXC reports "running" some
 //                 5-20 ms later. A start that waits in its first hook has no cgroup yet, and a configuration may put
 //                 the cgroups elsewhere: a look at the kernel's list of sockets, twice a second, finds those
@@ -29,6 +30,8 @@
 
 #include "agent/backends/lxc/AddressWatch.h"
 #include "agent/backends/lxc/CgroupTree.h"
+#include "agent/backends/lxc/CommandSocket.h"
+#include "agent/backends/lxc/ContainerFiles.h"
 #include "agent/backends/lxc/ContainerProbe.h"
 #include "agent/backends/lxc/ContainerRecord.h"
 #include "agent/backends/lxc/CounterThread.h"
@@ -38,6 +41,7 @@
 #include "agent/backends/lxc/RecheckList.h"
 #include "agent/backends/lxc/StuckCallBreaker.h"
 #include "agent/backends/lxc/VeIdStore.h"
+#include "agent/base/DetachedCalls.h"
 #include "agent/base/Worker.h"
 
 namespace kx::agent::lxc {
@@ -59,7 +63,8 @@ public:
     /// @throws std::runtime_error when neither LXC's path nor its parent folder can be watched
     LxcWatcher(LxcSettings settings, ContainersSink sink, RunningSink running, LogSink log);
 
-    /// @brief Stops and joins the worker; it waits for a call into liblxc or to the disk that is under way.
+    /// @brief Stops and joins the worker; it waits for no container's files or monitor, but may wait for a file system
+    /// that holds LXC's path itself.
     ~LxcWatcher();
 
     LxcWatcher(const LxcWatcher&) = delete;
@@ -91,23 +96,36 @@ private:
 
     // One container: LxcWatcherLook.cpp
     void ensureRecord(const std::string& name, Clock::duration delay);
-    int watchFolder(const std::string& name);
     void dropRecord(const std::string& name);
     void stir(ContainerRecord& record);
     void attend(ContainerRecord& record, unsigned needs);
     void look(ContainerRecord& record);
+    bool isTrusted(ContainerRecord& record, const MonitorConnection& connection);
+    void waitForMonitor(ContainerRecord& record, OwnedDescriptor connection);
+    void monitorAnswers(std::uint64_t id);
+    void forgetMonitor(ContainerRecord& record);
     void setDefined(ContainerRecord& record, bool defined);
-    void takeConfiguration(ContainerRecord& record, const ContainerProbe& probe);
-    void takeState(ContainerRecord& record, const ContainerProbe& probe);
+    void takeState(ContainerRecord& record, const MonitorAnswer& answer);
     void takeNoAnswer(ContainerRecord& record);
-    void takeMalformed(ContainerRecord& record, bool fresh);
     bool watchLife(ContainerRecord& record, pid_t initPid);
     void forgetLife(ContainerRecord& record);
     void lookAtFreezer(ContainerRecord& record);
-    void scheduleNext(ContainerRecord& record, ProbeResult result);
+    void scheduleNext(ContainerRecord& record, bool answered);
     void refresh(ContainerRecord& record);
     bool hasPayloadCgroup(const std::string& name) const;
     void logOnChange(std::string& last, Severity severity, const std::string& line);
+
+    // Files of a container: LxcWatcherFiles.cpp
+    void readFolder(ContainerRecord& record, unsigned needs);
+    void takeFolder(const std::string& name, const FolderFiles& files);
+    void watchFolder(ContainerRecord& record);
+    void takeConfig(ContainerRecord& record, const ConfigText& read);
+    void takeValues(ContainerRecord& record, const ContainerConfig& config);
+    void complainOfConfig(ContainerRecord& record, const std::string& fault);
+    void readRoot(ContainerRecord& record, unsigned needs);
+    void takeOs(const std::string& name, const std::optional<OsReleaseFile>& found);
+    void complainOfFiles(ContainerRecord& record);
+    bool isBeingRead(const ContainerRecord& record) const;
 
     // Addresses of running containers: LxcWatcherAddresses.cpp
     void watchAddresses(ContainerRecord& record);
@@ -118,6 +136,11 @@ private:
     bool isHeld(const ContainerRecord& record) const;
     bool isAnyUnknown() const;
 
+    /// How long what is new of a container is held back for its addresses and its os-release. Reading them takes well
+    /// under a millisecond; where the kernel or a disk is held up, the container appears with its configured addresses
+    /// and gets its own later.
+    static constexpr std::chrono::milliseconds kHold{100};
+
     const LxcSettings settings_;
     const ContainersSink sink_;
     const RunningSink running_;
@@ -125,13 +148,15 @@ private:
     VeIdStore veIds_;
     StuckCallBreaker breaker_;
     AddressWatch addressWatch_;
+    DetachedCalls files_{"files"};
     Inotify inotify_;
     OwnedDescriptor poll_;
     OwnedDescriptor stopEvent_;
 
     std::map<std::string, ContainerRecord> records_;
-    std::map<std::uint64_t, std::string> nameOfLife_;  ///< whose init process a pidfd in the poll set is
-    std::uint64_t lastLifeId_;
+    std::map<std::uint64_t, std::string> nameOfLife_;     ///< whose init process a pidfd in the poll set is
+    std::map<std::uint64_t, std::string> nameOfMonitor_;  ///< whose monitor a connection in the poll set waits for
+    std::uint64_t lastLifeId_;                            ///< last number given to either
     RecheckList rechecks_;
     CgroupTree cgroups_;
     std::map<std::string, int> cgroupWatches_;
@@ -139,6 +164,7 @@ private:
     int parentWatch_ = -1;
     FileStamp pathStamp_;
 
+    const Clock::time_point begunAt_;
     Clock::time_point compareAllAt_;
     Clock::time_point askForStartsAt_;
     unsigned comparisons_ = 0;

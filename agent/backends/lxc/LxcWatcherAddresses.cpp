@@ -9,16 +9,10 @@
 #include "wire/Protocol.h"
 
 namespace kx::agent::lxc {
-namespace {
-
-/// How long what is new of a container is held back for its addresses. Reading them takes well under a millisecond;
-/// where the kernel is held up, the container appears with its configured addresses and gets its own later.
-constexpr std::chrono::milliseconds kHold{100};
-
-}  // namespace
 
 void LxcWatcher::watchAddresses(ContainerRecord& record) {
-    record.life.heldUntil = Clock::now() + kHold;
+    record.lacksAddresses = true;
+    record.heldUntil = Clock::now() + kHold;
     addressWatch_.watch(record.life.id, record.life.initPid, record.life.pidfd);
 }
 
@@ -44,7 +38,7 @@ void LxcWatcher::takeAddressReports() {
 void LxcWatcher::takeAddresses(ContainerRecord& record, AddressReport report) {
     complainOfAddresses(record, report);
     record.life.addresses = std::move(report.addresses);
-    record.life.heldUntil = {};
+    record.lacksAddresses = false;
     if (record.defined) {
         refresh(record);
     }
@@ -74,13 +68,15 @@ void LxcWatcher::complainOfAddresses(ContainerRecord& record, const AddressRepor
 }
 
 bool LxcWatcher::isHeld(const ContainerRecord& record) const {
-    return record.life.watched() && Clock::now() < record.life.heldUntil;
+    return (record.lacksOs || (record.lacksAddresses && record.life.watched())) && Clock::now() < record.heldUntil;
 }
 
 /// @return whether there is a container of which nothing can be published yet
 bool LxcWatcher::isAnyUnknown() const {
-    return std::any_of(records_.begin(), records_.end(),
-                       [](const auto& one) { return one.second.defined && !one.second.published; });
+    return std::any_of(records_.begin(), records_.end(), [this](const auto& one) {
+        const ContainerRecord& record = one.second;
+        return isBeingRead(record) || (record.defined && !record.published);
+    });
 }
 
 }  // namespace kx::agent::lxc

@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "agent/backends/lxc/CommandSocket.h"
+#include "agent/backends/lxc/ContainerProbe.h"
 #include "agent/backends/lxc/Descriptors.h"
 #include "agent/backends/lxc/LxcWatcher.h"
 #include "wire/Protocol.h"
@@ -26,8 +28,10 @@ constexpr unsigned kSettleSteps = std::size(kSettleDelays);
 /// While a transition lasts longer than that: hooks, a shutdown that takes its time.
 constexpr milliseconds kTransitionDelay{250};
 
-/// Where the last look cost the whole time limit. Leaves most of the time to the other containers; much longer, and
-/// the end of a long start would be seen late, for nothing tells of it. A cgroup that appears cuts it short.
+/// A monitor that works answers within a millisecond; one that sets a container up within 20.
+constexpr milliseconds kAnswerLimit{100};
+
+/// Between looks at one that does not; the end of its silence is seen at once.
 constexpr milliseconds kNoAnswerDelay{400};
 
 /// Many notices come with one start; they are one look.
@@ -36,9 +40,6 @@ constexpr milliseconds kBetweenLooks{3};
 /// Unanswered looks in a row before it is worth a log line.
 constexpr unsigned kUnansweredTriesLogged = 10;
 
-constexpr std::uint32_t kContainerEvents =
-    IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_CLOSE_WRITE | IN_ONLYDIR;
-
 }  // namespace
 
 void LxcWatcher::ensureRecord(const std::string& name, Clock::duration delay) {
@@ -46,26 +47,10 @@ void LxcWatcher::ensureRecord(const std::string& name, Clock::duration delay) {
     if (name.empty() || name.front() == '.' || records_.count(name) != 0) {
         return;
     }
-    const int watch = watchFolder(name);
-    if (watch < 0 && (errno == ENOENT || errno == ENOTDIR)) {
-        return;
-    }
-    if (watch < 0) {
-        logOnChange(watchProblem_, Severity::Warning,
-                    fmt::format("not every container can be watched: {} (see fs.inotify.max_user_watches); changes of "
-                                "the others are noticed every few seconds only",
-                                std::strerror(errno)));
-    }
     ContainerRecord& record = records_[name];
     record.name = name;
-    record.folderWatch = watch;
     record.eid = Eid::fromName(settings_.machineId, "lxc/" + name);
-    rechecks_.add(name, kNeedAll, Clock::now() + delay);
-}
-
-int LxcWatcher::watchFolder(const std::string& name) {
-    const std::string folder = fmt::format("{}/{}", settings_.path, name);
-    return inotify_.add(Inotify::Kind::Container, name, folder, kContainerEvents);
+    rechecks_.add(name, kNeedConfig | kNeedNotes, Clock::now() + delay);
 }
 
 void LxcWatcher::dropRecord(const std::string& name) {
@@ -74,7 +59,6 @@ void LxcWatcher::dropRecord(const std::string& name) {
         return;
     }
     setDefined(record->second, false);
-    forgetLife(record->second);
     inotify_.remove(record->second.folderWatch);
     rechecks_.remove(name);
     records_.erase(record);
@@ -87,59 +71,92 @@ void LxcWatcher::stir(ContainerRecord& record) {
 }
 
 void LxcWatcher::attend(ContainerRecord& record, unsigned needs) {
-    if ((needs & kNeedLook) != 0) {
+    if ((needs & kNeedFiles) != 0) {
+        readFolder(record, needs & kNeedFiles);
+    }
+    if ((needs & (kNeedOs | kNeedOsCheck)) != 0) {
+        readRoot(record, needs & (kNeedOs | kNeedOsCheck));
+    }
+    if (record.defined && (needs & kNeedLook) != 0) {
         look(record);
     }
     // A look that LXC does not answer says nothing of the freezer, and one notice must not swallow the other.
     if ((needs & kNeedFreezer) != 0) {
         lookAtFreezer(record);
     }
-    if ((needs & kNeedNotes) != 0) {
-        readNotes(record, settings_.path, log_);
+    if (record.defined) {
+        refresh(record);
     }
-    if ((needs & kNeedOs) != 0) {
-        readOs(record);
+}
+
+/// Connects to the container's monitor; it is asked once it has shown that it answers, so that nobody waits for one
+/// that does not. A connection that is not taken up is kept: its end tells that the monitor answers again, or has gone.
+void LxcWatcher::look(ContainerRecord& record) {
+    record.lastLook = Clock::now();
+    if (record.monitor && record.lastLook < record.monitorDue) {
+        rechecks_.add(record.name, kNeedLook, record.monitorDue);
+        return;
+    }
+    if (record.monitor) {
+        takeNoAnswer(record);
+        return;
+    }
+    MonitorConnection connection = connectToMonitor(commandSocketName(settings_.path, record.name));
+    if (connection.isFull) {
+        takeNoAnswer(record);
+    } else if (isTrusted(record, connection)) {
+        waitForMonitor(record, std::move(connection.socket));
+    } else {
+        takeState(record, {});
+    }
+}
+
+/// Any local user may take the name of a stopped container's socket, and say that it runs.
+bool LxcWatcher::isTrusted(ContainerRecord& record, const MonitorConnection& connection) {
+    const bool trusted = connection.owner == 0 || connection.owner == record.owner;
+    logOnChange(
+        record.monitorProblem, Severity::Warning,
+        trusted ? ""
+                : fmt::format("container {}: its command socket belongs to a process of uid {}, which is neither root "
+                              "nor the owner of its folder; it is taken for stopped",
+                              wire::printable(record.name), connection.owner));
+    return trusted && connection.socket;
+}
+
+void LxcWatcher::waitForMonitor(ContainerRecord& record, OwnedDescriptor connection) {
+    record.monitor = std::move(connection);
+    record.monitorId = ++lastLifeId_;
+    record.monitorDue = Clock::now() + kAnswerLimit;
+    nameOfMonitor_[record.monitorId] = record.name;
+    addToPoll(record.monitor.get(), record.monitorId);
+    rechecks_.add(record.name, kNeedLook, record.monitorDue);
+}
+
+void LxcWatcher::monitorAnswers(std::uint64_t id) {
+    const auto name = nameOfMonitor_.find(id);
+    const auto place = name != nameOfMonitor_.end() ? records_.find(name->second) : records_.end();
+    if (place == records_.end()) {
+        return;
+    }
+    ContainerRecord& record = place->second;
+    forgetMonitor(record);
+    const auto answer = askMonitor(settings_.path, record.name, breaker_);
+    // Between the connection and the question somebody else may have taken the name.
+    const bool same = !answer || !isAlive(answer->lxcState) ||
+                      isTrusted(record, connectToMonitor(commandSocketName(settings_.path, record.name)));
+    if (answer) {
+        takeState(record, same ? *answer : MonitorAnswer());
+    } else {
+        takeNoAnswer(record);
     }
     if (record.defined) {
         refresh(record);
     }
 }
 
-void LxcWatcher::look(ContainerRecord& record) {
-    const FileStamp stamp = stampAt(AT_FDCWD, fmt::format("{}/{}/config", settings_.path, record.name).c_str());
-    const bool fresh = stamp != record.configStamp;
-    // liblxc complains on standard error each time it opens a configuration that it cannot read.
-    if (record.malformed && !fresh) {
-        if (!record.life.watched()) {
-            record.status = {};
-        }
-        return;
-    }
-    const ContainerProbe probe = probeContainer(settings_.path, record.name, breaker_);
-    record.lastLook = Clock::now();
-    if (probe.result != ProbeResult::Busy) {
-        record.configStamp = stamp;
-    }
-    switch (probe.result) {
-        case ProbeResult::Gone:
-            setDefined(record, false);
-            forgetLife(record);
-            break;
-        case ProbeResult::Malformed:
-            takeMalformed(record, fresh);
-            break;
-        case ProbeResult::Busy:
-            break;
-        case ProbeResult::NoAnswer:
-            takeConfiguration(record, probe);
-            takeNoAnswer(record);
-            break;
-        case ProbeResult::Done:
-            takeConfiguration(record, probe);
-            takeState(record, probe);
-            break;
-    }
-    scheduleNext(record, probe.result);
+void LxcWatcher::forgetMonitor(ContainerRecord& record) {
+    nameOfMonitor_.erase(record.monitorId);
+    record.monitor.reset();
 }
 
 void LxcWatcher::setDefined(ContainerRecord& record, bool defined) {
@@ -148,36 +165,12 @@ void LxcWatcher::setDefined(ContainerRecord& record, bool defined) {
     }
     record.defined = defined;
     changed_ = veIdsStale_ = true;
-}
-
-void LxcWatcher::takeConfiguration(ContainerRecord& record, const ContainerProbe& probe) {
-    if (record.malformed) {
-        log_(Severity::Info, fmt::format("container {}: its config can be read again", wire::printable(record.name)));
+    if (defined) {
+        rechecks_.add(record.name, kNeedLook, Clock::now());
+    } else {
+        forgetMonitor(record);
+        forgetLife(record);
     }
-    record.malformed = false;
-    record.hostname = probe.hostname;
-    record.rootfs = probe.rootfs;
-    record.configured = probe.addresses;
-    logOnChange(record.configProblem, Severity::Warning,
-                probe.networksLeftOut == 0
-                    ? ""
-                    : fmt::format("container {}: {} of its networks have a number above {} in their keys; their "
-                                  "addresses are not published while it is stopped",
-                                  wire::printable(record.name), probe.networksLeftOut, kMaxNetworks - 1));
-    setDefined(record, true);
-}
-
-void LxcWatcher::takeMalformed(ContainerRecord& record, bool fresh) {
-    if (!record.malformed || fresh) {
-        log_(Severity::Error,
-             fmt::format("container {}: liblxc cannot read {}/{}/config; its state is unknown until that is mended",
-                         wire::printable(record.name), settings_.path, wire::printable(record.name)));
-    }
-    record.malformed = true;
-    if (!record.life.watched()) {
-        record.status = {};
-    }
-    setDefined(record, true);
 }
 
 void LxcWatcher::takeNoAnswer(ContainerRecord& record) {
@@ -185,6 +178,8 @@ void LxcWatcher::takeNoAnswer(ContainerRecord& record) {
         log_(Severity::Warning,
              fmt::format("container {}: its monitor is there but does not answer", wire::printable(record.name)));
     }
+    record.answered = true;
+    scheduleNext(record, false);
     if (record.life.watched()) {
         return;
     }
@@ -194,21 +189,18 @@ void LxcWatcher::takeNoAnswer(ContainerRecord& record) {
     record.status = mayHang ? Status{} : Status{State::Stopped, Transition::Starting};
 }
 
-void LxcWatcher::takeState(ContainerRecord& record, const ContainerProbe& probe) {
+void LxcWatcher::takeState(ContainerRecord& record, const MonitorAnswer& answer) {
+    record.answered = true;
     record.unansweredTries = 0;
-    record.status = statusOf(probe.lxcState);
-    if (!isAlive(probe.lxcState)) {
+    record.status = statusOf(answer.lxcState);
+    if (!isAlive(answer.lxcState)) {
         forgetLife(record);
-        if (record.status.transition == Transition::None) {
-            record.endedPid = -1;
-        }
-        return;
-    }
-    if (watchLife(record, probe.initPid)) {
+    } else if (watchLife(record, answer.initPid)) {
         lookAtFreezer(record);
     } else {
         record.status = {State::Running, Transition::Stopping};
     }
+    scheduleNext(record, true);
 }
 
 /// @return false when the init process has ended, though LXC has not noticed it yet
@@ -217,11 +209,9 @@ bool LxcWatcher::watchLife(ContainerRecord& record, pid_t initPid) {
         return true;
     }
     forgetLife(record);
-    if (initPid <= 0 || initPid == record.endedPid) {
-        return false;
-    }
     OwnedDescriptor pidfd = openPidfd(initPid);
-    if (!pidfd) {
+    // LXC may call it running for a moment longer than it does.
+    if (!pidfd || hasEnded(pidfd.get())) {
         return false;
     }
     ContainerLife& life = record.life;
@@ -243,7 +233,8 @@ bool LxcWatcher::watchLife(ContainerRecord& record, pid_t initPid) {
         life.freezerWatches[1] = v1 ? -1 : watch(life.freezer->freeze);
     }
     // It may have been upgraded, and it may be within reach only now.
-    readOs(record);
+    record.lacksOs = true;
+    readRoot(record, kNeedOs);
     return true;
 }
 
@@ -274,14 +265,14 @@ void LxcWatcher::lookAtFreezer(ContainerRecord& record) {
     }
 }
 
-void LxcWatcher::scheduleNext(ContainerRecord& record, ProbeResult result) {
-    if (result == ProbeResult::Gone || result == ProbeResult::Malformed || record.life.watched()) {
+void LxcWatcher::scheduleNext(ContainerRecord& record, bool answered) {
+    if (record.life.watched()) {
         record.settling = false;
         return;
     }
-    const bool underWay = record.status.transition != Transition::None || result != ProbeResult::Done;
+    const bool underWay = !answered || record.status.transition != Transition::None;
     std::optional<milliseconds> delay;
-    if (result == ProbeResult::NoAnswer) {
+    if (!answered) {
         delay = kNoAnswerDelay;
     } else if ((record.settling || underWay) && record.settleStep < kSettleSteps) {
         delay = kSettleDelays[record.settleStep++];
@@ -296,8 +287,11 @@ void LxcWatcher::scheduleNext(ContainerRecord& record, ProbeResult result) {
 }
 
 void LxcWatcher::refresh(ContainerRecord& record) {
+    if (!record.answered) {
+        return;
+    }
     if (isHeld(record)) {
-        rechecks_.add(record.name, kNeedNothing, record.life.heldUntil);
+        rechecks_.add(record.name, kNeedNothing, record.heldUntil);
         return;
     }
     Environment fresh = environmentOf(record);

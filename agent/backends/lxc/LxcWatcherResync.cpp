@@ -110,31 +110,23 @@ void LxcWatcher::listFolders() {
 }
 
 void LxcWatcher::compare(ContainerRecord& record, const std::set<std::string, std::less<>>& sockets) {
-    const std::string folder = fmt::format("{}/{}", settings_.path, record.name);
-    unsigned needs = kNeedNothing;
-    if (stampAt(AT_FDCWD, (folder + "/config").c_str()) != record.configStamp) {
-        needs |= kNeedLook | kNeedOs;
-    }
-    if (stampAt(AT_FDCWD, (folder + "/kx.toml").c_str()) != record.notesStamp) {
-        needs |= kNeedNotes;
-    }
-    if (!inotify_.has(record.folderWatch)) {
-        record.folderWatch = watchFolder(record.name);
+    unsigned needs = kNeedFileCheck;
+    complainOfFiles(record);
+    if (!record.configFault.empty() && Clock::now() >= record.retryAt) {
+        needs |= kNeedConfig;
     }
     const bool mayRun = sockets.count(commandSocketName(settings_.path, record.name)) != 0;
-    if (record.defined && !record.malformed && mayRun != record.life.watched()) {
+    if (record.defined && mayRun != record.life.watched()) {
         needs |= kNeedLook;
     }
     if (record.life.watched()) {
         needs |= kNeedFreezer;
     }
     const bool turn = std::hash<std::string>()(record.name) % kOsRounds == comparisons_ % kOsRounds;
-    if (record.defined && turn && osChanged(record)) {
-        needs |= kNeedOs;
+    if (record.defined && turn) {
+        needs |= kNeedOsCheck;
     }
-    if (needs != kNeedNothing) {
-        rechecks_.add(record.name, needs, Clock::now());
-    }
+    rechecks_.add(record.name, needs, Clock::now());
 }
 
 /// The monitor's socket is there before the container's first hook runs and before there is a cgroup.
@@ -145,9 +137,9 @@ void LxcWatcher::askForStarts() {
         return;
     }
     for (const auto& [name, record] : records_) {
-        // One whose monitor does not answer is asked at longer intervals, for each look waits out the time limit.
-        const bool resting = record.defined && !record.malformed && !record.life.watched() && !record.settling &&
-                             record.unansweredTries == 0;
+        // The end of a monitor's silence is seen without asking.
+        const bool resting =
+            record.defined && !record.life.watched() && !record.settling && record.unansweredTries == 0;
         if (resting && sockets.count(commandSocketName(settings_.path, name)) != 0) {
             rechecks_.add(name, kNeedLook, Clock::now());
         }

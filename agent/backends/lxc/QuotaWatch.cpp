@@ -48,15 +48,23 @@ void QuotaWatch::take() {
 }
 
 void QuotaWatch::lookAtAll() {
-    for (auto& [eid, watched] : watched_) {
-        if (isEnding()) {
-            return;
-        }
-        // Where there is no quota, or no folder any more, the reading has no limits: nothing runs out.
-        const QuotaReading reading = reader_(watched.target.rootFolder, watched.target.project);
-        for (AlertSignal& signal : watched.alarms.look(reading.quota)) {
-            sink_(std::move(signal));
-        }
+    for (const auto& [eid, watched] : watched_) {
+        readings_.start(
+            eid.toWire(), [this, reader = reader_, eid = eid, target = watched.target]() -> DetachedCalls::Finish {
+                return [this, eid, reading = reader(target.rootFolder, target.project)] { look(eid, reading); };
+            });
+    }
+    readings_.finishAll(period_);
+}
+
+void QuotaWatch::look(const Eid& eid, const QuotaReading& reading) {
+    const auto place = watched_.find(eid);
+    if (place == watched_.end()) {
+        return;
+    }
+    // Where there is no quota, or no folder any more, the reading has no limits: nothing runs out.
+    for (AlertSignal& signal : place->second.alarms.look(reading.quota)) {
+        sink_(std::move(signal));
     }
 }
 
@@ -68,11 +76,6 @@ bool QuotaWatch::isEndingWithin(std::unique_lock<std::mutex>& lock, std::chrono:
 QuotaTargets QuotaWatch::copyOfTargets() {
     const std::lock_guard lock(mutex_);
     return targets_;
-}
-
-bool QuotaWatch::isEnding() {
-    const std::lock_guard lock(mutex_);
-    return ending_;
 }
 
 }  // namespace kx::agent::lxc

@@ -2,8 +2,8 @@
 // refuses, so the quotas are looked at every few seconds; one that thousands of containers have costs some
 // milliseconds.
 //
-// Threads: setTargets() by the owner, one thread, at once; a disk may keep a reader waiting, so the looking is done on
-// a thread of this object's own, which has every signal blocked and calls the sink.
+// Threads: setTargets() by the owner, one thread, at once. A thread of this object's own calls the sink; the reader is
+// called on those of DetachedCalls, several at once, since a disk may keep it waiting, perhaps for ever.
 #pragma once
 
 #include <chrono>
@@ -16,6 +16,7 @@
 #include "agent/alerts/Alert.h"
 #include "agent/backends/lxc/DiskQuota.h"
 #include "agent/backends/lxc/QuotaAlarms.h"
+#include "agent/base/DetachedCalls.h"
 #include "agent/base/Worker.h"
 
 namespace kx::agent::lxc {
@@ -42,7 +43,7 @@ public:
     explicit QuotaWatch(std::function<void(AlertSignal)> sink, Reader reader = readDiskQuota,
                         std::chrono::milliseconds period = std::chrono::seconds(5));
 
-    /// @brief Stops and joins the thread, waiting for a look to end. What is raised stays raised.
+    /// @brief Stops and joins the thread. What is raised stays raised.
     ~QuotaWatch();
 
     QuotaWatch(const QuotaWatch&) = delete;
@@ -63,7 +64,7 @@ private:
     void take();
     void lookAtAll();
     QuotaTargets copyOfTargets();
-    bool isEnding();
+    void look(const Eid& eid, const QuotaReading& reading);
 
     const std::function<void(AlertSignal)> sink_;
     const Reader reader_;
@@ -74,7 +75,8 @@ private:
     QuotaTargets targets_;
     bool ending_ = false;
 
-    std::map<Eid, Watched> watched_;  ///< the thread's own
+    std::map<Eid, Watched> watched_;    ///< the thread's own
+    DetachedCalls readings_{"quotas"};  ///< likewise
 
     Worker thread_;
 };

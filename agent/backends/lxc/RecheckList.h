@@ -15,11 +15,14 @@ using Clock = std::chrono::steady_clock;
 /// What is to be read again of a container; bits.
 enum Need : unsigned {
     kNeedNothing = 0,
-    kNeedLook = 1,     ///< its configuration, and what its monitor says
-    kNeedFreezer = 2,  ///< its freezer
-    kNeedNotes = 4,    ///< its kx.toml
-    kNeedOs = 8,       ///< its os-release
-    kNeedAll = 15,
+    kNeedLook = 1,        ///< what its monitor says
+    kNeedFreezer = 2,     ///< its freezer
+    kNeedConfig = 4,      ///< its configuration
+    kNeedNotes = 8,       ///< its kx.toml
+    kNeedFileCheck = 16,  ///< either, where it has changed
+    kNeedOs = 32,         ///< its os-release
+    kNeedOsCheck = 64,    ///< likewise, where it has changed
+    kNeedFiles = kNeedConfig | kNeedNotes | kNeedFileCheck,
 };
 
 /// Deadlines of a few containers; the many that rest are not in it.
@@ -38,9 +41,6 @@ public:
     /// @brief Takes out what is due.
     /// @return names with their needs
     std::vector<std::pair<std::string, unsigned>> takeDue(Clock::time_point now);
-
-    /// @brief Forgets all.
-    void clear() { entries_.clear(); }
 
 private:
     struct Entry {

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -78,12 +79,29 @@ TEST(CommandSocketTest, ofThisHostAreFound) {
     EXPECT_EQ(presentCommandSockets().count(ownName("listed")), 1U);
 }
 
-TEST(CommandSocketTest, tellsAMonitorThatIsThereFromNoneAndFromOneThatHangs) {
-    EXPECT_EQ(monitorBehind(ownName("who")), Monitor::None);
+TEST(CommandSocketTest, AMonitorThatIsThereIsToldFromNoneAndFromOneThatHangs) {
+    const MonitorConnection none = connectToMonitor(ownName("who"));
+    EXPECT_FALSE(none.socket);
+    EXPECT_FALSE(none.isFull);
     const auto monitor = silentMonitor(ownName("who"), 0);
-    EXPECT_EQ(monitorBehind(ownName("who")), Monitor::Reachable);
-    // Its one place is taken now by the connection just given up.
-    EXPECT_EQ(monitorBehind(ownName("who")), Monitor::Full);
+    const MonitorConnection first = connectToMonitor(ownName("who"));
+    EXPECT_TRUE(first.socket);
+    EXPECT_EQ(first.owner, ::getuid());
+    // Its one place is taken now.
+    EXPECT_TRUE(connectToMonitor(ownName("who")).isFull);
+}
+
+TEST(CommandSocketTest, AConnectionEndsOnceTheMonitorTakesItUp) {
+    const auto monitor = silentMonitor(ownName("works"), 1);
+    const MonitorConnection connection = connectToMonitor(ownName("works"));
+    pollfd query{connection.socket.get(), POLLIN, 0};
+    EXPECT_EQ(::poll(&query, 1, 0), 0);
+    {
+        const OwnedDescriptor taken(::accept(monitor.get(), nullptr, nullptr));
+        char byte = 0;
+        EXPECT_EQ(::read(taken.get(), &byte, 1), 0) << "that nothing is asked is what makes it close";
+    }
+    EXPECT_EQ(::poll(&query, 1, 0), 1);
 }
 
 TEST(StuckCallBreakerTest, leavesAnAnsweredCallAlone) {

@@ -37,9 +37,15 @@ protected:
         watch_ = std::make_unique<ResourceWatch>(
             ResourceWatchSettings{host_, times_, folder_ / "vmstat"},
             [this](AlertSignal signal) {
-                const std::lock_guard lock(mutex_);
-                told_.push_back(std::move(signal));
-                changed_.notify_all();
+                const std::function<void()> first = std::exchange(duringNextSignal_, nullptr);
+                {
+                    const std::lock_guard lock(mutex_);
+                    told_.push_back(std::move(signal));
+                    changed_.notify_all();
+                }
+                if (first) {
+                    first();
+                }
             },
             [this](Severity, const std::string& line) {
                 const std::lock_guard lock(mutex_);
@@ -160,6 +166,7 @@ protected:
     const Eid host_ = eidOf("host");
     ResourceTimes times_;
     int happened_ = 0;
+    std::function<void()> duringNextSignal_;  ///< run by the watch's thread; set before it may tell anything
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<AlertSignal> told_;    ///< guarded by mutex_
@@ -320,6 +327,24 @@ TEST_F(ResourceWatchTest, aContainerThatDiesOfAnAnnouncedKillIsToldInTheHostsPla
     announceKill("web");
     watch_->untrack(eidOf("web"));
     hostKills(101);
+    EXPECT_TRUE(tells(kMemoryOomSource, kAlertCritical, eidOf("web")));
+    EXPECT_FALSE(tells(kHostOomSource, kAlertCritical, host_, 5 * times_.look));
+}
+
+// The kernel's notice and the end come while the watch is busy, so it learns of the end first.
+TEST_F(ResourceWatchTest, AKillAnnouncedRightBeforeAContainersEndIsItsOwn) {
+    folder_.write("web/cgroup.event_control", "");
+    folder_.write("db/cgroup.event_control", "");
+    duringNextSignal_ = [this] {
+        announceKill("web");
+        watch_->untrack(eidOf("web"));
+    };
+    start();
+    watch_->track(eidOf("web"), makeV1("web"));
+    watch_->track(eidOf("db"), makeV1("db"));
+    announceKill("db", [this] { replace("db/memory.oom_control", "oom_kill 1\n"); });
+    ASSERT_TRUE(tells(kMemoryOomSource, kAlertCritical, eidOf("db")));
+    hostKills(102);
     EXPECT_TRUE(tells(kMemoryOomSource, kAlertCritical, eidOf("web")));
     EXPECT_FALSE(tells(kHostOomSource, kAlertCritical, host_, 5 * times_.look));
 }
