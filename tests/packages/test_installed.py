@@ -166,6 +166,8 @@ def test_every_program_has_its_manual_page_and_the_configurations_are_kept_on_up
     files = debian.do("dpkg-query", "-W", "-f", "${Conffiles}\n", "kxsnmp", "kxagent")
     assert {line.split()[0] for line in files.splitlines() if line.strip()} == {
         "/etc/kxagent/kxagentd.toml",
+        "/etc/init.d/kxagentd",
+        "/etc/init.d/kxsnmp",
         "/etc/snmp/kxsnmp.conf",
         "/etc/snmp/snmpd.conf.d/kxsnmp.conf",
     }

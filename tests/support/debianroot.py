@@ -85,9 +85,10 @@ CONFIG
 class DebianRoot:
     """Holds a running Debian. Its network is its own, with nothing but a loopback; commands run in it as root."""
 
-    def __init__(self):
+    def __init__(self, init="systemd"):
+        """`init`: "none" for one without an init system, as in many containers."""
         self._folder = tempfile.mkdtemp(prefix="kxdebian")
-        command = [_SCRIPT, ARCHIVE, self._folder]
+        command = [_SCRIPT, ARCHIVE, self._folder, init]
         self._errors = tempfile.TemporaryFile("w+")
         self._holder = subprocess.Popen(
             command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self._errors, text=True

@@ -1,5 +1,6 @@
 #!/bin/sh
-# debianroot.sh TAR FOLDER: runs a Debian with its own systemd in namespaces: process, mount, network and control group.
+# debianroot.sh TAR FOLDER [INIT]: runs a Debian with its own systemd in namespaces: process, mount, network and control
+# group. With INIT "none" no init system runs: its first process does nothing but wait for others to end.
 # TAR is unpacked into a tmpfs on FOLDER, whose root the namespaces then have. Prints "ready PID" once it is up, PID
 # being its first process as seen from here; ends it when standard input ends. Nothing of it is left then. Needs root.
 #
@@ -51,6 +52,10 @@ become_debian() {
     umount -l /.former
     rmdir /.former
     mount --make-rshared /
+    if [ "$2" = none ]; then
+        mount -t devpts -o mode=620,ptmxmode=666 devpts /dev/pts
+        exec env -i unshare --cgroup /bin/sh -c 'while :; do /bin/sleep 1000 & wait; done' </dev/null >/dev/null 2>&1
+    fi
     exec env -i container=other PATH=/usr/sbin:/usr/bin:/sbin:/bin unshare --cgroup \
         /lib/systemd/systemd --unit=multi-user.target --show-status=no --log-target=journal </dev/null >/dev/null 2>&1
 }
@@ -87,11 +92,19 @@ enter() {
     nsenter --mount --net --pid --cgroup --target "$first" -- "$@"
 }
 
-# Until its systemd answers. That it is "degraded" is no reason not to: there is no real hardware.
+# Whether its systemd answers. That it is "degraded" is no reason not to: there is no real hardware.
+is_up() {
+    case $init:$(enter systemctl is-system-running 2>/dev/null) in
+        systemd:running | systemd:degraded) true ;;
+        # Until it has its own root, commands would run in the machine's.
+        none:*) [ "$(enter stat -c %d / 2>/dev/null)" = "$(stat -c %d "$folder")" ] && enter test ! -e /.former ;;
+        *) false ;;
+    esac
+}
+
 wait_until_up() {
     tries=0
-    until first=$(first_process) && [ -n "$first" ] && first=${first% } &&
-        case $(enter systemctl is-system-running 2>/dev/null) in running | degraded) true ;; *) false ;; esac; do
+    until first=$(first_process) && [ -n "$first" ] && first=${first% } && is_up; do
         tries=$((tries + 1))
         [ $tries -lt 600 ] || fail "its systemd does not come up"
         kill -0 "$launcher" 2>/dev/null || fail "its systemd has ended"
@@ -101,10 +114,11 @@ wait_until_up() {
 
 [ $# -ge 2 ] || fail "wrong usage, see the head of $0"
 if [ "$1" = --inside ]; then
-    become_debian "$2"
+    become_debian "$2" "$3"
 fi
 tar=$1
 folder=$2
+init=${3:-systemd}
 first=
 launcher=
 group=
@@ -119,7 +133,7 @@ group=$(mktemp -d "$groups/debianroot.XXXXXX")
 mount -t tmpfs -o mode=755 tmpfs "$folder"
 tar --extract --file="$tar" --directory="$folder"
 sh -c 'echo $$ >"$1/cgroup.procs"; shift; exec "$@"' sh "$group" \
-    unshare --mount --net --pid --fork --kill-child --propagation private "$0" --inside "$folder" <&- &
+    unshare --mount --net --pid --fork --kill-child --propagation private "$0" --inside "$folder" "$init" <&- &
 launcher=$!
 wait_until_up
 enter ip link set lo up
