@@ -1,8 +1,8 @@
 #include "agent/alerts/AlertEngine.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
+#include <iterator>
+#include <limits>
 #include <utility>
 
 namespace kx::agent {
@@ -38,6 +38,61 @@ std::optional<AlertEngine::TimePoint> AlertEngine::nextDeadline() const {
         deadline = deadline ? std::min(*deadline, bucket_.nextAt()) : bucket_.nextAt();
     }
     return deadline;
+}
+
+/// What was counted of a revoked alert is reported with the one that has revoked it.
+Alert AlertEngine::countedAlert(Recent::const_iterator told, TimePoint now) const {
+    const std::uint64_t more = told->second.counted - 1;
+    const auto successor = successorOf(told);
+    const auto& [identity, latest] = successor ? **successor : *told;
+    return {{identity.source.about, identity.source.source, identity.code, identity.text, latest.value},
+            more,
+            now - latest.happened};
+}
+
+std::vector<Alert> AlertEngine::outstanding(TimePoint now) const {
+    std::map<Source, Alert> alerts;
+    const auto add = [&](Alert alert) {
+        const auto [known, isNew] = alerts.try_emplace(alert.signal.key(), alert);
+        if (!isNew) {
+            Alert& held = known->second;
+            const std::uint64_t more = held.more + alert.more + 1;
+            if (alert.age <= held.age) {
+                held = std::move(alert);
+            }
+            held.more = more;
+        }
+    };
+    for (auto told = recent_.begin(); told != recent_.end(); ++told) {
+        if (told->second.counted > 0) {
+            add(countedAlert(told, now));
+        }
+    }
+    for (const Waiting& waiting : queue_) {
+        add({waiting.signal, waiting.more, now - waiting.happened});
+    }
+    std::vector<Alert> list;
+    list.reserve(alerts.size());
+    std::transform(alerts.begin(), alerts.end(), std::back_inserter(list), [](auto& entry) { return entry.second; });
+    return list;
+}
+
+std::vector<Alert> AlertEngine::restore(const std::vector<Alert>& alerts, TimePoint now) {
+    for (const Alert& alert : alerts) {
+        status_.signals += 1 + alert.more;
+        tellAgain(alert.signal, now - alert.age, 1 + alert.more);
+    }
+    return advance(now);
+}
+
+bool AlertEngine::isOutstanding(const Eid& about) const {
+    const auto waits = [&](const auto& state) { return state.second.waiting.has_value(); };
+    const auto isCounted = [&](const auto& told) { return told.second.counted > 0; };
+    const auto state = states_.lower_bound({about, ""});
+    const auto stateEnd = std::find_if(state, states_.end(), [&](const auto& it) { return it.first.about != about; });
+    const auto told = recent_.lower_bound({{about, ""}, std::numeric_limits<std::int32_t>::min(), ""});
+    const auto toldEnd = std::find_if(told, recent_.end(), [&](const auto& it) { return it.first.source.about != about; });
+    return std::any_of(state, stateEnd, waits) || std::any_of(told, toldEnd, isCounted);
 }
 
 void AlertEngine::receive(AlertSignal signal, TimePoint now) {
@@ -126,11 +181,11 @@ void AlertEngine::expireFirst(TimePoint now) {
     const AlertSignal signal{identity.source.about, identity.source.source, identity.code, identity.text, what.value};
     const std::uint64_t counted = what.counted;
     const TimePoint happened = what.happened;
-    const Recent::iterator successor = successorOf(told);
+    const auto successor = successorOf(told);
     status_.counted -= counted;
     forget(told);
-    if (counted > 0 && successor != recent_.end()) {
-        count(successor, counted, successor->second.value, successor->second.happened);
+    if (counted > 0 && successor) {
+        count(*successor, counted, (*successor)->second.value, (*successor)->second.happened);
     } else if (counted > 0) {
         tellAgain(signal, happened, counted);
     } else if (isOverflow(signal) && signal.code != kAlertClear) {
@@ -139,11 +194,11 @@ void AlertEngine::expireFirst(TimePoint now) {
     }
 }
 
-/// @return what has revoked an alert told, and stands as told itself; the end of recent_ when nothing has
-AlertEngine::Recent::iterator AlertEngine::successorOf(Recent::iterator told) {
+/// @return what has revoked a reported alert, and stands as reported itself; nothing when nothing has
+std::optional<AlertEngine::Recent::iterator> AlertEngine::successorOf(Recent::const_iterator told) const {
     const State& state = states_.find(told->first.source)->second;
     const bool revoked = !state.waiting && state.latest && (*state.latest)->first.code != told->first.code;
-    return revoked ? *state.latest : recent_.end();
+    return revoked ? state.latest : std::nullopt;
 }
 
 /// Has an alert wait for its turn that stands for signals counted; one of its source that waits already takes them
@@ -208,9 +263,6 @@ void AlertEngine::deliver(TimePoint now) {
     ++state.told;
     ++status_.deliveries;
     status_.told += 1 + first.more;
-    if (first.more > 0) {
-        first.signal.text += fmt::format(" (and {} more)", first.more);
-    }
     out_.push_back({std::move(first.signal), first.more, now - first.happened});
 }
 

@@ -72,15 +72,21 @@ public:
 
     AlertStatus status() const { return status_; }
 
+    /// @return what was taken and is still to be reported, one alert for each source that has some; for a restart
+    std::vector<Alert> outstanding(TimePoint now) const;
+
+    /// @brief Takes over what a former engine had outstanding: it is reported in its turn.
+    /// @return what is to be reported now, in order
+    std::vector<Alert> restore(const std::vector<Alert>& alerts, TimePoint now);
+
+    /// @return whether something about the environment is still to be reported
+    bool isOutstanding(const Eid& about) const;
+
     /// @return alerts remembered, as AlertBounds counts them
     std::size_t entries() const { return recent_.size() + queue_.size(); }
 
 private:
-    struct Source {
-        Eid about;
-        std::string source;
-        auto operator<=>(const Source&) const = default;  // NOLINT(modernize-use-nullptr): code the compiler makes
-    };
+    using Source = AlertKey;
     struct Identity {
         Source source;
         std::int32_t code;
@@ -109,7 +115,7 @@ private:
     };
     using States = std::map<Source, State>;
 
-    static Source sourceOf(const AlertSignal& signal) { return {signal.about, signal.source}; }
+    static Source sourceOf(const AlertSignal& signal) { return signal.key(); }
     static Identity identityOf(const AlertSignal& signal) { return {sourceOf(signal), signal.code, signal.text}; }
     static std::size_t bytesOf(const AlertSignal& signal) { return signal.text.size() + signal.source.size(); }
     static std::size_t bytesOf(const Identity& one) { return one.text.size() + one.source.source.size(); }
@@ -124,7 +130,8 @@ private:
     void dequeue();
     void settle(TimePoint now);
     void expireFirst(TimePoint now);
-    Recent::iterator successorOf(Recent::iterator told);
+    std::optional<Recent::iterator> successorOf(Recent::const_iterator told) const;
+    Alert countedAlert(Recent::const_iterator told, TimePoint now) const;
     void tellAgain(AlertSignal signal, TimePoint happened, std::uint64_t counted);
     void forget(Recent::iterator told);
     void forgetIfIdle(States::iterator state);

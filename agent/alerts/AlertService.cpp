@@ -29,6 +29,11 @@ void AlertService::setLimits(const AlertLimits& limits) {
     tell(engine_.setLimits(limits, now), now);
 }
 
+void AlertService::restore(const std::vector<Alert>& alerts) {
+    const TimePoint now = TimePoint::clock::now();
+    tell(engine_.restore(alerts, now), now);
+}
+
 void AlertService::tell(const std::vector<Alert>& alerts, TimePoint now) {
     if (!alerts.empty()) {
         sink_(alerts);

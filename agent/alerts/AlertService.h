@@ -33,6 +33,11 @@ public:
 
     AlertStatus status() const { return engine_.status(); }
 
+    /// @brief See AlertEngine::outstanding() and the functions beside it.
+    std::vector<Alert> outstanding() const { return engine_.outstanding(TimePoint::clock::now()); }
+    void restore(const std::vector<Alert>& alerts);
+    bool isOutstanding(const Eid& about) const { return engine_.isOutstanding(about); }
+
 private:
     using TimePoint = AlertEngine::TimePoint;
 

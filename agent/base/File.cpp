@@ -90,17 +90,17 @@ std::optional<std::string> readRegularFile(const std::string& path, std::size_t 
     return content;
 }
 
-std::string replaceFile(const std::string& path, std::string_view content) {
+std::string replaceFile(const std::string& path, std::string_view content, bool sync) {
     const std::string fresh = path + ".new";
     OwnedDescriptor descriptor(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, kFileMode));
     const bool written = descriptor && ::fchmod(descriptor.get(), kFileMode) == 0 &&
-                         writeAll(descriptor.get(), content) && ::fsync(descriptor.get()) == 0;
+                         writeAll(descriptor.get(), content) && (!sync || ::fsync(descriptor.get()) == 0);
     if (!written || ::rename(fresh.c_str(), path.c_str()) != 0) {
         std::string problem = lastError("cannot write", path);
         ::unlink(fresh.c_str());
         return problem;
     }
-    return syncFolderOf(path) ? std::string() : lastError("cannot sync the folder of", path);
+    return !sync || syncFolderOf(path) ? std::string() : lastError("cannot sync the folder of", path);
 }
 
 std::string makeFolders(const std::string& path) {

@@ -25,8 +25,9 @@ int readToEnd(int descriptor, std::size_t maxBytes, std::string& content);
 /// The new one has reached the disk on return, with mode 0644 whatever the umask is.
 /// @param path the file; its folder must exist
 /// @param content all of the new content
+/// @param sync false: it is handed to the kernel and survives the process, but not the machine
 /// @return empty, or what went wrong, in words, with the path
-std::string replaceFile(const std::string& path, std::string_view content);
+std::string replaceFile(const std::string& path, std::string_view content, bool sync = true);
 
 /// @brief Makes a folder and those above it where they are missing, each with mode 0755 whatever the umask is.
 /// Folders that are there already are left as they are.

@@ -47,7 +47,7 @@ Environment hostEnvironment(const std::string& machineId) {
 
 bool isLarge(const HostUpdate& update) {
     std::size_t bytes = 0;
-    for (const FrameBody& delta : update.deltas) {
+    for (const FrameBody& delta : update.deltas.plain) {
         bytes += delta->size();
     }
     return bytes >= kLargeUpdateBytes;
@@ -70,10 +70,12 @@ Agent::Agent(AgentSettings settings)
       content_(hostEnvironment(machineId_)),
       counters_(
           io_, [this](const CounterSink& sink) { slot_->readCounters(sink); }, config_.periodScale),
+      alerts_(io_, content_.inventory(), config_.alerts, config_.stateDirectory,
+              {[this](const std::vector<Alert>& alerts) { server_->publish(alerts); },
+               [this](const InventoryDeltas& deltas) { server_->publish(deltas); }}),
       server_(makeServer(config_)),
-      alerts_(io_, content_.inventory().environments().front().eid, config_.alerts,
-              [this](const std::vector<Alert>& alerts) { server_->publish(alerts); }),
       slot_(makeSlot(chooseBackend(config_), config_)) {
+    alerts_.restore();
     waitForSignal();
     firstImageTimer_.expires_after(kFirstImagePatience);
     firstImageTimer_.async_wait([this](const boost::system::error_code& cancelled) {
@@ -97,7 +99,7 @@ std::unique_ptr<Server> Agent::makeServer(const Config& config) {
     warnWithoutGroup(access);
     ServerSettings settings{config.socket, settings_.program, content_.inventory().environments().front().eid,
                             access,        ServerLimits(),    this,
-                            &counters_};
+                            &alerts_.consumers(), &counters_};
     return std::make_unique<Server>(io_, std::move(settings), content_);
 }
 
@@ -110,8 +112,14 @@ std::unique_ptr<BackendSlot> Agent::makeSlot(BackendKind kind, const Config& con
 
 void Agent::hostChanged(HostImage image) {
     counters_.setVocabularies(image.vocabularies);
-    const HostUpdate update = content_.apply(std::move(image));
+    alerts_.clearWhatIsGone(image);
+    const HostUpdate update =
+        content_.apply(std::move(image), [this](const Eid& eid) { return alerts_.isOutstanding(eid); });
     server_->publish(update);
+    if (!slot_->isDescribed()) {
+        alerts_.clearWhatHasStopped();
+    }
+    alerts_.settle();
     if (!serving_) {
         beginToServe();
     }
@@ -162,6 +170,8 @@ void Agent::signalled(int number) {
 void Agent::stop() {
     notifyStopping();
     log::info("stopping");
+    io_.poll();  // what sources have reported and was not taken yet
+    alerts_.save();
     server_.reset();
     stopBackend(kEndPatience, EXIT_SUCCESS);
     io_.stop();

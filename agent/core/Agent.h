@@ -12,7 +12,7 @@
 #include <memory>
 #include <string>
 
-#include "agent/alerts/AlertService.h"
+#include "agent/core/AlertCenter.h"
 #include "agent/core/BackendSlot.h"
 #include "agent/core/Config.h"
 #include "agent/core/Watchdog.h"
@@ -66,8 +66,8 @@ private:
     std::string machineId_;  ///< kept for the life of the process: all identifiers come from it
     HostContent content_;
     CounterService counters_;  ///< outlives the server, which tells it whose connections have gone
+    AlertCenter alerts_;       ///< outlives the server, whose consumers it keeps
     std::unique_ptr<Server> server_;
-    AlertService alerts_;
     std::unique_ptr<BackendSlot> slot_;
     bool serving_ = false;
     Watchdog watchdog_{io_};

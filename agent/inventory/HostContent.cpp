@@ -19,9 +19,9 @@ FrameBody encodeSet(const std::vector<Vocabulary>& vocabularies) {
 
 HostContent::HostContent(Environment host) : inventory_(std::move(host)), vocabularySet_(encodeSet({})) {}
 
-HostUpdate HostContent::apply(HostImage image) {
+HostUpdate HostContent::apply(HostImage image, const Inventory::IsOutstanding& isOutstanding) {
     HostUpdate update;
-    update.deltas = inventory_.apply(std::move(image.environments), begun_ ? &update.changes : nullptr);
+    update.deltas = inventory_.apply(std::move(image.environments), begun_ ? &update.changes : nullptr, isOutstanding);
     begun_ = true;
     if (image.vocabularies != vocabularies_) {
         vocabularies_ = std::move(image.vocabularies);

@@ -12,7 +12,7 @@ namespace kx::agent {
 
 /// What is new to clients that know the content before.
 struct HostUpdate {
-    std::vector<FrameBody> deltas;           ///< in order; empty when the environments are the same
+    InventoryDeltas deltas;                  ///< in order; empty when the environments are the same
     FrameBody vocabularySet;                 ///< null when the vocabularies are the same
     std::vector<EnvironmentChange> changes;  ///< what the deltas change; nothing for the first image
 };
@@ -26,8 +26,12 @@ public:
     /// @brief Takes over what a backend has found. The first image is the beginning and no change, though clients may
     /// have been shown the host without containers before it. Vocabularies that do not fit into a frame are logged and
     /// not taken.
+    /// @param isOutstanding see Inventory
     /// @return what has changed by it
-    HostUpdate apply(HostImage image);
+    HostUpdate apply(HostImage image, const Inventory::IsOutstanding& isOutstanding = {});
+
+    /// @return whether an image has been applied
+    bool begun() const { return begun_; }
 
     Inventory& inventory() { return inventory_; }
     const Inventory& inventory() const { return inventory_; }

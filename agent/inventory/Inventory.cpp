@@ -16,7 +16,8 @@ namespace {
 /// Tag and length of an identifier in a delta.
 constexpr std::size_t kRemovedBytes = wire::kEidBytes + 2;
 
-/// Fills deltas, beginning a new one whenever a frame is full, and keeps a list of what is in them.
+/// Fills deltas, beginning a new one whenever a frame is full, and keeps a list of what is in them. There are two of
+/// each, which are the same where no departed environment is concerned.
 class DeltaWriter {
 public:
     DeltaWriter(std::uint64_t& generation, std::vector<EnvironmentChange>* changes)
@@ -25,7 +26,24 @@ public:
     void remove(const Environment& environment) {
         makeRoom(kRemovedBytes);
         frame_.mutable_delta()->add_removed_eids(environment.eid.toWire());
+        plainRemoved_.push_back(environment.eid);
         note(environment, ChangeKind::Removed);
+    }
+
+    void depart(const Environment& environment) {
+        makeRoom(wireBytesAtMost(environment));
+        wire::Environment& gone = *frame_.mutable_delta()->add_changed();
+        toWire(environment, gone);
+        gone.set_departed(true);
+        plainRemoved_.push_back(environment.eid);
+        note(environment, ChangeKind::Removed);
+        differ_ = true;
+    }
+
+    void release(const Environment& departed) {
+        makeRoom(kRemovedBytes);
+        frame_.mutable_delta()->add_removed_eids(departed.eid.toWire());
+        differ_ = true;
     }
 
     /// @param kind Added or Modified, which are the same in a delta
@@ -35,9 +53,9 @@ public:
         note(environment, kind);
     }
 
-    std::vector<FrameBody> finish() {
+    InventoryDeltas finish() {
         flush();
-        return std::move(bodies_);
+        return std::move(deltas_);
     }
 
 private:
@@ -59,16 +77,36 @@ private:
             return;
         }
         frame_.mutable_delta()->set_generation(++generation_);
-        bodies_.push_back(encodeBody(frame_));
+        deltas_.withDeparted.push_back(encodeBody(frame_));
+        deltas_.plain.push_back(differ_ ? encodeBody(plainFrame()) : deltas_.withDeparted.back());
         frame_.Clear();
+        plainRemoved_.clear();
         bytes_ = 0;
+        differ_ = false;
+    }
+
+    wire::Frame plainFrame() const {
+        wire::Frame frame;
+        wire::Delta& plain = *frame.mutable_delta();
+        plain.set_generation(frame_.delta().generation());
+        for (const Eid& eid : plainRemoved_) {
+            plain.add_removed_eids(eid.toWire());
+        }
+        for (const wire::Environment& changed : frame_.delta().changed()) {
+            if (!changed.departed()) {
+                *plain.add_changed() = changed;
+            }
+        }
+        return frame;
     }
 
     std::uint64_t& generation_;
     std::vector<EnvironmentChange>* changes_;
-    wire::Frame frame_;
+    wire::Frame frame_;              ///< for clients that know departed environments
+    std::vector<Eid> plainRemoved_;  ///< for the others
+    bool differ_ = false;
     std::size_t bytes_ = 0;
-    std::vector<FrameBody> bodies_;
+    InventoryDeltas deltas_;
 };
 
 }  // namespace
@@ -85,28 +123,72 @@ Inventory::Inventory(Environment host) {
     environments_.push_back(std::move(host));
 }
 
-std::vector<FrameBody> Inventory::apply(std::vector<Environment> containers, std::vector<EnvironmentChange>* told) {
-    Changes changes = takeOver(withoutUnfit(std::move(containers)));
-    DeltaWriter writer(generation_, told);
+InventoryDeltas Inventory::apply(std::vector<Environment> containers, std::vector<EnvironmentChange>* changes,
+                                 const IsOutstanding& isOutstanding) {
+    completeSnapshots();
+    containers = withoutUnfit(std::move(containers));
+    takeBack(containers);
+    Changes differences = takeOver(std::move(containers));
+    DeltaWriter writer(generation_, changes);
     for (std::size_t i = 0; i < environments_.size(); ++i) {
-        if (!changes.present[i]) {
+        if (!differences.present[i] && isOutstanding && isOutstanding(environments_[i].eid)) {
+            writer.depart(environments_[i]);
+            departed_.push_back(environments_[i]);
+        } else if (!differences.present[i]) {
             writer.remove(environments_[i]);
         }
     }
-    for (const std::size_t position : changes.changed) {
+    for (const std::size_t position : differences.changed) {
         writer.change(environments_[position], ChangeKind::Modified);
     }
-    removeGone(changes.present);
-    for (Environment& environment : changes.added) {
+    removeGone(differences.present);
+    for (Environment& environment : differences.added) {
         writer.change(environment, ChangeKind::Added);
         positions_.emplace(environment.eid, environments_.size());
         environments_.push_back(std::move(environment));
     }
-    std::vector<FrameBody> deltas = writer.finish();
-    if (!deltas.empty()) {
-        chunks_.clear();
+    return writer.finish();
+}
+
+InventoryDeltas Inventory::release(const IsOutstanding& isOutstanding) {
+    completeSnapshots();
+    DeltaWriter writer(generation_, nullptr);
+    std::erase_if(departed_, [&](const Environment& departed) {
+        const bool isOver = !isOutstanding(departed.eid);
+        if (isOver) {
+            writer.release(departed);
+        }
+        return isOver;
+    });
+    return writer.finish();
+}
+
+void Inventory::restoreDeparted(std::vector<Environment> environments) {
+    completeSnapshots();
+    std::erase_if(environments, [&](const Environment& each) { return contains(each.eid); });
+    departed_ = std::move(environments);
+}
+
+const Environment* Inventory::find(const Eid& eid) const {
+    const auto known = positions_.find(eid);
+    if (known != positions_.end()) {
+        return &environments_[known->second];
     }
-    return deltas;
+    const auto departed = std::find_if(departed_.begin(), departed_.end(),
+                                       [&](const Environment& environment) { return environment.eid == eid; });
+    return departed == departed_.end() ? nullptr : &*departed;
+}
+
+/// What has departed and is there again is an environment like any other that is new.
+void Inventory::takeBack(const std::vector<Environment>& containers) {
+    if (departed_.empty()) {
+        return;
+    }
+    std::unordered_set<Eid, EidHash> present;
+    for (const Environment& environment : containers) {
+        present.insert(environment.eid);
+    }
+    std::erase_if(departed_, [&](const Environment& departed) { return present.contains(departed.eid); });
 }
 
 std::optional<Eid> Inventory::findByNumber(std::int32_t veid) const {
@@ -177,48 +259,23 @@ void Inventory::removeGone(const std::vector<bool>& present) {
     environments_.erase(environments_.begin() + static_cast<std::ptrdiff_t>(to), environments_.end());
 }
 
-std::vector<FrameBody> Inventory::snapshot() {
-    if (chunks_.empty()) {
-        cutIntoChunks();
+std::shared_ptr<Snapshot> Inventory::snapshot(bool withDeparted) {
+    std::shared_ptr<Snapshot>& known = snapshots_[withDeparted && !departed_.empty() ? 1 : 0];
+    if (!known) {
+        static const std::vector<Environment> none;
+        known = std::make_shared<Snapshot>(generation_, environments_, withDeparted ? departed_ : none);
     }
-    std::vector<FrameBody> bodies;
-    bodies.reserve(chunks_.size());
-    for (std::uint32_t i = 0; i < chunks_.size(); ++i) {
-        FrameBody body = chunks_[i].body.lock();
-        if (!body) {
-            body = encodeChunk(i);
-            chunks_[i].body = body;
-        }
-        bodies.push_back(std::move(body));
-    }
-    return bodies;
+    return known;
 }
 
-void Inventory::cutIntoChunks() {
-    std::size_t bytes = 0;
-    for (std::size_t i = 0; i < environments_.size(); ++i) {
-        const std::size_t more = wireBytesAtMost(environments_[i]);
-        const bool full = !chunks_.empty() &&
-                          (bytes + more > kFrameBytes || i - chunks_.back().first == wire::kMaxEnvironmentsPerChunk);
-        if (chunks_.empty() || full) {
-            chunks_.push_back({i, i, {}});
-            bytes = 0;
+/// Those who are still sending one need what is in it.
+void Inventory::completeSnapshots() {
+    for (std::shared_ptr<Snapshot>& each : snapshots_) {
+        if (each && each.use_count() > 1) {
+            each->complete();
         }
-        chunks_.back().end = i + 1;
-        bytes += more;
+        each.reset();
     }
-}
-
-FrameBody Inventory::encodeChunk(std::uint32_t number) const {
-    wire::Frame frame;
-    wire::SnapshotChunk& chunk = *frame.mutable_snapshot_chunk();
-    chunk.set_generation(generation_);
-    chunk.set_index(number);
-    chunk.set_last(number + 1 == chunks_.size());
-    for (std::size_t i = chunks_[number].first; i < chunks_[number].end; ++i) {
-        toWire(environments_[i], *chunk.add_environments());
-    }
-    return encodeBody(frame);
 }
 
 }  // namespace kx::agent

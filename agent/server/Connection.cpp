@@ -50,40 +50,28 @@ void Connection::refuse(wire::ErrorCode code, std::string_view reason) {
 }
 
 void Connection::send(std::uint64_t requestId, const FrameBody& body) {
-    if (!isServed() || !takesMore(unsentLimit())) {
+    if (!isServed() || !takesMore()) {
         return;
     }
     outbox_.push(requestId, body);
-    if (takesMore(limits_.maxUnsentBytes)) {
+    if (takesMore()) {
         waitForRoom();
     }
 }
 
 void Connection::sendTogether(const std::vector<FrameBody>& bodies) {
-    if (!isServed() || !takesMore(unsentLimit())) {
-        return;
-    }
     for (const FrameBody& body : bodies) {
-        outbox_.push(0, body);
-        if (!takesMore(limits_.maxUnsentBytes)) {
-            return;
-        }
+        send(0, body);
     }
-    waitForRoom();
-}
-
-std::size_t Connection::unsentLimit() const {
-    const bool eventsOnly = interests_.events && !interests_.environments;
-    return eventsOnly ? limits_.maxUnsentEventBytes : limits_.maxUnsentBytes;
 }
 
 /// Drops the peer if it has not read more than the limit.
-bool Connection::takesMore(std::size_t limit) {
-    if (outbox_.load() <= limit) {
+bool Connection::takesMore() {
+    if (outbox_.load() <= limits_.maxUnsentBytes) {
         return true;
     }
-    log::warning(
-        fmt::format("dropped {}: it does not read, more than {} bytes are waiting for it", peer_.describe(), limit));
+    log::warning(fmt::format("dropped {}: it does not read, more than {} bytes are waiting for it", peer_.describe(),
+                             limits_.maxUnsentBytes));
     close();
     return false;
 }
@@ -189,6 +177,7 @@ void Connection::takeHello(const wire::Hello& hello) {
         return;
     }
     state_ = State::Open;
+    interests_.departed = wire::hasCapability(hello, wire::kCapabilityDeparted);
     deadline_.cancel();
     send(0, owner_->hello());
 }
@@ -221,6 +210,9 @@ void Connection::writeSome() {
             break;
         }
         outbox_.drop(static_cast<std::size_t>(sent));
+    }
+    if (state_ == State::Open && outbox_.load() <= limits_.maxUnsentEventBytes && owner_ != nullptr) {
+        owner_->drained(*this);
     }
     if (!outbox_.empty()) {
         waitForRoom();

@@ -39,6 +39,9 @@ public:
     /// @brief A frame after the handshake. May be of a kind the owner does not know.
     virtual void frameReceived(Connection& from, const wire::Frame& frame) = 0;
 
+    /// @brief The peer has read: little of what it was sent is left.
+    virtual void drained(Connection& connection) = 0;
+
     /// @brief The connection is Closed and may be forgotten.
     virtual void connectionClosed(Connection& connection) = 0;
 };
@@ -64,8 +67,7 @@ public:
     /// @param body not null
     void send(std::uint64_t requestId, const FrameBody& body);
 
-    /// @brief Queues frames that happened at once. Only what was queued before them can be too much, as long as they
-    /// do not exceed what every connection may have queued.
+    /// @brief Queues several.
     /// @param bodies not null, in order
     void sendTogether(const std::vector<FrameBody>& bodies);
 
@@ -79,14 +81,18 @@ public:
     /// @brief Closes at once. The owner is told later.
     void close();
 
+    /// @return load of what the peer has not read, see Outbox
+    std::size_t unsent() const { return outbox_.load(); }
+    const PeerIdentity& peer() const { return peer_; }
+    const ServerLimits& limits() const { return limits_; }
+
     bool isServed() const { return state_ == State::AwaitingHello || state_ == State::Open; }
     bool isLeaving() const { return state_ == State::Leaving; }
 
     /// What this client has asked to be kept informed of; the owner's notes.
     struct Interests {
-        bool environments = false;
         bool vocabularies = false;
-        bool events = false;
+        bool departed = false;  ///< it knows environments that are gone
     };
     Interests& interests() { return interests_; }
 
@@ -98,8 +104,7 @@ private:
     void takeFrames();
     void takeFrame(std::string_view payload);
     void takeHello(const wire::Hello& hello);
-    std::size_t unsentLimit() const;
-    bool takesMore(std::size_t limit);
+    bool takesMore();
     void waitForRoom();
     void writeSome();
     void setDeadline(std::chrono::milliseconds fromNow);

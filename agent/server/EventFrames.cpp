@@ -18,9 +18,12 @@ std::uint64_t millisecondsOf(WallTime time) {
 /// Fills frames, beginning a new one whenever one is full.
 class EventWriter {
 public:
+    /// @param sequence not 0: everything goes into one message of this number
+    explicit EventWriter(std::uint64_t sequence = 0) : sequence_(sequence) {}
+
     /// @param textBytes of the texts that will be in the event
     wire::Event& add(std::string_view type, WallTime time, std::size_t textBytes) {
-        if (bytes_ + textBytes + kFixedBytes > kEventFrameBytes) {
+        if (sequence_ == 0 && bytes_ + textBytes + kFixedBytes > kEventFrameBytes) {
             flush();
         }
         bytes_ += textBytes + kFixedBytes;
@@ -38,12 +41,14 @@ public:
 private:
     void flush() {
         if (frame_.has_event_message()) {
+            frame_.mutable_event_message()->set_sequence(sequence_);
             bodies_.push_back(encodeBody(frame_));
             frame_.Clear();
             bytes_ = 0;
         }
     }
 
+    const std::uint64_t sequence_;
     wire::Frame frame_;
     std::size_t bytes_ = 0;
     std::vector<FrameBody> bodies_;
@@ -77,15 +82,15 @@ std::vector<FrameBody> encodeEvents(const std::vector<EnvironmentChange>& change
     return writer.finish();
 }
 
-std::vector<FrameBody> encodeEvents(const std::vector<Alert>& alerts, WallTime now) {
-    EventWriter writer;
-    for (const Alert& alert : alerts) {
-        const auto age = std::chrono::duration_cast<WallTime::duration>(alert.age);
-        wire::Event& event = writer.add(wire::kEventTypeResourceAlert, now - age, alert.signal.text.size());
+std::vector<FrameBody> encodeEvents(const std::vector<DatedAlert>& alerts, std::uint64_t sequence) {
+    EventWriter writer(sequence);
+    for (const DatedAlert& alert : alerts) {
+        std::string text = textOf(alert);
+        wire::Event& event = writer.add(wire::kEventTypeResourceAlert, alert.happened, text.size());
         wire::ResourceAlert& into = *event.mutable_resource_alert();
         into.set_eid(alert.signal.about.toWire());
         into.set_code(alert.signal.code);
-        into.set_text(alert.signal.text);
+        into.set_text(std::move(text));
         into.set_value(alert.signal.value);
     }
     return writer.finish();

@@ -21,9 +21,6 @@ inline constexpr std::size_t kEventFrameBytes = std::size_t{256} * 1024;
 /// must hold for one.
 inline constexpr std::size_t kMaxAlertTextBytes = std::size_t{256} * 1024;
 
-/// Wall-clock time of an event.
-using WallTime = std::chrono::system_clock::time_point;
-
 /// @brief Encodes changes of environments.
 /// @param changes in order
 /// @param time when they happened
@@ -31,7 +28,7 @@ std::vector<FrameBody> encodeEvents(const std::vector<EnvironmentChange>& change
 
 /// @brief Encodes alerts.
 /// @param alerts in order
-/// @param now what their age counts back from
-std::vector<FrameBody> encodeEvents(const std::vector<Alert>& alerts, WallTime now);
+/// @param sequence of the message, see EventMessage; when it is not 0 the alerts must fit into one frame
+std::vector<FrameBody> encodeEvents(const std::vector<DatedAlert>& alerts, std::uint64_t sequence = 0);
 
 }  // namespace kx::agent

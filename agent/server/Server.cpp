@@ -5,17 +5,18 @@
 #include <algorithm>
 
 #include "agent/base/Log.h"
+#include "agent/server/EventFrames.h"
 #include "wire/Protocol.h"
 
 namespace kx::agent {
 namespace {
 
-/// Source of alerts that a client had raised.
-constexpr const char* kRaisedSource = "raised";
-
 FrameBody encodeHello(const ServerSettings& settings) {
     wire::Frame frame;
     *frame.mutable_hello() = wire::makeHello(settings.program);
+    for (const auto capability : {wire::kCapabilityEventAcks, wire::kCapabilityDeparted}) {
+        frame.mutable_hello()->add_capabilities(std::string(capability));
+    }
     frame.mutable_hello()->set_server_eid(settings.serverEid.toWire());
     return encodeBody(frame);
 }
@@ -66,6 +67,7 @@ Server::Server(boost::asio::io_context& io, ServerSettings settings, HostContent
       hello_(encodeHello(settings_)),
       pong_(encodePong()),
       done_(encodeDone()),
+      events_(settings_.serverEid, settings_.consumers, settings_.clock),
       acceptor_(io, boost::asio::local::stream_protocol(), file_.releaseListener()),
       acceptTimer_(io) {}
 
@@ -149,6 +151,8 @@ void Server::connectionClosed(Connection& connection) {
     if (settings_.counters != nullptr) {
         settings_.counters->forget(&connection);
     }
+    events_.forget(connection);
+    environments_.erase(&connection);
     connections_.erase(&connection);
 }
 
@@ -162,6 +166,8 @@ void Server::frameReceived(Connection& from, const wire::Frame& frame) {
         from.send(frame.request_id(), pong_);
     } else if (frame.has_event_subscribe()) {
         subscribe(from, frame);
+    } else if (frame.has_event_ack()) {
+        events_.acknowledge(from, frame.event_ack());
     } else if (frame.has_alert_raise()) {
         raise(from, frame);
     } else if (frame.has_monitor_start()) {
@@ -174,12 +180,19 @@ void Server::frameReceived(Connection& from, const wire::Frame& frame) {
     // Anything else comes from a newer minor version, or answers what was not asked.
 }
 
-/// The chunks are queued in one go, so every delta that follows is of a later generation than theirs.
 void Server::sendSnapshot(Connection& to, std::uint64_t requestId) {
-    to.interests().environments = true;
-    for (const FrameBody& chunk : content_.inventory().snapshot()) {
-        to.send(requestId, chunk);
+    const auto stream = environments_.try_emplace(&to, to, content_.inventory()).first;
+    if (!stream->second.ask(requestId)) {
+        to.refuse(wire::ERROR_MALFORMED, "it asks for snapshots without taking them");
     }
+}
+
+void Server::drained(Connection& connection) {
+    const auto stream = environments_.find(&connection);
+    if (stream != environments_.end()) {
+        stream->second.pump();
+    }
+    events_.drained(connection);
 }
 
 void Server::subscribe(Connection& from, const wire::Frame& frame) {
@@ -191,7 +204,7 @@ void Server::subscribe(Connection& from, const wire::Frame& frame) {
         return;
     }
     from.send(frame.request_id(), done_);
-    from.interests().events = true;
+    events_.subscribe(from, frame.event_subscribe());
 }
 
 void Server::raise(Connection& from, const wire::Frame& frame) {
@@ -254,47 +267,26 @@ void Server::refuse(Connection& from, std::uint64_t requestId, std::string_view 
 /// Deltas are on their way before the events about them, so that who learns of a new container by an event can find
 /// it. Most clients have a connection for either.
 void Server::publish(const HostUpdate& update) {
-    publishEnvironments(update);
-    if (update.changes.empty() || !hasSubscribers()) {
-        return;
-    }
-    for (const auto& [key, connection] : connections_) {
-        if (connection->interests().environments) {
-            connection->flush();
-        }
-    }
-    publishEvents(encodeEvents(update.changes, settings_.clock()));
-}
-
-void Server::publish(const std::vector<Alert>& alerts) {
-    if (hasSubscribers()) {
-        publishEvents(encodeEvents(alerts, settings_.clock()));
-    }
-}
-
-bool Server::hasSubscribers() const {
-    return std::any_of(connections_.begin(), connections_.end(),
-                       [](const auto& entry) { return entry.second->interests().events; });
-}
-
-void Server::publishEvents(const std::vector<FrameBody>& events) {
-    for (const auto& [key, connection] : connections_) {
-        if (connection->interests().events) {
-            connection->sendTogether(events);
-        }
-    }
-}
-
-void Server::publishEnvironments(const HostUpdate& update) {
-    for (const auto& [key, connection] : connections_) {
-        if (connection->interests().environments) {
-            for (const FrameBody& delta : update.deltas) {
-                connection->send(0, delta);
+    publish(update.deltas);
+    if (update.vocabularySet) {
+        for (const auto& [key, connection] : connections_) {
+            if (connection->interests().vocabularies) {
+                connection->send(0, update.vocabularySet);
             }
         }
-        if (connection->interests().vocabularies && update.vocabularySet) {
-            connection->send(0, update.vocabularySet);
-        }
+    }
+    if (update.changes.empty() || !events_.hasSubscribers()) {
+        return;
+    }
+    for (const auto& [connection, stream] : environments_) {
+        connection->flush();
+    }
+    events_.publish(update.changes);
+}
+
+void Server::publish(const InventoryDeltas& deltas) {
+    for (auto& [connection, stream] : environments_) {
+        stream.publish(deltas);
     }
 }
 

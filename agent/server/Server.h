@@ -19,7 +19,8 @@
 #include "agent/inventory/HostContent.h"
 #include "agent/server/AccessPolicy.h"
 #include "agent/server/Connection.h"
-#include "agent/server/EventFrames.h"
+#include "agent/server/EnvironmentStream.h"
+#include "agent/server/EventPublisher.h"
 #include "agent/server/ServerLimits.h"
 #include "agent/server/SocketFile.h"
 
@@ -45,6 +46,7 @@ struct ServerSettings {
     AccessPolicy access;
     ServerLimits limits;
     AlertRaiser* raiser = nullptr;       ///< null: nobody; else must outlive the server
+    EventConsumers* consumers = nullptr;  ///< null: nothing is kept for anybody; else must outlive the server
     CounterService* counters = nullptr;  ///< null: there are none; else must outlive the server
     std::function<WallTime()> clock = std::chrono::system_clock::now;
 };
@@ -66,23 +68,22 @@ public:
 
     /// @brief Sends what has changed to those who asked to be kept informed.
     void publish(const HostUpdate& update);
+    void publish(const InventoryDeltas& deltas);
 
     /// @brief Sends alerts to those who have subscribed to events.
-    void publish(const std::vector<Alert>& alerts);
+    void publish(const std::vector<Alert>& alerts) { events_.publish(alerts); }
 
     const std::string& socketPath() const { return file_.path(); }
 
 private:
     FrameBody hello() override { return hello_; }
     void frameReceived(Connection& from, const wire::Frame& frame) override;
+    void drained(Connection& connection) override;
     void connectionClosed(Connection& connection) override;
 
     void accepted(const boost::system::error_code& error, Connection::Socket socket);
     void acceptFailed(const boost::system::error_code& error);
     void admit(Connection::Socket socket);
-    void publishEnvironments(const HostUpdate& update);
-    void publishEvents(const std::vector<FrameBody>& events);
-    bool hasSubscribers() const;
     void subscribe(Connection& from, const wire::Frame& frame);
     void raise(Connection& from, const wire::Frame& frame);
     void startMonitor(Connection& from, const wire::Frame& frame);
@@ -99,6 +100,8 @@ private:
     FrameBody hello_;
     FrameBody pong_;
     FrameBody done_;
+    EventPublisher events_;
+    std::unordered_map<Connection*, EnvironmentStream> environments_;  ///< who has asked for them
     boost::asio::local::stream_protocol::acceptor acceptor_;
     boost::asio::steady_timer acceptTimer_;
     boost::system::error_code acceptTrouble_;  ///< the last one logged: repeated trouble is one line

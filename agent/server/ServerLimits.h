@@ -15,9 +15,8 @@ struct ServerLimits {
     /// peer that does not read gets there.
     std::size_t maxUnsentBytes = std::size_t{64} * 1024 * 1024;
 
-    /// The same for a connection that gets events and no environments. What it has not read when more comes counts, so
-    /// that one update of the whole host drops nobody who reads.
-    std::size_t maxUnsentEventBytes = std::size_t{1024} * 1024;
+    /// Load of an outbox at which events are held back for its connection, and coalesced, until it has read.
+    std::size_t maxUnsentEventBytes = std::size_t{256} * 1024;
 
     /// From the connection's start to its Hello. A peer sends it at once.
     std::chrono::milliseconds handshake{5000};

@@ -54,12 +54,12 @@ class AgentPeer:
         payload = frame.SerializeToString()
         self.sendBytes(struct.pack(">I", len(payload)) + payload)
 
-    def sendHello(self, major=1, minor=0, program=b"peer"):
+    def sendHello(self, major=1, minor=0, program=b"peer", capabilities=()):
         frame = self.schema.Frame()
         frame.hello.protocol_major = major
         frame.hello.protocol_minor = minor
         frame.hello.program = program
-        frame.hello.capabilities.extend([b"snapshot", b"vocabulary"])
+        frame.hello.capabilities.extend([b"snapshot", b"vocabulary", *capabilities])
         self.sendFrame(frame)
 
     def ask(self, body):
@@ -85,28 +85,35 @@ class AgentPeer:
         payload = self._receiveExactly(struct.unpack(">I", header)[0])
         return None if payload is None else self.schema.Frame.FromString(payload)
 
-    def handshake(self):
+    def handshake(self, **hello):
         """Does what a well-behaved client does first. @return the agent's Hello"""
-        self.sendHello()
+        self.sendHello(**hello)
         frame = self.receiveFrame()
         if frame is None or not frame.HasField("hello"):
             raise AssertionError(f"no Hello from the agent but {frame}")
         return frame.hello
 
-    def askForEvents(self, name=b"events", requestId=1):
+    def askForEvents(self, name=b"events", requestId=1, consumer=b""):
         """Asks for a subscription. @return the answer"""
         frame = self.schema.Frame(request_id=requestId)
         frame.event_subscribe.name = name
+        frame.event_subscribe.consumer = consumer
         self.sendFrame(frame)
         return self.receiveFrame()
 
-    def subscribe(self):
+    def subscribe(self, consumer=b""):
         """Introduces itself and subscribes to events. @return itself"""
         self.handshake()
-        answer = self.askForEvents()
+        answer = self.askForEvents(consumer=consumer)
         if answer is None or not answer.HasField("done"):
             raise AssertionError(f"the subscription was not confirmed: {answer}")
         return self
+
+    def acknowledge(self, sequence):
+        """All messages of events up to this one have been handled."""
+        frame = self.schema.Frame()
+        frame.event_ack.sequence = sequence
+        self.sendFrame(frame)
 
     def nextEvents(self):
         """The events of the next frame, which must be one of events."""

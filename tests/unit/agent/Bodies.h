@@ -7,6 +7,7 @@
 
 #include "agent/inventory/Environment.h"
 #include "agent/inventory/FrameBody.h"
+#include "agent/inventory/Inventory.h"
 
 namespace kx::agent::test {
 
@@ -40,6 +41,10 @@ inline std::vector<wire::Delta> deltasIn(const std::vector<FrameBody>& bodies) {
     std::transform(bodies.begin(), bodies.end(), std::back_inserter(deltas),
                    [](const FrameBody& body) { return decode(body).delta(); });
     return deltas;
+}
+
+inline std::vector<wire::Delta> deltasIn(const InventoryDeltas& deltas) {
+    return deltasIn(deltas.plain);
 }
 
 }  // namespace kx::agent::test

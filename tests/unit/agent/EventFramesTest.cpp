@@ -19,8 +19,8 @@ using testing::SizeIs;
 
 constexpr WallTime kNow{milliseconds(1'700'000'000'123)};
 
-Alert alertOf(const std::string& text) {
-    return {{Eid::fromName("test machine", "web"), "memory.oom", kAlertCritical, text, 7}, 0, seconds(0)};
+DatedAlert alertOf(const std::string& text) {
+    return {{Eid::fromName("test machine", "web"), "memory.oom", kAlertCritical, text, 7}, 0, kNow};
 }
 
 EnvironmentChange changeOf(const std::string& name, ChangeKind kind = ChangeKind::Modified) {
@@ -39,15 +39,15 @@ std::vector<wire::Event> eventsIn(const std::vector<FrameBody>& bodies) {
 }
 
 TEST(EventFrames, NothingMakesNoFrame) {
-    EXPECT_THAT(encodeEvents(std::vector<Alert>(), kNow), IsEmpty());
+    EXPECT_THAT(encodeEvents(std::vector<DatedAlert>()), IsEmpty());
     EXPECT_THAT(encodeEvents(std::vector<EnvironmentChange>(), kNow), IsEmpty());
 }
 
 TEST(EventFrames, AnAlertArrivesWholeWhateverIsInIt) {
-    Alert alert = alertOf(std::string("nul \0 quote \" not utf-8 \xff", 24));
+    DatedAlert alert = alertOf(std::string("nul \0 quote \" not utf-8 \xff", 24));
     alert.signal.code = std::numeric_limits<std::int32_t>::min();
     alert.signal.value = std::numeric_limits<std::int64_t>::min();
-    const auto events = eventsIn(encodeEvents(std::vector{alert}, kNow));
+    const auto events = eventsIn(encodeEvents(std::vector{alert}));
     ASSERT_THAT(events, SizeIs(1));
     EXPECT_EQ(events[0].type(), wire::kEventTypeResourceAlert);
     EXPECT_EQ(events[0].time_ms(), 1'700'000'000'123U);
@@ -59,13 +59,15 @@ TEST(EventFrames, AnAlertArrivesWholeWhateverIsInIt) {
 }
 
 TEST(EventFrames, AnAlertHasTheTimeAtWhichItHappened) {
-    Alert alert = alertOf("oom");
-    alert.age = seconds(3);
-    EXPECT_EQ(eventsIn(encodeEvents(std::vector{alert}, kNow)).at(0).time_ms(), 1'699'999'997'123U);
+    DatedAlert alert = alertOf("oom");
+    alert.happened = kNow - seconds(3);
+    EXPECT_EQ(eventsIn(encodeEvents(std::vector{alert})).at(0).time_ms(), 1'699'999'997'123U);
 }
 
 TEST(EventFrames, AClockBeforeItsEpochIsShownAsTheEpoch) {
-    EXPECT_EQ(eventsIn(encodeEvents(std::vector{alertOf("oom")}, WallTime(seconds(-1)))).at(0).time_ms(), 0U);
+    DatedAlert alert = alertOf("oom");
+    alert.happened = WallTime(seconds(-1));
+    EXPECT_EQ(eventsIn(encodeEvents(std::vector{alert})).at(0).time_ms(), 0U);
 }
 
 TEST(EventFrames, AChangeTellsWhichEnvironmentAndHowItIsNow) {
@@ -115,7 +117,7 @@ TEST(EventFrames, EventsLargerThanAFullFrameHaveOneEach) {
 
 TEST(EventFrames, TheLongestAlertsFitOneByOne) {
     const std::vector alerts(3, alertOf(std::string(kMaxAlertTextBytes, 'x') + " (and 18446744073709551615 more)"));
-    const auto bodies = encodeEvents(alerts, kNow);
+    const auto bodies = encodeEvents(alerts);
     EXPECT_THAT(bodies, SizeIs(3));
     EXPECT_EQ(eventsIn(bodies).at(2).resource_alert().text(), alerts[2].signal.text);
 }

@@ -28,7 +28,7 @@ std::vector<std::string> namesIn(const Inventory& inventory) {
 
 std::vector<wire::SnapshotChunk> chunksOf(Inventory& inventory) {
     std::vector<wire::SnapshotChunk> chunks;
-    for (const FrameBody& body : inventory.snapshot()) {
+    for (const FrameBody& body : inventory.snapshot()->all()) {
         chunks.push_back(test::decode(body).snapshot_chunk());
     }
     return chunks;
@@ -170,15 +170,15 @@ TEST(Inventory, ExactlyAThousandAreOneChunk) {
         containers.push_back(container(std::to_string(i)));
     }
     inventory.apply(containers);
-    EXPECT_EQ(inventory.snapshot().size(), 1U);
+    EXPECT_EQ(inventory.snapshot()->all().size(), 1U);
 }
 
 TEST(Inventory, ASnapshotIsSharedWhileItIsHeldAndMadeAnewForTheNextGeneration) {
     Inventory inventory(hostOf());
-    const auto held = inventory.snapshot();
-    EXPECT_EQ(inventory.snapshot(), held);
+    const auto held = inventory.snapshot()->all();
+    EXPECT_EQ(inventory.snapshot()->all(), held);
     inventory.apply({container("a")});
-    EXPECT_NE(inventory.snapshot()[0], held[0]);
+    EXPECT_NE(inventory.snapshot()->all()[0], held[0]);
 }
 
 TEST(Inventory, LargeTextsAreSpreadOverFramesThatStayBelowTheLimit) {
@@ -188,7 +188,7 @@ TEST(Inventory, LargeTextsAreSpreadOverFramesThatStayBelowTheLimit) {
         containers.push_back(container(std::to_string(i)));
         containers.back().description = std::string(1024 * 1024, 'x');
     }
-    const auto bodies = inventory.apply(containers);
+    const auto bodies = inventory.apply(containers).plain;
     ASSERT_GT(bodies.size(), 1U);
     std::vector<std::string> names;
     std::uint64_t generation = 1;
@@ -204,7 +204,7 @@ TEST(Inventory, LargeTextsAreSpreadOverFramesThatStayBelowTheLimit) {
     EXPECT_EQ(inventory.generation(), generation);
     EXPECT_EQ(names.size(), 30U);
     EXPECT_EQ(names.back(), "29");
-    EXPECT_GT(inventory.snapshot().size(), 1U);
+    EXPECT_GT(inventory.snapshot()->all().size(), 1U);
     EXPECT_TRUE(chunksOf(inventory).back().last());
 }
 

@@ -1,6 +1,7 @@
 // Subscriptions to events, what is sent for them, and alerts that clients have raised.
 #include <limits>
 
+#include "agent/server/EventFrames.h"
 #include "tests/unit/agent/ServerFixture.h"
 #include "tests/unit/alerts/PrintAlert.h"
 
@@ -231,7 +232,13 @@ TEST_F(ServerEvents, whoLearnsOfAContainerByAnEventFindsItInTheListAlready) {
 
 // ---- those who do not read ----
 
-TEST_F(ServerEvents, aSubscriberThatDoesNotReadIsDroppedAndOthersLoseNothing) {
+/// @return how many signals an alert of this text stands for
+std::uint64_t standsFor(const std::string& text) {
+    const auto place = text.find(" (and ");
+    return place == std::string::npos ? 1 : 1 + std::stoull(text.substr(place + 6));
+}
+
+TEST_F(ServerEvents, aSubscriberThatDoesNotReadGetsTheLatestAlertOfEachSourceForAllOthers) {
     settings_.limits.maxUnsentEventBytes = std::size_t{100} * 1024;
     serve();
     Peer silent = subscriber();
@@ -240,26 +247,129 @@ TEST_F(ServerEvents, aSubscriberThatDoesNotReadIsDroppedAndOthersLoseNothing) {
         tell({signalOf(std::to_string(i) + std::string(10'000, 'x'))});
         EXPECT_THAT(nextEvents(reader).at(0).resource_alert().text(), testing::StartsWith(std::to_string(i) + "x"));
     }
-    while (silent.receive()) {
+    std::uint64_t signals = 0;
+    std::size_t alerts = 0;
+    std::string last;
+    while (signals < 100) {
+        last = nextEvents(silent).at(0).resource_alert().text();
+        signals += standsFor(last);
+        ++alerts;
     }
-    EXPECT_TRUE(reader.isServed());
-    expectOneLine({"dropped peer \"tester\"", "does not read", "102400 bytes"});
+    EXPECT_EQ(signals, 100U);
+    EXPECT_LT(alerts, 100U);
+    EXPECT_THAT(last, testing::StartsWith("99x"));
+    EXPECT_TRUE(silent.isServed());
+    EXPECT_THAT(logged(), testing::AllOf(HasSubstr("does not read its events"), HasSubstr("reads its events again")));
 }
 
-TEST_F(ServerEvents, oneWhoTookASnapshotTooMayLeaveAsMuchUnreadAsOthers) {
+TEST_F(ServerEvents, aSubscriberThatDoesNotReadGetsTheLatestChangeOfEachEnvironment) {
     settings_.limits.maxUnsentEventBytes = std::size_t{100} * 1024;
-    settings_.limits.maxUnsentBytes = std::size_t{100} * 1024 * 1024;
     serve();
-    Peer both = subscriber();
-    both.askForSnapshot();
-    ASSERT_TRUE(both.receive()->has_snapshot_chunk());
-    for (int i = 0; i < 100; ++i) {
-        tell({signalOf(std::string(10'000, 'x'))});
+    publish({"web"});
+    Peer silent = subscriber();
+    tell({signalOf(std::string(250'000, 'x')), signalOf(std::string(250'000, 'x'))});
+    publish({"web"}, 1);
+    publish({"web"}, 2);
+    publish({});
+    EXPECT_THAT(nextEvents(silent), SizeIs(1));
+    EXPECT_THAT(nextEvents(silent), SizeIs(1));
+    const auto changes = nextEvents(silent);
+    ASSERT_THAT(changes, SizeIs(1));
+    EXPECT_EQ(changes[0].environment_change().kind(), wire::CHANGE_REMOVED);
+    EXPECT_TRUE(silent.isServed());
+    EXPECT_FALSE(silent.hasInput());
+}
+
+// ---- consumers ----
+
+class ServerConsumers : public ServerEvents {
+protected:
+    ServerConsumers() { settings_.consumers = &consumers_; }
+    ~ServerConsumers() override { stop(); }
+
+    Peer consumer(const std::string& name = "kxsnmp") {
+        Peer peer = connect();
+        peer.shakeHands();
+        wire::Frame frame;
+        frame.mutable_event_subscribe()->set_name(std::string(wire::kEventsName));
+        frame.mutable_event_subscribe()->set_consumer(name);
+        peer.send(frame);
+        EXPECT_TRUE(peer.receive()->has_done());
+        return peer;
     }
-    for (int i = 0; i < 100; ++i) {
-        ASSERT_THAT(nextEvents(both), SizeIs(1));
+
+    static wire::EventMessage nextMessage(Peer& peer) {
+        const auto frame = peer.receive();
+        EXPECT_TRUE(frame && frame->has_event_message());
+        return frame ? frame->event_message() : wire::EventMessage();
     }
-    EXPECT_EQ(logged(), "");
+
+    static void acknowledge(Peer& peer, std::uint64_t sequence) {
+        wire::Frame frame;
+        frame.mutable_event_ack()->set_sequence(sequence);
+        peer.send(frame);
+    }
+
+    EventConsumers consumers_{host().eid};
+};
+
+TEST_F(ServerConsumers, whatAConsumerHasNotAcknowledgedIsDeliveredWithItsNextSubscription) {
+    serve();
+    {
+        Peer first = consumer();
+        tell({signalOf("acknowledged")});
+        EXPECT_EQ(nextMessage(first).sequence(), 1U);
+        acknowledge(first, 1);
+        tell({signalOf("sent only")});
+        EXPECT_EQ(nextMessage(first).sequence(), 2U);
+    }
+    Peer probe = connect();
+    probe.shakeHands();
+    ASSERT_TRUE(test::eventually([&] {
+        bool away = false;
+        onLoop([&] { away = consumers_.kept().at(0).away.has_value(); });
+        return away;
+    }));
+    tell({signalOf("while it was away")});
+    Peer second = consumer();
+    const auto message = nextMessage(second);
+    ASSERT_EQ(message.events_size(), 1);
+    EXPECT_EQ(message.events(0).resource_alert().text(), "while it was away (and 1 more)");
+    EXPECT_EQ(message.sequence(), 1U);
+}
+
+TEST_F(ServerConsumers, oneThatDoesNotAcknowledgeGetsNoMoreThanItsWindowAndTheRestInCounts) {
+    serve();
+    Peer peer = consumer();
+    constexpr std::uint64_t kAlerts = 3000;
+    for (std::uint64_t i = 0; i < kAlerts; ++i) {
+        tell({signalOf("oom")});
+    }
+    std::uint64_t signals = 0;
+    for (std::size_t i = 0; i < EventConsumer::kWindowMessages; ++i) {
+        signals += standsFor(nextMessage(peer).events(0).resource_alert().text());
+    }
+    EXPECT_LT(signals, kAlerts);
+    EXPECT_TRUE(peer.isServed()) << "nothing but the answer comes";
+    acknowledge(peer, 1);
+    while (signals < kAlerts) {
+        signals += standsFor(nextMessage(peer).events(0).resource_alert().text());
+    }
+    EXPECT_EQ(signals, kAlerts);
+}
+
+TEST_F(ServerConsumers, twoOfOneNameAreWarnedOfAndTheSecondTakesOverWhenTheFirstGoes) {
+    serve();
+    auto first = std::make_unique<Peer>(consumer());
+    Peer second = consumer();
+    tell({signalOf("for both")});
+    EXPECT_EQ(nextMessage(*first).sequence(), 1U);
+    EXPECT_EQ(nextMessage(second).sequence(), 0U);
+    first.reset();
+    EXPECT_EQ(nextMessage(second).sequence(), 1U) << "what the first has not acknowledged";
+    const std::string log = logged();
+    EXPECT_THAT(log, HasSubstr("are both subscribed as \"kxsnmp\": every alert is reported twice"));
+    EXPECT_THAT(log, HasSubstr("has gone; peer \"tester\""));
 }
 
 TEST_F(ServerEvents, whatHappensAtOnceDropsNobodyHoweverMuchItIs) {

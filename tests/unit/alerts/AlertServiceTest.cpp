@@ -23,7 +23,7 @@ protected:
         service_ = std::make_unique<AlertService>(io_, eidOf("host"), limits, [this](const std::vector<Alert>& alerts) {
             EXPECT_FALSE(alerts.empty());
             for (const Alert& alert : alerts) {
-                texts_.push_back(alert.signal.text);
+                texts_.push_back(textOf(alert));
             }
         });
     }

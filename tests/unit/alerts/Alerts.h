@@ -55,7 +55,7 @@ public:
     std::vector<std::string> texts() {
         std::vector<std::string> texts;
         for (const Alert& alert : fresh_) {
-            texts.push_back(alert.signal.text);
+            texts.push_back(textOf(alert));
         }
         fresh_.clear();
         return texts;
