@@ -1,5 +1,7 @@
 // kxsnmp: the process. It takes no arguments and has no configuration of its own; the agent library reads its usual
 // files for the application name.
+#include <malloc.h>
+
 #include <csignal>
 #include <cstdlib>
 
@@ -62,6 +64,9 @@ extern "C" void stop_server(int /*signo*/) {
 }
 
 int main(int /*argc*/, char** /*argv*/) {
+    // One heap for both threads: what the main thread frees after a large answer is used for the pushes that follow.
+    // With two, 10,000 containers take 20 MB more.
+    mallopt(M_ARENA_MAX, 1);
     startLibrary();
     // Until here the signals end the process at once: there is nothing yet that would need an orderly end.
     running = 1;

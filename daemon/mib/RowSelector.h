@@ -7,8 +7,8 @@
 // Thread promise: main thread, inside the request loop. The link and the monitor are asked outside the library's lock.
 //
 // A table type T takes part by declaring T::RowSource, of which one object lives as long as the process:
-//     bool refresh(RowIndex& index)
-//         fills the index when the rows are others than at the last call; false: they are not known
+//     void refresh(RowIndex& index)
+//         fills the index anew when the rows are others than at the last call
 //     std::optional<Selection<T>> select(const std::vector<std::uint32_t>& places)
 //         those rows; nullopt when the rows have changed since refresh()
 #pragma once
@@ -70,7 +70,8 @@ private:
         }
         const OutOfLibrary outside;
         std::optional<Selection<T>> selection;
-        for (int i = 0; i < kx::mib::selectionTries && !selection && source.refresh(index); ++i) {
+        for (int i = 0; i < kx::mib::selectionTries && !selection; ++i) {
+            source.refresh(index);
             selection = source.select(index.choose(registration, mode, requests));
         }
         return selection;

@@ -99,11 +99,10 @@ private:
     SNMPNodePerfomanceMonitor* const monitor;  ///< not owned: the link stops all callbacks before the monitor goes
 };
 
-/// @brief What a query answered, and under which circumstances it was asked.
+/// @brief What a query answered, folded into tables that were empty, and when it was asked.
 struct SNMPNodePerfomanceMonitor::Answer {
-    std::vector<KXLMonitorData> data;
-    boost::intrusive_ptr<KXLEnvCache> environments;
-    std::map<std::string, std::int32_t> types;
+    std::map<std::string, ClassStats> tables;   ///< by class name
+    std::map<std::string, std::int32_t> types;  ///< of the counters in them
     std::uint64_t stores = 0;
     std::uint64_t connection = 0;
 };
@@ -138,7 +137,7 @@ private:
 };
 
 SNMPNodePerfomanceMonitor::~SNMPNodePerfomanceMonitor() {
-    const std::unique_ptr<const Answer> unused(waiting.exchange(nullptr));
+    const std::unique_ptr<Answer> unused(waiting.exchange(nullptr));
 }
 
 ClassStats SNMPNodePerfomanceMonitor::getStats(const std::string& className) {
@@ -160,24 +159,33 @@ ClassStats SNMPNodePerfomanceMonitor::getStats(const std::string& className) {
         answer->stores = stores;
         answer->connection = connections;
     }
+    return query(className, accessPoint, *answer) ? storeAnswer(std::move(answer), className) : ClassStats();
+}
+
+bool SNMPNodePerfomanceMonitor::query(const std::string& className,
+                                      const boost::intrusive_ptr<KXLAccessPointPrototype>& accessPoint,
+                                      Answer& answer) {
     KXLPerfMonAgent agent(accessPoint->getEID(), accessPoint);
     agent.getRequest().getContext()->setHandler(nullptr);
     agent.getRequest().getContext()->setSynchronous(true);
-    if (agent.query(answer->data, {}, allCountersOf({className})) != 0) {
-        return {};
+    std::vector<KXLMonitorData> data;
+    if (agent.query(data, {}, allCountersOf({className})) != 0) {
+        return false;
     }
-    answer->environments = environmentsOfLink();
-    return storeAnswer(std::move(answer), className);
+    SNMPNodePerfomanceMonitor alone;
+    alone.counterTypes.swap(answer.types);
+    alone.storeMonitorData(data, environmentsOfLink());
+    alone.counterTypes.swap(answer.types);
+    alone.perfCache.swap(answer.tables);
+    return true;
 }
 
 ClassStats SNMPNodePerfomanceMonitor::storeAnswer(std::unique_ptr<Answer> answer, const std::string& className) {
-    SNMPNodePerfomanceMonitor alone;
-    alone.counterTypes = answer->types;
-    alone.storeMonitorData(answer->data, answer->environments);
     const std::uint64_t before = answer->stores;
-    const std::unique_ptr<const Answer> overwritten(waiting.exchange(answer.release()));
+    ClassStats answered = answer->tables[className];
+    const std::unique_ptr<Answer> overwritten(waiting.exchange(answer.release()));
     if (stores == before) {
-        return std::move(alone.perfCache[className]);
+        return answered;
     }
     // A push came before the answer: increases in both add up. Its store is over, since one thread receives both.
     const auto guard = lockCache();
@@ -191,10 +199,25 @@ std::unique_lock<KXLLock> SNMPNodePerfomanceMonitor::lockCache() {
 }
 
 void SNMPNodePerfomanceMonitor::takeAnswer() {
-    const std::unique_ptr<const Answer> answer(waiting.exchange(nullptr));
+    const std::unique_ptr<Answer> answer(waiting.exchange(nullptr));
     // The increases of another connection are none of this one's: its first report starts from zero.
-    if (answer && answer->connection == connections) {
-        storeMonitorData(answer->data, answer->environments);
+    if (!answer || answer->connection != connections) {
+        return;
+    }
+    counterTypes.insert(answer->types.begin(), answer->types.end());
+    StaleVeSweeper sweeper(*this);
+    for (auto& [className, table] : answer->tables) {
+        ClassStats& held = perfCache[className];
+        for (const auto& [veid, instances] : table) {
+            sweeper.keep(veid);
+            if (!held.empty()) {
+                storeInstances(className, veid, instances);
+            }
+        }
+        if (held.empty()) {
+            held.swap(table);
+            rowLists.erase(className);
+        }
     }
 }
 
@@ -290,27 +313,31 @@ void SNMPNodePerfomanceMonitor::storeMonitorData(const std::vector<KXLMonitorDat
 }
 
 void SNMPNodePerfomanceMonitor::storeVeData(int veid, const KXLMonitorData::Classes& classes) {
-    for (const auto& [className, sample] : classes) {
-        InstanceMap& held = perfCache[className][veid];
-        auto place = held.begin();
-        bool hasOtherRows = false;
-        // Instances that are not reported any more go; counters that are not stay, in instances that are.
-        for (const auto& [instance, counters] : sample) {
-            while (place != held.end() && place->first < instance) {
-                place = held.erase(place);
-                hasOtherRows = true;
-            }
-            const std::size_t before = held.size();
-            place = findOrInsert(held, place, instance);
-            hasOtherRows = hasOtherRows || held.size() != before;
-            mergeStats(counters, place->second);
-            ++place;
+    for (const auto& [className, instances] : classes) {
+        storeInstances(className, veid, instances);
+    }
+}
+
+void SNMPNodePerfomanceMonitor::storeInstances(const std::string& className, int veid, const InstanceMap& sample) {
+    InstanceMap& held = perfCache[className][veid];
+    auto place = held.begin();
+    bool hasOtherRows = false;
+    // Instances that are not reported any more go; counters that are not stay, in instances that are.
+    for (const auto& [instance, counters] : sample) {
+        while (place != held.end() && place->first < instance) {
+            place = held.erase(place);
+            hasOtherRows = true;
         }
-        hasOtherRows = hasOtherRows || place != held.end();
-        held.erase(place, held.end());
-        if (hasOtherRows) {
-            rowLists.erase(className);
-        }
+        const std::size_t before = held.size();
+        place = findOrInsert(held, place, instance);
+        hasOtherRows = hasOtherRows || held.size() != before;
+        mergeStats(counters, place->second);
+        ++place;
+    }
+    hasOtherRows = hasOtherRows || place != held.end();
+    held.erase(place, held.end());
+    if (hasOtherRows) {
+        rowLists.erase(className);
     }
 }
 

@@ -71,6 +71,12 @@ private:
     /// The lock must be held.
     void takeAnswer();
 
+    /// @brief Queries the agent for one class. The lock is not needed, nor is the cache changed.
+    /// @param answer receives the tables; it has the types of the counters known so far
+    /// @return false when the query failed
+    static bool query(const std::string& className, const boost::intrusive_ptr<KXLAccessPointPrototype>& accessPoint,
+                      Answer& answer);
+
     /// @brief Leaves an answer to the next holder of the lock. The lock need not be held.
     /// @return what it says of the class, on top of what was stored since the query was made
     ClassStats storeAnswer(std::unique_ptr<Answer> answer, const std::string& className);
@@ -86,6 +92,7 @@ private:
     void storeMonitorData(const std::vector<KXLMonitorData>& data,
                           const boost::intrusive_ptr<KXLEnvCache>& environments);
     void storeVeData(int veid, const KXLMonitorData::Classes& classes);
+    void storeInstances(const std::string& className, int veid, const InstanceMap& sample);
     void mergeStats(const CounterMap& incoming, CounterMap& target);
 
     KXLLock lock;
@@ -94,7 +101,7 @@ private:
 
     std::map<std::string, CounterRowsPtr> rowLists;  ///< of the classes whose rows have not changed since getRows()
 
-    std::atomic<const Answer*> waiting{nullptr};  ///< owned; exchanged as a whole
-    std::atomic<std::uint64_t> stores{0};         ///< pushes and restarts so far; written with the lock held
-    std::uint64_t connections = 0;                ///< restarts so far; guarded by the lock
+    std::atomic<Answer*> waiting{nullptr};  ///< owned; exchanged as a whole, and read by whoever took it
+    std::atomic<std::uint64_t> stores{0};   ///< pushes and restarts so far; written with the lock held
+    std::uint64_t connections = 0;          ///< restarts so far; guarded by the lock
 };

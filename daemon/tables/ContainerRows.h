@@ -18,11 +18,10 @@ template <typename T>
 class ContainerRows {
 public:
     /// @brief See RowSelector.h. The rows are others when the agent has published another list.
-    /// @return true: without an agent there are no rows
-    bool refresh(RowIndex& index) {
+    void refresh(RowIndex& index) {
         auto environments = currentEnvironments();
         if (snapshot_ && end_ == environments.end()) {
-            return true;
+            return;
         }
         end_ = environments.end();
         snapshot_ = std::make_shared<const typename T::Snapshot>(std::move(environments));
@@ -34,7 +33,6 @@ public:
             kx::mib::addToIndex<T>(index, *cursor);
         }
         index.sort();
-        return true;
     }
 
     std::optional<Selection<T>> select(const std::vector<std::uint32_t>& places) const {

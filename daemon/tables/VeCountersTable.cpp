@@ -31,7 +31,15 @@ const std::vector<std::string>& counterNames(const std::string& className) {
 
 CounterRowsPtr counterRows(const std::string& className) {
     SNMPNodeLocal* const link = SNMPNodeLocal::instance();
-    return link == nullptr ? nullptr : link->getCounterRows(className);
+    if (link == nullptr) {
+        return nullptr;
+    }
+    CounterRowsPtr rows = link->getCounterRows(className);
+    // A class that is read for the first time is subscribed to and queried by this.
+    if (!rows && !link->getStats(className).empty()) {
+        rows = link->getCounterRows(className);
+    }
+    return rows;
 }
 
 std::optional<std::vector<CounterMap>> countersOf(const std::string& className, const CounterRowsPtr& rows,

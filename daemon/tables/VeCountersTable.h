@@ -52,7 +52,8 @@ private:
 /// @return valid until the next call
 const std::vector<std::string>& counterNames(const std::string& className);
 
-/// @brief What the monitor knows of a class's rows; null when there is no link, or nothing is known.
+/// @brief The rows of a class. As long as nothing is known of it, the agent is asked, as by SNMPNodeLocal::getStats.
+/// @return null when there are none
 CounterRowsPtr counterRows(const std::string& className);
 
 /// @return the counters of those rows; nullopt when the class has other rows by now
@@ -96,24 +97,23 @@ public:
     using Row = typename T::Row;
 
     /// @brief See RowSelector.h. The rows are others when an instance or a container has come or gone.
-    /// @return false while the class is not monitored or has no data: the full snapshot then starts or queries it
-    bool refresh(RowIndex& index) {
+    void refresh(RowIndex& index) {
         auto current = counterRows(Row::className);
-        if (current && current != rows_) {
-            index.clear();
-            const InstanceCounters none{CounterMap()};
-            for (const CounterRow& row : *current) {
-                kx::mib::addToIndex<T>(index, Row(row.veid, row.instance, none));
-            }
-            index.sort();
+        if (current == rows_) {
+            return;
         }
         rows_ = std::move(current);
-        return rows_ != nullptr;
+        index.clear();
+        const InstanceCounters none{CounterMap()};
+        for (const CounterRow& row : rows_ ? *rows_ : CounterRows()) {
+            kx::mib::addToIndex<T>(index, Row(row.veid, row.instance, none));
+        }
+        index.sort();
     }
 
     std::optional<Selection<T>> select(const std::vector<std::uint32_t>& places) const {
         auto counters = countersOf(Row::className, rows_, places);
-        if (!counters) {
+        if (!counters && !places.empty()) {
             return std::nullopt;
         }
         std::vector<Row> rows;

@@ -4,16 +4,25 @@ KX_BUILD=build/asan, build/tsan.
 A sanitizer's report of either program, a leak found at the orderly end included, fails the test that caused it.
 """
 
+import itertools
+import os
 import signal
 import threading
 
 import pytest
 from support import snmp
-from support.host import ENTRY, PRODUCT_VERSION, ROOT, SERVER_EID, TABLE, Host, buildFolder
+from support.host import ENTRY, NETWORK_COUNTERS, PRODUCT_VERSION, QUOTA_COUNTERS, ROOT, SERVER_EID, TABLE
+from support.host import Host, buildFolder
 from support.raising import AlertRaiser
 from support.traps import SINK_PORT
 from support.wait import waitUntil
 
+
+# The long form of the first reads: KX_FIRST_READ_STARTS=25 KX_FIRST_READ_CONTAINERS=10000.
+STARTS = int(os.environ.get("KX_FIRST_READ_STARTS", "3"))
+STARTED_CONTAINERS = int(os.environ.get("KX_FIRST_READ_CONTAINERS", "300" if buildFolder().name in ("asan", "tsan") else "2000"))
+PUSHES_EVERY_SECOND = "[monitoring]\nperiod_scale = 0.0334\n"
+PUSHES_ALL_THE_TIME = "[monitoring]\nperiod_scale = 0.01\n"
 A_HUNDRED = '[host]\ngenerate = 100\nproduct_version = "1"\n'
 RECONNECT_DEADLINE_S = 30  # sanitized programs are slow to start
 ROUNDS = 4
@@ -21,6 +30,7 @@ WALKS = 20
 ALERTS = 300
 ALERTS_AT_ONCE = 10
 WALKERS = 2
+CHANGED_EVERY_S = 0.1
 FIRST_GENERATED_NUMBER = 2001
 ARRIVES_WITHIN_S = 60
 LEAK_WALKS = 60 if "asan" in buildFolder().name else WALKS  # a leak is only found where one is looked for
@@ -69,6 +79,26 @@ def test_walks_and_changes_of_the_inventory_at_the_same_time(host):
     assert host.stopAll() == 0
 
 
+def test_first_reads_of_counters_meet_pushes_under_a_walking_manager(host):
+    """A query's answer is stored without the lock under which pushes are stored."""
+    host.agent.writeConfig('backend = "simulated"', PUSHES_EVERY_SECOND)
+    host.agent.writeInventory(f"[host]\ngenerate = {STARTED_CONTAINERS}\n")
+    host.snmpd.start()
+    host.agent.start()
+    for _ in range(STARTS):
+        host.kxsnmp.start()
+        host.waitForSubtree(RECONNECT_DEADLINE_S)
+        walker = Walker(host.snmpd.port, QUOTA_COUNTERS, 0)
+        walker.start()
+        try:
+            host.waitForCounters()
+            assert len(host.client.getbulk(0, 50, [NETWORK_COUNTERS], timeoutSeconds=20)) == 50
+        finally:
+            walker.end()
+        assert walker.error is None
+        assert host.kxsnmp.stop() == 0
+
+
 def test_walks_of_a_settled_host_leave_nothing_allocated(host):
     host.startAll(A_HUNDRED)
     for _ in range(LEAK_WALKS):
@@ -87,7 +117,8 @@ def alertedHost(sink):
     made = Host(trapPorts=[SINK_PORT])
     try:
         made.agent.writeConfig(
-            'backend = "simulated"', "[alerts]\nrepeat_seconds = 0\nper_second = 10000\nburst = 10000\n"
+            'backend = "simulated"',
+            "[alerts]\nrepeat_seconds = 0\nper_second = 10000\nburst = 10000\n" + PUSHES_ALL_THE_TIME,
         )
         made.startAll(A_HUNDRED)
         sink.waitForSubscription(FIRST_GENERATED_NUMBER)
@@ -97,10 +128,11 @@ def alertedHost(sink):
 
 
 class Walker(threading.Thread):
-    """Walks everything again and again until it is told to end."""
+    """Walks a subtree again and again until end()."""
 
-    def __init__(self, port):
+    def __init__(self, port, root=ROOT, atLeast=900):
         super().__init__()
+        self._root, self._atLeast = root, atLeast
         self.walks = 0
         self.error = None
         self._client = snmp.SnmpClient(port, timeoutSeconds=20)
@@ -109,7 +141,7 @@ class Walker(threading.Thread):
     def run(self):
         try:
             while not self._ending.is_set():
-                assert len(self._client.bulkwalk(ROOT, 20)) > 900
+                assert len(self._client.bulkwalk(self._root, 20)) >= self._atLeast
                 self.walks += 1
         except (snmp.SnmpTimeout, snmp.SnmpError, AssertionError) as error:
             self.error = error
@@ -133,18 +165,40 @@ def raiseAlerts():
     return texts
 
 
+class Changer(threading.Thread):
+    """Changes the inventory, adding and removing a container, until end()."""
+
+    def __init__(self, agent):
+        super().__init__()
+        self._agent = agent
+        self._ending = threading.Event()
+
+    def run(self):
+        extra = "[[environment]]\nname = 'extra'\nveid = 1\n"
+        for number in itertools.count():
+            self._agent.writeInventory(A_HUNDRED + extra * (number % 2))
+            if self._ending.wait(CHANGED_EVERY_S):
+                return
+
+    def end(self):
+        self._ending.set()
+        self.join()
+
+
 def test_traps_are_sent_while_walks_are_answered(alertedHost, sink):
-    """Traps are sent by one thread and requests answered by another, through one connection to the master agent."""
+    """Traps are sent by one thread and requests answered by another, through one connection to the master agent, while
+    counters are pushed and containers come and go."""
     walkers = [Walker(alertedHost.snmpd.port) for _ in range(WALKERS)]
-    for walker in walkers:
-        walker.start()
+    changer = Changer(alertedHost.agent)
+    for thread in [*walkers, changer]:
+        thread.start()
     try:
         waitUntil(lambda: all(walker.walks or walker.error for walker in walkers), ARRIVES_WITHIN_S, "they walk")
         expected = raiseAlerts()
         traps = sink.waitFor(ALERTS, ARRIVES_WITHIN_S)
     finally:
-        for walker in walkers:
-            walker.end()
+        for thread in [*walkers, changer]:
+            thread.end()
     assert [walker.error for walker in walkers] == [None] * WALKERS
     assert [trap.variables[1].value for trap in traps] == expected
     assert alertedHost.kxsnmp.stop() == 0

@@ -223,7 +223,9 @@ class Kxsnmp:
         (self.folder / "kxsnmp.conf").write_text(f"agentXSocket {agentxSocket}\nagentXPingInterval 2\n")
 
     def start(self, arguments=(), launcher=()):
-        """Starts it and returns the exit status of the process that was started, which detaches and leaves."""
+        """Starts it and returns the exit status of the process that was started, which detaches and leaves.
+        KX_LAUNCHER, for example "valgrind --log-file=/tmp/valgrind.%p", goes in front of the command unless `launcher` does."""
+        launcher = launcher or shlex.split(os.environ.get("KX_LAUNCHER", ""))
         mark = f"KX_TEST_MARK={uuid.uuid4()}"
         status = self.startOnly(arguments, launcher, mark)
         if status == 0:

@@ -224,16 +224,21 @@ class SnmpClient:
                 found.append(varbind)
 
     def _ask(self, pdu, second, third, varbinds, timeoutSeconds):
+        message = self._message(pdu, second, third, varbinds)
+        try:
+            self._socket.send(message)
+        except ConnectionRefusedError:
+            # The kernel reports the refusal of an earlier datagram on the next send, which it then drops.
+            self._socket.send(message)
+        return self._answer(self.timeoutSeconds if timeoutSeconds is None else timeoutSeconds)
+
+    def _message(self, pdu, second, third, varbinds):
+        """A datagram with the next request number."""
         self._requestId += 1
         listed = b"".join(_tlv(_SEQUENCE, _oid(oid) + _value(tag, value)) for oid, tag, value in varbinds)
         fields = _integer(self._requestId) + _integer(second) + _integer(third) + _tlv(_SEQUENCE, listed)
         message = _integer(_VERSION_2C) + _tlv(OCTET_STRING, self._community) + _tlv(pdu, fields)
-        try:
-            self._socket.send(_tlv(_SEQUENCE, message))
-        except ConnectionRefusedError:
-            # The kernel reports the refusal of an earlier datagram on the next send, which it then drops.
-            self._socket.send(_tlv(_SEQUENCE, message))
-        return self._answer(self.timeoutSeconds if timeoutSeconds is None else timeoutSeconds)
+        return _tlv(_SEQUENCE, message)
 
     def _answer(self, timeoutSeconds):
         deadline = time.monotonic() + timeoutSeconds
