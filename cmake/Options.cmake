@@ -35,6 +35,10 @@ check_pie_supported(LANGUAGES CXX)
 
 add_library(kx_flags INTERFACE)
 target_compile_options(kx_flags INTERFACE -Wall -Wextra -Wconversion -Wshadow -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 13)
+  # It takes a reference that a function returns for one into its argument, a temporary.
+  target_compile_options(kx_flags INTERFACE -Wno-dangling-reference)
+endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND KX_SANITIZE)
   # g++ 12 reports false maybe-uninitialized findings in instrumented standard headers.
   target_compile_options(kx_flags INTERFACE -Wno-error=maybe-uninitialized -Wno-maybe-uninitialized)

@@ -105,6 +105,16 @@ def outputOf(session, command):
     return session.split(f"# {command}\n", 1)[1].split("\n# ", 1)[0]
 
 
+def test_the_readme_leads_there_in_eight_steps():
+    assert sum(len(lines) for _, lines in blocks("README.md")) <= 8
+
+
+def test_network_counters_are_shown_with_the_names_of_the_module(session):
+    command = "snmptable -v2c -c public -M -/usr/share/kxsnmp/mibs -m CORVANE-MIB -Ci 127.0.0.1 kxVeNetstatTable"
+    table = outputOf(session[0], command)
+    assert "kxVeNetstatBytesIn" in table and "1000000." in table, table
+
+
 def test_doctor_is_content(session):
     report = outputOf(session[2], "kxctl doctor")
     assert "FAIL" not in report and report.count("OK") > 5, report
