@@ -1,12 +1,11 @@
-// The subscription to the agent's events, and the dispatcher that its receivers are registered in.
+// Keeps a subscription to the agent's events alive, and passes what arrives to receivers.
 //
-// Thread promise: start() and stop() from any thread. handleMessage(), handleFailure() and the restart timer run on the
-// event loop's thread. The link replaces a subscriber with each connection and carries the receivers over, so a
-// receiver outlives every subscriber it was registered in.
+// Threads: any may call start() and stop(); the client library calls the rest on its loop thread. A subscriber is used
+// for one connection to the agent. The next one gets its receivers.
 //
-// Locks: `lock` guards `stopped` and `connection` in start() and stop(). handleFailure() clears `connection` without
-// it: it runs on the loop's thread, where all else that could touch the connection of a started subscriber runs too,
-// and a start() that is waiting for the loop would otherwise wait for itself.
+// Locking: start() and stop() may run on different threads, so `stopped` and `connection` are changed under `lock`
+// there. The exception is handleFailure(), which must not wait: a connection fails on the loop thread, and whoever
+// holds `lock` may be in a call of the library. No other callback can run at that time.
 #pragma once
 
 #include <boost/intrusive_ptr.hpp>
@@ -25,9 +24,14 @@
 #include <kxl/KXLTaskHandlerPrototype.h>
 #include <kxl/KXLTimeoutHandlerPrototype.h>
 
-/// @brief Whose events are subscribed to, and through what.
+/// @brief The agent whose events are wanted, and the way to it. The order of the virtual functions is part of the
+/// contract.
 class KXLSubscriberBase : public virtual KXLRefCounter {
 public:
+    /// See KXLSubscriber.
+    virtual void stop() = 0;
+    virtual int start() = 0;
+
     KXLSubscriberBase(const KXLEID& subscribedEid, boost::intrusive_ptr<KXLAccessProviderPrototype> accessProvider)
         : eid(subscribedEid), provider(std::move(accessProvider)) {}
 
@@ -38,29 +42,28 @@ protected:
     const boost::intrusive_ptr<KXLAccessProviderPrototype> provider;
 };
 
-/// @brief A subscription to events of type T. It restarts itself when its connection fails: at once when a message has
-/// come since the last restart, after twice the time since then otherwise, never later than after 30 seconds. The order
-/// of the virtual functions is part of the contract.
+/// @brief Subscribes to events of type T, again and again: a connection that worked is replaced as soon as it fails,
+/// one that never delivered a message after twice the time since the attempt before, 30 s at most. The order of the
+/// virtual functions is part of the contract.
 template <typename T>
 class KXLSubscriber : public KXLSubscriberBase, public KXLTaskHandlerPrototype, public virtual KXLDispatcher<T> {
 public:
-    /// @brief Starts a subscriber again when its time has come.
+    /// @brief The end of that pause.
     class RestartTimeoutHandlerPrototype : public KXLTimeoutHandlerPrototype {
     public:
         explicit RestartTimeoutHandlerPrototype(boost::intrusive_ptr<KXLSubscriber> restarted)
             : subscriber(std::move(restarted)) {}
 
-        /// A subscriber that was stopped meanwhile stays stopped.
         void handleTimeout() override { subscriber->start(true); }
 
     private:
         const boost::intrusive_ptr<KXLSubscriber> subscriber;
     };
 
-    /// @param subscribedEid whose events; KXLEID::EID_INVALID in the placeholder that only carries receivers
-    /// @param accessProvider null in the placeholder
-    /// @param opensOwnConnection whether the subscription gets a connection of its own, with `info`
-    /// @param info null: none
+    /// @param subscribedEid the agent; KXLEID::EID_INVALID where nothing will be subscribed to, only receivers kept
+    /// @param accessProvider null in that case
+    /// @param opensOwnConnection true: do not share the agent's event connection, open one to `info`
+    /// @param info may be null
     KXLSubscriber(const KXLEID& subscribedEid, boost::intrusive_ptr<KXLAccessProviderPrototype> accessProvider,
                   bool opensOwnConnection, const KXLConnectivityInfo* info)
         : KXLSubscriberBase(subscribedEid, std::move(accessProvider)), ownConnection(opensOwnConnection) {
@@ -69,23 +72,22 @@ public:
         }
     }
 
-    /// @brief The subscription is not wanted any more; a later restart does not undo this.
-    virtual void stop();
+    /// @brief Unsubscribes, for good as far as pending restarts are concerned.
+    void stop() override;
 
-    /// @brief The subscription is wanted.
-    /// @return see start(bool)
-    virtual int start() { return start(false); }
+    /// @brief start(false)
+    int start() override { return start(false); }
 
-    /// @brief Opens the connection and subscribes on it, unless there is one already. A refused subscription leaves the
-    /// connection: it is not tried again before that has failed.
-    /// @param restart true: only if stop() was not called
-    /// @return 0, also when there was nothing to do; -1 when the provider has no access, or no connection came about
+    /// @brief Subscribes, on a connection that it opens first where there is none. Where the connection stands but the
+    /// subscription was refused, only the connection's failure leads to another attempt.
+    /// @param restart an automatic attempt, which does nothing after stop(); false revokes stop()
+    /// @return 0, or -1 when it could not subscribe
     int start(bool restart);
 
     void handleMessage(KXLMessageTaskPrototype& task) override;
     void handleFailure() override;
 
-    /// @return true before the first start() and after stop()
+    /// @return whether no subscription is wanted at present
     bool isStopped() const {
         const std::lock_guard guard(lock);
         return stopped;
@@ -163,13 +165,13 @@ void KXLSubscriber<T>::dispatch(KXLMessageReaderPrototype& reader) {
     for (int found = reader.firstElement(T::eventTag); found == 0; found = reader.nextElement(T::eventTag)) {
         boost::shared_ptr<const T> event;
         if (parse(reader, event) == 0) {
-            // A parser that succeeds without an event breaks its promise: the pointer's own assertion ends the process.
+            // Null only if a parser is broken; boost then aborts on the dereference.
             this->handleEvent(*event);
         }
     }
 }
 
-// The default parser is not used here: an event of an unknown type is nothing that a receiver could have asked for.
+// Types without a parser are skipped, not passed to the factory's default: no receiver knows what to do with them.
 template <typename T>
 int KXLSubscriber<T>::parse(KXLMessageReaderPrototype& reader, boost::shared_ptr<const T>& event) {
     const auto& parsers = KXLDerivedParserFactory<T, T>::factoryInternalData().parsers;
@@ -185,7 +187,7 @@ int KXLSubscriber<T>::parse(KXLMessageReaderPrototype& reader, boost::shared_ptr
 
 template <typename T>
 void KXLSubscriber<T>::handleFailure() {
-    connection.reset();  // without the lock, see above
+    connection.reset();  // unlocked: see Locking
     for (const auto& [key, receiver] : this->copyReceivers()) {
         receiver->subscriptionLost(eid);
     }
@@ -201,14 +203,14 @@ void KXLSubscriber<T>::handleFailure() {
 template <typename T>
 void KXLSubscriber<T>::scheduleRestart(std::time_t now) {
     std::time_t delay = 2 * (now - lastRestart);
-    // A clock that was set back gives a delay of 0 or less, which is passed on: that restarts at once.
+    // May be negative after the clock was set back. A timeout in the past fires at once, which is fine.
     if (delay > longestDelaySeconds) {
         delay = longestDelaySeconds;
     }
     lastRestart = now;
     const auto accessObject = access();
     if (!accessObject) {
-        return;  // the link installs a new subscriber when there is access again
+        return;  // the agent is gone; with its return comes a new subscriber
     }
     const boost::intrusive_ptr<RestartTimeoutHandlerPrototype> timeout(
         new RestartTimeoutHandlerPrototype(boost::intrusive_ptr<KXLSubscriber>(this)));

@@ -324,6 +324,35 @@ TEST_F(SubscriberTest, FinishesAndIgnoresAMessageWithoutAList) {
     EXPECT_THAT(access().calls, IsEmpty());
 }
 
+/// Counts what it parses.
+class CountingParser : public KXLParserPrototype<KXLEvent> {
+public:
+    explicit CountingParser(int& parsed) : parsed_(parsed) {}
+    int parse(KXLMessageReaderPrototype&, KXLEvent*& out) const override {
+        ++parsed_;
+        out = std::make_unique<KXLEvent>("counted", nullptr).release();
+        return 0;
+    }
+
+private:
+    int& parsed_;
+};
+
+TEST_F(SubscriberTest, ParsesAndDropsEventsWithoutReceivers) {
+    int parsed = 0;
+    auto& parsers = EventFactory::factoryInternalData().parsers;
+    parsers["counted"] = boost::make_shared<const CountingParser>(parsed);
+    kx::wire::EventMessage message;
+    message.add_events()->set_type("counted");
+    message.add_events()->set_type("counted");
+    FakeTask task(message.SerializeAsString());
+    const SubscriberPtr alone(new Subscriber(kAgent, nullptr, false, nullptr));
+    alone->handleMessage(task);
+    parsers.erase("counted");
+    EXPECT_EQ(parsed, 2);
+    EXPECT_EQ(task.finished, 1);
+}
+
 class EmptyHandedParser : public KXLParserPrototype<KXLEvent> {
 public:
     int parse(KXLMessageReaderPrototype&, KXLEvent*&) const override { return 0; }

@@ -241,6 +241,36 @@ TEST_F(Link, ReceiversGetEachEventOnceInTheirOrderAfterTenReconnections) {
     EXPECT_EQ(log.lines(), expected);
 }
 
+/// Ends the agent's connections while the link is locked, and sees whether it is connected anew meanwhile.
+class HangingUpReceiver : public KXLReceiver<KXLEvent> {
+public:
+    explicit HangingUpReceiver(EventfulAgent& agent) : agent_(agent) {}
+    int receive(const KXLEvent&) override {
+        const int before = agent_.subscriptions();
+        agent_.hangUp();
+        hasMoved = eventually([&] { return agent_.subscriptions() > before; }, std::chrono::milliseconds(400));
+        return 0;
+    }
+
+    bool hasMoved = false;
+
+private:
+    EventfulAgent& agent_;
+};
+
+// The first callback runs inside the request that connects, which holds the lock; no later one may take itself for it.
+TEST_F(Link, ThatWasConnectedByARequestIsLockedForLaterChanges) {
+    EventfulAgent agent;
+    link->getAccessPoint();
+    ASSERT_TRUE(eventually([&] { return agent.subscriptions() == 1; }));
+    const boost::intrusive_ptr<HangingUpReceiver> receiver(new HangingUpReceiver(agent));
+    link->addReceiver(receiver);
+    link->dispatchEvent(KXLEvent("x", nullptr));
+    EXPECT_FALSE(receiver->hasMoved);
+    EXPECT_TRUE(eventually([&] { return agent.subscriptions() == 2; }));
+    link->stop();
+}
+
 TEST_F(Link, ReceiversOutliveEveryReconnectionInTheirOrder) {
     addReceiver("first");
     std::atomic<int> connections{0};
@@ -292,10 +322,21 @@ TEST(AgentConnectionInfo, NamesTransportAndCacheAndNoCredentials) {
 
 // One test for the whole life: once destroyed, the link is never made again in a process.
 TEST(LinkSingleton, IsMadeOnceAndNeverAgainAfterItWasDestroyed) {
-    const ScriptedAgent agent(kSocketPath, serve);
     SNMPNodeLocal* const first = SNMPNodeLocal::instance();
     ASSERT_NE(first, nullptr);
     EXPECT_EQ(SNMPNodeLocal::instance(), first);
+    EXPECT_TRUE(first->getStats("counters_kx_net").empty()) << "there is no agent yet, but it is wanted from now on";
+    std::atomic<int> monitors{0};
+    const ScriptedAgent agent(kSocketPath, [&](PeerSocket& peer) {
+        if (serveUntilUp(peer, {wireEnv(1), wireEnv(2)})) {
+            wire::Frame frame;
+            while (peer.read(frame)) {
+                monitors += frame.has_monitor_start() ? 1 : 0;
+            }
+        }
+    });
+    EXPECT_TRUE(first->getAccessPoint());
+    EXPECT_TRUE(eventually([&] { return monitors == 1; })) << "a connection that a request makes restarts the monitor";
     EXPECT_EQ(first->getEnvCache()->getEnvList().size(), 2U);
     EXPECT_EQ(first->getServerEID().toString(), "5e5e5e5e-5e5e-5e5e-5e5e-5e5e5e5e5e5e");
     EXPECT_TRUE(first->getStats("counters_kx_quota").empty());
