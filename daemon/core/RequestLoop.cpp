@@ -2,6 +2,11 @@
 
 #include <sys/select.h>
 
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
 #include "mib/LibraryLock.h"
 #include "mib/NetSnmp.h"
 
@@ -14,6 +19,18 @@ namespace {
 
 /// A signal that comes right before the wait begins does not end it, so that is how late it may be seen.
 constexpr timeval longestWait{1, 0};
+
+/// Until the next try when it is impossible to wait, for lack of memory for example.
+constexpr std::chrono::milliseconds pauseAfterError{100};
+
+/// Logs an error once until there is another, or none.
+void reportWaiting(int error) {
+    static int reported = 0;
+    if (error != reported && error != 0) {
+        snmp_log(LOG_ERR, "cannot wait for requests: %s; trying again every 100 ms\n", std::strerror(error));
+    }
+    reported = error;
+}
 
 /// A request comes from the master agent's socket and is passed on through a pipe within the library, as is its answer.
 /// Each is one pass of the library, which is cheaper made at once than by waiting again.
@@ -45,6 +62,11 @@ public:
         const bool isLong = !hasTimeout_ || timeout_.tv_sec >= longestWait.tv_sec;
         timeval timeout = isLong ? longestWait : timeout_;
         const int ready = netsnmp_large_fd_set_select(descriptors_, &readable_, &writable_, &exceptional_, &timeout);
+        const int error = ready < 0 && errno != EINTR ? errno : 0;
+        reportWaiting(error);
+        if (error != 0) {
+            std::this_thread::sleep_for(pauseAfterError);
+        }
         return ready > 0 || (ready == 0 && !isLong);
     }
 

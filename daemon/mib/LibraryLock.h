@@ -2,14 +2,15 @@
 //
 // Traps are sent on the client library's event-loop thread, at any moment; all else that uses the agent library runs on
 // the main thread. Both send on the one session with the master agent, which has one buffer and one list of what is
-// unanswered: without turns, a trap that is sent while a request is being answered takes the answer's place in the
+// unanswered: without a lock, a trap that is sent while a request is being answered takes the answer's place in the
 // buffer, and one of the two is lost, or the master agent closes a session that makes no sense to it.
 //
-// Thread promise: any thread. Turns are given in the order in which they were asked for. Not recursive.
+// Thread promise: any thread. First come, first served. Not recursive.
 //
-// The lock is the last of all: whoever holds it waits for no other lock and for no other thread. The main thread
-// therefore gives it up while it waits for requests, and while it is in a callback of ours that asks the link for
-// anything: the link's lock is held by whoever sends a trap.
+// The last lock but one (MasterSession's): whoever holds it waits for no thread of ours. The main thread therefore
+// releases it while it waits for requests, and while it is in a callback of ours that asks the link for anything: the
+// link's lock is held by whoever sends a trap. The main thread may, with the lock held, wait seconds for the master
+// agent: pings and registrations are synchronous. So others wait for the lock within limits.
 #pragma once
 
 #include <atomic>
@@ -19,7 +20,7 @@
 #include <mutex>
 #include <set>
 
-/// @brief The turns. Works with std::lock_guard.
+/// @brief A FIFO lock. Works with std::lock_guard.
 class LibraryLock {
 public:
     /// The one of the process.

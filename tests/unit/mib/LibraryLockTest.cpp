@@ -59,6 +59,40 @@ TEST(LibraryLock, LetsInOneThreadAtATime) {
     EXPECT_EQ(unguarded, 8000);
 }
 
+TEST(LibraryLock, IsNotWaitedForLongerThanAsked) {
+    LibraryLock& lock = LibraryLock::instance();
+    const InLibrary library;
+    bool acquired = true;
+    std::thread([&] { acquired = lock.lockWithin(std::chrono::milliseconds(1)); }).join();
+    EXPECT_FALSE(acquired);
+}
+
+TEST(LibraryLock, GoesOnAfterThoseThatDidNotWaitForIt) {
+    LibraryLock& lock = LibraryLock::instance();
+    for (int round = 0; round < 2; ++round) {
+        {
+            const InLibrary library;
+            std::thread([&] {
+                EXPECT_FALSE(lock.lockWithin(std::chrono::milliseconds(1)));
+                EXPECT_FALSE(lock.lockWithin(std::chrono::milliseconds(1)));
+            }).join();
+        }
+        ASSERT_TRUE(lock.lockWithin(std::chrono::seconds(10)));
+        EXPECT_TRUE(LibraryLock::isHeldHere());
+        lock.unlock();
+    }
+}
+
+TEST(LibraryLock, KnowsWhetherItIsHeldForLong) {
+    LibraryLock& lock = LibraryLock::instance();
+    EXPECT_FALSE(lock.isHeldFor(std::chrono::milliseconds(0)));
+    const InLibrary library;
+    EXPECT_TRUE(lock.isHeldFor(std::chrono::milliseconds(-1)));
+    EXPECT_FALSE(lock.isHeldFor(std::chrono::hours(1)));
+    const OutOfLibrary outside;
+    EXPECT_FALSE(lock.isHeldFor(std::chrono::milliseconds(-1)));
+}
+
 /// @return whether a thread of this process waits for something (proc(5): state S)
 bool sleeps(pid_t thread) {
     std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
