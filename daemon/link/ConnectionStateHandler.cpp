@@ -10,8 +10,7 @@ void SNMPNodeLocalImpl::connection_state_handler::handleConnected() {
     }
     const auto accessPoint = owner->accessPoint;
     const auto subscriber = replaceSubscriber();
-    // Only the first callback can run inside its caller's locked section; later ones come from the event loop and
-    // must lock.
+    // The library calls again from its loop thread, where nobody has locked anything for us.
     callerHoldsLock = false;
     if (guard.owns_lock()) {
         guard.unlock();
@@ -23,9 +22,8 @@ void SNMPNodeLocalImpl::connection_state_handler::handleConnected() {
 boost::intrusive_ptr<KXLSubscriber<KXLEvent>> SNMPNodeLocalImpl::connection_state_handler::replaceSubscriber() {
     boost::intrusive_ptr<KXLSubscriber<KXLEvent>> next(
         new KXLSubscriber<KXLEvent>(owner->accessPoint->getEID(), owner->accessPoint, false, nullptr));
-    // Receivers survive every reconnection with their keys and their order.
     next->addReceivers(owner->subscriber->copyReceivers());
-    // The old one is let go without being stopped: handleError stopped it when its link failed.
+    // Nothing to stop: that was done on the loss, or it was never started.
     owner->subscriber = next;
     return next;
 }

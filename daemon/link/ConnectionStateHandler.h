@@ -11,11 +11,11 @@
 /// @brief Handed to the library with each initialisation; the library keeps the one of the successful one.
 class SNMPNodeLocalImpl::connection_state_handler : public KXLRequestHandlerAgentPrototype {
 public:
-    /// @param lockHeld whether the caller of initializeSync holds the link's lock, which is not recursive
+    /// @param lockHeld true: made by a thread that has locked the link, for a call that may come back on that thread
     connection_state_handler(bool lockHeld, SNMPNodeLocalImpl& link) : callerHoldsLock(lockHeld), owner(&link) {}
 
     void handleConnected() override;
-    /// The code does not matter: re-establishing the link is the library's affair.
+    /// Whatever the code: the library reconnects by itself.
     void handleError(int code) override;
 
 private:

@@ -1,7 +1,6 @@
-// The daemon's single link to the host's management agent, as the rest of the daemon sees it.
+// The management agent, as tables, scalars and traps see it.
 //
-// Thread promise: instance() and destroy() belong to the main thread; every other operation may be called from
-// the main thread and from the client library's event-loop thread.
+// Thread promise: any thread, except that setEventGate(), the first instance() and destroy() are the main thread's.
 #pragma once
 
 #include <boost/intrusive_ptr.hpp>
@@ -18,28 +17,27 @@
 class KXLEvent;
 class SNMPNodeLocalImpl;
 
-/// @brief Process-wide holder of the one SNMPNodeLocalImpl, made on first use and destroyed once.
+/// @brief Singleton in front of SNMPNodeLocalImpl.
 class SNMPNodeLocal {
 public:
-    /// @brief The link, made by the first call. That call happens on the main thread during module
-    /// initialisation, before any other thread exists, so there is no lock.
-    /// @return null once destroyed: callers treat that as having no agent
+    /// @brief The first call makes the link. It is not locked: start-up makes it, before it can have a second thread.
+    /// @return null after destroy(); to be handled like an agent that is not there
     static SNMPNodeLocal* instance();
 
     /// @brief Sets what decides when the agent's events are delivered. Before the first call of instance().
     static void setEventGate(const boost::intrusive_ptr<KXLEventGatePrototype>& gate) { s_eventGate = gate; }
 
-    /// @brief Stops and frees the link; it is never made again in this process. A second call does nothing.
+    /// @brief Ends the link, with the loop thread and all callbacks, for the rest of the process. May be repeated.
     static void destroy();
 
-    /// @brief The agent's access point. An uninitialised link is tried again first, which may take 500 ms.
-    /// @return may be null
+    /// @brief Connects first if that has never worked so far, which takes up to 500 ms.
+    /// @return what the agent is reached through; may be null
     boost::intrusive_ptr<KXLAccessPointPrototype> getAccessPoint();
 
-    /// @return the container cache of the access point; null when there is no access point
+    /// @return the containers; null without an access point
     boost::intrusive_ptr<KXLEnvCache> getEnvCache();
 
-    /// @return the agent's own identifier, KXLEID::EID_INVALID when there is no access point
+    /// @return the host's identifier; KXLEID::EID_INVALID as long as no agent has reported it
     KXLEID getServerEID();
 
     /// @brief A copy of what the performance monitor holds of a counter class.
@@ -53,11 +51,11 @@ public:
     bool copyCounters(const std::string& className, const CounterRowsPtr& rows,
                       const std::vector<std::uint32_t>& places, std::vector<CounterMap>& into);
 
-    /// @brief Registers a receiver of the agent's events, after those registered before it.
+    /// @brief Registers a receiver of the agent's events, for good; the latest comes last.
     void addReceiver(const boost::intrusive_ptr<KXLReceiver<KXLEvent>>& receiver);
 
-    /// @brief Hands an event to every receiver, on this thread, with the link's lock held: a receiver reached
-    /// this way must not call any operation of the link.
+    /// @brief Passes an event of our own to the same receivers, synchronously. They run under the link's lock: one that
+    /// uses the link in response deadlocks.
     void dispatchEvent(const KXLEvent& event);
 
     /// @return whether a thread waits for the event loop's: see KXLEventLoopPrototype::isWaitedFor

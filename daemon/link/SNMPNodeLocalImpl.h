@@ -1,12 +1,11 @@
-// The one connection to the management agent, and what hangs on it.
+// Implementation of SNMPNodeLocal: the client library's objects, and the event subscriber and performance monitor that
+// use them.
 //
-// Threads: the main thread, which answers SNMP requests, and the client library's event-loop thread, started by the
-// constructor, which runs the connection-state callbacks after the first initialisation. No thread of the daemon's own.
+// Threads: main, with the SNMP requests, and the client library's loop thread from the constructor on.
 //
-// Locks: `lock` guards needsInit, accessPoint, the subscriber pointer and the initialisation call, and keeps
-// addReceiver and dispatchEvent apart from a subscriber swap. A dispatcher's lock is taken after it, never before.
-// The monitor takes its own lock, never while its caller holds this one, save in a callback that runs inside
-// getAccessPoint().
+// Locking: `lock` covers all members that change after construction, the initialisation, and delivery by
+// dispatchEvent(). Next in order is the lock of a dispatcher. The performance monitor is called without `lock`, with
+// one exception: a callback inside getAccessPoint(), whose caller has it. Who holds what: docs/threads.md.
 #pragma once
 
 #include <boost/intrusive_ptr.hpp>
@@ -23,25 +22,24 @@
 #include <kxl/KXLEventLoopPrototype.h>
 #include <kxl/KXLLock.h>
 
-/// @brief The parameters of the connection, built once.
+/// @brief Where and how to connect.
 struct AgentConnectionInfo {
     AgentConnectionInfo();
 
-    std::string cachePath;  ///< kept for the object's lifetime; nothing else reads it
+    std::string cachePath;  ///< of no use to us so far
     KXLConnectionInfo connectionInfo;
 };
 
 /// @brief See SNMPNodeLocal, whose operations end here.
 class SNMPNodeLocalImpl {
 public:
-    /// @brief Starts the client library's loop and tries to connect. A failed connection does not fail the
-    /// construction: the next getAccessPoint() tries again.
+    /// @brief Starts the loop and makes the first attempt to connect, whose outcome does not matter here.
     /// @param eventGate see KXLEventLoopPrototype::setEventGate
     explicit SNMPNodeLocalImpl(boost::intrusive_ptr<KXLEventGatePrototype> eventGate = nullptr);
     SNMPNodeLocalImpl(const SNMPNodeLocalImpl&) = delete;
     SNMPNodeLocalImpl& operator=(const SNMPNodeLocalImpl&) = delete;
 
-    /// @brief Stops the event loop, and with it every callback, then the subscriber. Main thread, once, at the end.
+    /// @brief After it no callback runs. Main thread, before destruction.
     void stop();
 
     boost::intrusive_ptr<KXLAccessPointPrototype> getAccessPoint();
@@ -57,14 +55,13 @@ private:
     void createAccessPoint();
     int connect(bool callerHoldsLock);
 
-    // The order of the members is the order of their construction and, reversed, of their destruction.
+    // In the order of construction.
 
-    // A registry of its own into which nothing is registered: receivers live in the current subscriber's
-    // dispatcher, which is what carries them from connection to connection.
+    // Unused: addReceiver() registers with the subscriber.
     KXLLock receiverLock;
     std::multimap<int, boost::intrusive_ptr<KXLReceiver<KXLEvent>>> receivers;
 
-    bool needsInit = true;  ///< the access point has still to be initialised
+    bool needsInit = true;  ///< until initializeSync has succeeded once
     AgentConnectionInfo connection;
     boost::intrusive_ptr<KXLEventLoopPrototype> eventLoop;
     boost::intrusive_ptr<KXLAccessPointPrototype> accessPoint;

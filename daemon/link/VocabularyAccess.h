@@ -1,6 +1,6 @@
-// What the agent's vocabulary says of a counter class.
+// Counter classes as the agent's vocabulary describes them.
 //
-// Thread promise: any thread, and under any lock: vocabularies are read from memory. No lock of their own.
+// Thread promise: any thread, also with locks held; only memory is read.
 #pragma once
 
 #include <boost/intrusive_ptr.hpp>
@@ -12,25 +12,24 @@
 #include <kxl/KXLAccessPointPrototype.h>
 #include <kxl/KXLVocMap.h>
 
-/// The vocabulary that describes the counter classes, one category each.
+/// Has one category for each counter class.
 inline constexpr const char* countersVocabulary = "KXABasicFunctionality";
 
-/// @brief One category: its parameters are the counters of a class.
+/// @brief The counters of one class.
 struct CategoryInfo {
-    std::map<std::string, int> counterTypes;  ///< by parameter id; 0 where the vocabulary does not say
-    std::vector<std::string> parameterIds;    ///< in the vocabulary's order; an id that it repeats stands here again
+    std::map<std::string, int> counterTypes;  ///< of each counter; 0: not known
+    std::vector<std::string> parameterIds;    ///< the columns of a counter table, in order; duplicates are kept
 };
 
-/// @brief Adds what a vocabulary says of a category. A parameter whose id cannot be read is passed over.
-/// @param into keeps what it holds; a counter type is overwritten where the vocabulary has one
+/// @brief Reads a category and appends it. Parameters without a readable id are left out.
+/// @param into what it held before stays, but that types which the vocabulary states replace older ones
 /// @param vocabulary may be null
-/// @return 0 when the whole category was walked; 1 when there is no vocabulary, no such category (which is logged), or
-/// no parameter in it
+/// @return 0; 1 when nothing could be read. Of the reasons only a missing category is logged
 int readVocabularyCategory(CategoryInfo& into, const std::string& category,
                            const boost::shared_ptr<KXLVocMap>& vocabulary);
 
-/// @brief The counters of a class.
+/// @brief The column order of a counter class.
 /// @param accessPoint may be null
-/// @return the ids in the vocabulary's order; empty when anything fails
+/// @return empty where the agent, its vocabulary or the class is missing
 std::vector<std::string> getCategoryParameterIds(const std::string& category,
                                                  const boost::intrusive_ptr<KXLAccessPointPrototype>& accessPoint);

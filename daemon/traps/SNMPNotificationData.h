@@ -1,6 +1,6 @@
-// A trap that is ready to be sent, as the payload of an event.
+// What SNMPVeQoSNotificationSender needs to send a trap.
 //
-// Thread promise: plain values; filled by one thread before the event that carries them is dispatched.
+// Thread promise: plain values, not changed once they are in an event.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@
 
 #include <kxl/KXLEvent.h>
 
-/// @brief An object identifier that owns its sub-identifiers. Copies have arrays of their own.
+/// @brief An object identifier with value semantics.
 class OwnedOid {
 public:
     OwnedOid() = default;
@@ -24,9 +24,8 @@ public:
     }
     ~OwnedOid() = default;
 
-    /// @brief Takes a copy of an array, freeing the one held before. The array may be its own.
-    /// @param length number of sub-identifiers
-    /// @param subIds may be null when there are none
+    /// @param length number of sub-identifiers, which are copied
+    /// @param subIds may be null where length is 0, and may be its own
     void assign(std::size_t length, const oid* subIds);
 
     std::size_t length() const { return length_; }
@@ -38,20 +37,20 @@ private:
     std::unique_ptr<oid[]> subIds_;  // NOLINT(modernize-avoid-c-arrays): what the library takes
 };
 
-/// @brief A variable of a trap: its value and its name.
+/// @brief One variable binding.
 struct NotificationVariable {
     ColumnValue value;
     OwnedOid name;
 };
 
-/// @brief A notification: the trap's numbers, its enterprise, and its variables in sending order.
+/// @brief A trap in the form of RFC 1157; the library makes SNMPv2 notifications of it.
 class SNMPNotificationData : public KXLEventData {
 public:
-    /// The category of the events that carry this.
+    /// Marks the events that carry it.
     static const std::string category;
 
-    int genericTrap = 6;   ///< enterprise-specific (RFC 1157, section 4.1.6)
-    int specificTrap = 0;  ///< the enterprise's own number of the trap
+    int genericTrap = 6;   ///< enterpriseSpecific (RFC 1157, section 4.1.6)
+    int specificTrap = 0;  ///< which of the enterprise's traps
     OwnedOid enterprise;
     std::vector<NotificationVariable> variables;
 };

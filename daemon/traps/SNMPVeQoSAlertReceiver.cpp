@@ -43,7 +43,7 @@ ColumnValue counter64(std::int64_t value) {
     return result;
 }
 
-// The result of reading the number is not looked at: without one, the preset is sent as 4294967295.
+// An alert must not get lost for want of a number: -1 arrives as 4294967295.
 std::int32_t veidOf(const KXLEnv& environment) {
     int veid = -1;
     KXAEnvConfig(environment.getConfig()).getVeid(veid);
@@ -63,7 +63,7 @@ boost::shared_ptr<SNMPNotificationData> notificationOf(const KXLResourceAlertDat
     return notification;
 }
 
-// Only containers: alerts about the host itself are not forwarded, on purpose.
+// The host is in the cache too, but its alerts are not for managers of containers.
 KXLEnvCache::EnvPtr containerOf(SNMPNodeLocal& link, const KXLEID& eid) {
     const auto cache = eid == link.getServerEID() ? nullptr : link.getEnvCache();
     return cache ? cache->getEnvCopy(eid) : nullptr;

@@ -1,18 +1,15 @@
-// Makes notifications of the agent's resource alerts.
+// Translates alerts of the management agent into notifications.
 //
-// Thread promise: receive() on the event loop's thread, from the subscriber's dispatcher. Never through the link's own
-// dispatchEvent, whose lock it takes itself. No state.
+// Thread promise: loop thread, no lock held: it may wait a moment for room (TrapPace.h), and takes the link's lock.
 #pragma once
 
 #include "events/KXLReceiver.h"
 
 #include <kxl/KXLEvent.h>
 
-/// @brief Takes alerts about containers that the link knows, and dispatches a notification for each.
+/// @brief Stateless; one notification for each alert about a known container.
 class SNMPVeQoSAlertReceiver : public KXLReceiver<KXLEvent> {
 public:
-    /// @brief Sends a notification on its way. Whatever is no alert, and alerts about the host itself or about nothing
-    /// known, are passed over in silence.
-    /// @return always 0
+    /// @return 0, also for what it ignores: other events, alerts about the host or about unknown containers
     int receive(const KXLEvent& event) override;
 };

@@ -9,6 +9,7 @@ import re
 import signal
 import time
 from collections import Counter
+from pathlib import Path
 
 import pytest
 from support.askers import ANSWER_DEADLINE_S, UptimeAsker, Walker
@@ -26,7 +27,18 @@ SETTLE_DEADLINE_S = 60
 NEXT_TRAP_WITHIN_S = 3
 ENDS_WITHIN_S = 2
 
+MAX_FRAME_BYTES = 16 * 1024 * 1024
+MOST_BYTES = 128 * 1024 * 1024
+
 _DROPPED = re.compile(r"(\d+) alerts? not sent as traps?")
+
+
+def varint(number):
+    septets = b""
+    while number > 0x7F:
+        septets += bytes([0x80 | number & 0x7F])
+        number >>= 7
+    return septets + bytes([number])
 
 
 @pytest.fixture
@@ -108,3 +120,47 @@ def test_a_flood_in_one_message_arrives_while_managers_walk(scripted, sink, size
     scripted.kxsnmp.sendSignal(signal.SIGTERM)
     assert scripted.kxsnmp.waitForExit() == 0
     assert time.monotonic() - stopping <= ENDS_WITHIN_S
+
+
+def emptyEvents(_, size):
+    """The most events that fit: three bytes each."""
+    return b"\xda\x51\x00" * (size // 3)
+
+
+def alertsAboutNobody(agent, size):
+    event = agent.schema.EventMessage()
+    alert = event.events.add(type=b"resource_alert").resource_alert
+    alert.eid, alert.text = b"n" * 16, b"text"
+    one = event.SerializeToString()
+    return one * (size // len(one))
+
+
+def alertsWithLongTexts(agent, size):
+    return agent.alerts([b"x" * 60000] * (size // 60100)).SerializeToString()
+
+
+def peakBytes(pid):
+    (line,) = [line for line in Path(f"/proc/{pid}/status").read_text().splitlines() if line.startswith("VmHWM")]
+    return int(line.split()[1]) * 1024
+
+
+@pytest.mark.parametrize("events", [emptyEvents, alertsAboutNobody, alertsWithLongTexts])
+def test_the_largest_message_of_events_costs_little_memory_and_no_time(scripted, sink, events, record_property):
+    agent = scripted.scripted
+    message = events(agent, MAX_FRAME_BYTES - 16)
+    askers = [Walker(scripted.snmpd.port), UptimeAsker(scripted.snmpd.port)]
+    for asker in askers:
+        asker.start()
+    try:
+        agent.sendRaw(b"\x62" + varint(len(message)) + message)
+        agent.send(agent.alerts([b"behind it"]))
+        waitUntil(lambda: texts(sink.traps())[b"behind it"], SETTLE_DEADLINE_S, "what comes behind it arrives")
+    finally:
+        for asker in askers:
+            asker.end()
+    assert [asker.error for asker in askers] == [None] * len(askers)
+    slowest, peak = max(asker.longestS for asker in askers), peakBytes(scripted.kxsnmp.pid)
+    figures = f"{events.__name__}: peak {peak / 2**20:.0f} MiB, the slowest answer {slowest * 1000:.0f} ms"
+    print(figures)
+    record_property("figures", figures)
+    assert peak <= MOST_BYTES and slowest <= ANSWER_DEADLINE_S

@@ -147,6 +147,7 @@ inline wire::Frame alerts(const std::vector<std::string>& texts) {
 
 class EventConnections : public LinkFixture {
 protected:
+    explicit EventConnections(const client::Timeouts& timeouts = {}) : LinkFixture(timeouts) {}
     ~EventConnections() override { loop->stop(); }
 
     int bringUp(const std::string& path) {

@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "client/src/loop/Loop.h"
+#include "daemon/core/MibModule.h"
 #include "daemon/link/SNMPNodeLocal.h"
 #include "daemon/traps/InitTraps.h"
 #include "daemon/traps/SNMPNotificationData.h"
@@ -118,12 +119,13 @@ private:
 class Alerts : public testing::Test {
 protected:
     static void SetUpTestSuite() {
+        init_traps();  // before there is an agent
         agent = std::make_unique<AlertingAgent>();
-        init_traps();
         SNMPNodeLocal::instance()->getAccessPoint();
     }
     static void TearDownTestSuite() {
-        SNMPNodeLocal::destroy();
+        finalize_mib_module();
+        EXPECT_EQ(SNMPNodeLocal::instance(), nullptr) << "it is over before the agent library is";
         agent.reset();
     }
 

@@ -4,6 +4,9 @@
 
 #include <functional>
 
+#include "tests/support/Eventually.h"
+#include "tests/unit/traps/FakeMaster.h"
+
 namespace kx::test {
 namespace {
 
@@ -58,6 +61,24 @@ TEST_F(TrapPaces, EndTheirWaitWhenAThreadWaitsForTheLoop) {
         return now.time_since_epoch() < milliseconds(20) ? Room::Scarce : Room::Ample;
     };
     EXPECT_EQ(wait(), milliseconds(10)) << "that was no stall";
+}
+
+// ---- the gate -------------------------------------------------------------------------------------------------------
+
+TEST(TrapGates, AreOpenWhileThereIsRoomAndTheLibraryIsNotStuck) {
+    MasterSession::watch();
+    const boost::intrusive_ptr<TrapGate> gate(new TrapGate);
+    EXPECT_FALSE(gate->isOpen()) << "there is no session";
+    const FakeMaster master;
+    EXPECT_TRUE(gate->isOpen());
+    {
+        const InLibrary library;
+        EXPECT_TRUE(gate->isOpen());
+        EXPECT_TRUE(eventually([&] { return !gate->isOpen(); })) << "somebody waits for the master in it";
+    }
+    EXPECT_TRUE(gate->isOpen());
+    master.write(4096);
+    EXPECT_FALSE(gate->isOpen());
 }
 
 }  // namespace
