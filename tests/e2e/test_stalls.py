@@ -99,6 +99,28 @@ def test_a_storm_goes_on_after_somebody_stood_still(stormed, sink, who, seconds,
     assert kxsnmpEnds(stormed) <= ENDS_WITHIN_S
 
 
+@pytest.mark.parametrize("who", ["snmpd", "kxsnmp"])
+def test_every_alert_is_a_trap_or_in_a_count_when_somebody_was_killed(stormed, sink, who, record_property):
+    if who == "snmpd":
+        stormed.snmpd.stop(signal.SIGKILL)
+        stormed.snmpd.start()
+    else:
+        stormed.kxsnmp.kill()
+        stormed.kxsnmp.start()
+    stormed.waitForSubtree()
+    within = nextAlertIsATrap(stormed, sink)
+    stormed.storm.end()
+    assert stormed.storm.error is None
+    raised = stormed.storm.raised + 1
+    waitUntil(
+        lambda: signalsIn(sink.traps()) + lost(stormed) >= raised, SETTLE_DEADLINE_S, "each alert is a trap or in a count"
+    )
+    figures = f"{who} killed: {raised} alerts, {signalsIn(sink.traps())} in {len(sink.traps())} traps, "
+    figures += f"{lost(stormed)} counted as lost, the next one within {within:.1f} s"
+    print(figures)
+    record_property("figures", figures)
+
+
 @pytest.mark.parametrize("seconds", [0.5, 3, 12] if LONG else [3])
 def test_sigterm_ends_the_sub_agent_under_a_storm_while_the_master_stands_still(stormed, seconds):
     os.kill(stormed.snmpd.pid, signal.SIGSTOP)
