@@ -7,6 +7,7 @@ find_package(fmt REQUIRED)
 find_package(CLI11 REQUIRED)
 pkg_check_modules(TOMLPP REQUIRED IMPORTED_TARGET tomlplusplus)
 pkg_check_modules(LXC REQUIRED IMPORTED_TARGET lxc)
+pkg_check_modules(MNL REQUIRED IMPORTED_TARGET libmnl)
 pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 
 # net-snmp: the agent, helper and core libraries of a sub-agent.

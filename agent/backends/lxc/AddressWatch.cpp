@@ -11,7 +11,7 @@
 #include <iterator>
 #include <stdexcept>
 
-#include "agent/backends/lxc/AddressSocket.h"
+#include "agent/backends/lxc/AddressDump.h"
 #include "agent/backends/lxc/Descriptors.h"
 
 namespace kx::agent::lxc {
@@ -37,7 +37,7 @@ std::uint64_t noticesTag(std::uint64_t life) {
 }
 
 AddressReport failure(std::uint64_t life, std::string problem, int error = 0) {
-    AddressReport report{life, std::nullopt, std::move(problem), false, false};
+    AddressReport report{life, std::nullopt, std::move(problem), {}, false, false};
     if (error != 0) {
         report.problem += fmt::format(": {}", std::strerror(error));
         report.noDescriptors = error == EMFILE || error == ENFILE;
@@ -151,6 +151,10 @@ AddressReport AddressWatch::find(std::uint64_t life, Watched& watched, NetworkSp
     if (id != before) {
         watched.notices.reset();
     }
+    if (traveller_.isHost(id)) {
+        watched.space = id;
+        return {life, std::vector<Address>(), {}, {}, false, false};
+    }
     OwnedDescriptor question;
     if (const int error = openSockets(watched, space.get(), question)) {
         return failure(life, "its network namespace cannot be entered", error);
@@ -165,7 +169,7 @@ AddressReport AddressWatch::find(std::uint64_t life, Watched& watched, NetworkSp
         return failure(life, "its addresses cannot be read: " + list.problem);
     }
     watched.space = id;
-    return {life, std::move(list.addresses), {}, list.cut, false};
+    return {life, std::move(list.addresses), {}, std::move(list.inet6Addresses), list.cut, false};
 }
 
 /// @return 0, or the error number why there are not both sockets
@@ -175,7 +179,7 @@ int AddressWatch::openSockets(Watched& watched, int space, OwnedDescriptor& ques
         if (!watched.notices) {
             watched.notices = openNoticeSocket();
         }
-        question = watched.notices ? openQuestionSocket() : OwnedDescriptor();
+        question = watched.notices ? openRouteSocket() : OwnedDescriptor();
         error = question ? 0 : errno;
     });
     return noEntry != 0 ? noEntry : error;

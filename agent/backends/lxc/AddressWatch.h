@@ -1,9 +1,10 @@
-// Which IPv4 addresses running containers have, by the word of the kernel, and every change of it.
+// Which addresses the kernel has for running containers, and every change of them. A container that shares the host's
+// network namespace has none: the host's are not its own.
 //
 // One thread for all containers enters each one's network namespace for a moment, opens a socket there that tells of
 // changes, and reads the list. It starts no process and needs nothing of the container: a frozen one is read like any
 // other. A notice leads to a fresh reading of the whole list some 20 ms later, more seldom where changes never end
-// (LookPacer); how much is read at once is bounded too (AddressSocket). So no container keeps others from being seen.
+// (LookPacer); how much is read at once is bounded too (AddressDump). So no container keeps others from being seen.
 //
 // The socket keeps the namespace alive, and with it the container's interfaces. It is closed as soon as the
 // container's init process has ended, which this thread sees by itself.
@@ -39,6 +40,7 @@ struct AddressReport {
     std::uint64_t life = 0;                         ///< see AddressWatch::watch()
     std::optional<std::vector<Address>> addresses;  ///< absent: they cannot be read
     std::string problem;                            ///< why they cannot, in words
+    std::vector<Inet6Address> inet6Addresses;       ///< as long as `addresses` is there
     bool cut = false;                               ///< there are more addresses; see kMaxAddresses
     bool noDescriptors = false;                     ///< the problem is the process's: it has too many files open
     bool operator==(const AddressReport&) const = default;

@@ -21,6 +21,9 @@ Environment environmentOf(const ContainerRecord& record) {
     environment.baseSample = record.notes.baseSample;
     environment.templates = record.notes.templates;
     environment.addresses = record.life.addresses ? record.life.addresses : record.configured;
+    if (record.life.addresses) {
+        environment.inet6Addresses = record.life.inet6Addresses;
+    }
     return environment;
 }
 

@@ -31,6 +31,7 @@ struct ContainerLife {
     std::optional<CgroupTree::FreezerFiles> freezer;
     std::array<int, 2> freezerWatches{-1, -1};
     std::optional<std::vector<Address>> addresses;  ///< the kernel's; absent: not read yet, or they cannot be
+    std::vector<Inet6Address> inet6Addresses;       ///< likewise, as long as `addresses` is there
     bool lacksDescriptors = false;                  ///< they cannot be read because the agent has too many files open
     bool cutIsLogged = false;                       ///< that it has more addresses than are published
 
@@ -55,6 +56,7 @@ struct ContainerRecord {
     std::string filesProblem;  ///< last complaint about a file system that does not answer
     std::string hostname;
     std::string rootfs;
+    std::string cgroupFolder;                        ///< as configured; see payloadPath()
     std::optional<std::vector<Address>> configured;  ///< addresses that the config gives it; absent: never read
     std::string configProblem;                       ///< last complaint about the config, to make it once a change
     std::string addressProblem;                      ///< last complaint about the kernel's addresses, likewise

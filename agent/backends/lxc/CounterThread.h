@@ -8,37 +8,21 @@
 // every signal blocked.
 #pragma once
 
-#include <sys/types.h>
-
 #include <condition_variable>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <string>
 #include <vector>
 
-#include "agent/backends/lxc/DiskQuota.h"
+#include "agent/backends/lxc/CounterTarget.h"
 #include "agent/backends/lxc/LogSink.h"
-#include "agent/backends/lxc/NetDevText.h"
-#include "agent/backends/lxc/NetworkSpace.h"
-#include "agent/base/DetachedCalls.h"
-#include "agent/base/OwnedDescriptor.h"
+#include "agent/backends/lxc/NetworkCounters.h"
+#include "agent/backends/lxc/QuotaCounters.h"
 #include "agent/base/Worker.h"
 #include "agent/counters/CounterImage.h"
 
 namespace kx::agent::lxc {
-
-/// A running container.
-struct CounterTarget {
-    Eid eid;
-    std::string name;
-    std::int32_t veid = 0;
-    pid_t initPid = -1;
-    std::shared_ptr<const OwnedDescriptor> pidfd;  ///< of that process
-    std::string rootFolder;                        ///< empty: none that can be seen from the host
-};
 
 /// Reads from its construction to its destruction.
 class CounterThread {
@@ -66,18 +50,9 @@ private:
     void answer(const std::vector<CounterTarget>& targets, const std::vector<CounterSink>& sinks);
     std::optional<CounterImage> readAll(const std::vector<CounterTarget>& targets);
     bool isEnding();
-    std::vector<CounterRow> networkRows(const CounterTarget& target);
-    void startQuotas(const std::vector<CounterTarget>& targets);
-    CounterRow quotaRow(const CounterTarget& target);
-    void complainOfQuota(int error);
 
-    const LogSink log_;
-    const CounterNames networkNames_;
-    const CounterNames quotaNames_;
-    NetworkTraveller traveller_;
-    std::map<Eid, QuotaReading> readings_;  ///< the thread's own, like all above: the last of each container
-    DetachedCalls quotas_{"quotas"};
-    bool quotaIsMissed_ = false;  ///< that there are no project quotas has been logged
+    NetworkCounters network_;
+    QuotaCounters quota_;
 
     std::mutex mutex_;  ///< over the next four
     std::condition_variable changed_;

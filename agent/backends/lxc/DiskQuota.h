@@ -1,24 +1,31 @@
-// Disk space and inodes of a container: the project quota of the file system that its root folder is on
-// (quotactl(2); the project's number is the container's VE id).
+// Disk space and inodes of a container, by the file system that its root folder is on:
+//   a project quota (ext4, XFS and others; quotactl(2)) of the project that the root folder belongs to
+//   btrfs's quota group of the subvolume that the root folder is (BtrfsQuota.h)
+//   else what the file system has in use as a whole, where it is mounted whole on the root folder (ZFS, volumes,
+//   images)
 //
-// Where there is no such quota nothing is guessed: limits are 0, and usage is known only of a container that has a file
-// system to itself. Plain functions, any thread; they wait for the disk.
+// Where there is none of these usage is not known, and nothing is guessed. Plain functions, any thread; they wait for
+// the disk.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
-#include <functional>
+#include <optional>
 #include <string>
+
+#include "agent/backends/lxc/MountTable.h"
 
 namespace kx::agent::lxc {
 
 /// The counters of the class "counters_kx_quota".
 struct DiskQuota {
-    std::int64_t spaceUsed = 0;       ///< bytes
-    std::int64_t spaceSoftLimit = 0;  ///< bytes; 0: none
-    std::int64_t spaceHardLimit = 0;  ///< bytes; 0: none
+    std::optional<std::int64_t> spaceUsed;  ///< bytes; absent: not known
+    std::int64_t spaceSoftLimit = 0;        ///< bytes; 0: none
+    std::int64_t spaceHardLimit = 0;        ///< bytes; 0: none
     std::int64_t spaceGrace =
         0;  ///< seconds left until the soft limit becomes hard; 0: it is not exceeded, or they are over
-    std::int64_t inodesUsed = 0;
+    std::optional<std::int64_t> inodesUsed;
     std::int64_t inodesSoftLimit = 0;
     std::int64_t inodesHardLimit = 0;
     std::int64_t inodesGrace = 0;  ///< seconds, likewise
@@ -44,12 +51,18 @@ DiskQuota quotaOf(const KernelQuota& kernel, std::int64_t now);
 /// What became of a look at a container's quota.
 struct QuotaReading {
     DiskQuota quota;
-    int error = 0;  ///< why there is no project quota; 0: there is. ENOENT: no folder to look at
+    std::string problem;     ///< why used space is not known, in words; empty: it is known, or the root is out of reach
+    bool reachable = false;  ///< false: nothing can be said of the limits either
 };
 
-/// @brief Reads a container's quota.
-/// @param rootFolder its root folder, seen from the host; empty: none
-/// @param project the container's VE id
-QuotaReading readDiskQuota(const std::string& rootFolder, std::int32_t project);
+/// @brief Reads the quota of a folder, and what it uses.
+/// @param rootFolder a container's root folder, seen from the host; empty: none
+QuotaReading readDiskQuota(const std::string& rootFolder);
+
+/// @brief Finds the usage of a container without a quota whose root is a whole file system.
+/// @param rootFolder its root folder, seen from the host; empty: the root that its init process has is taken
+/// @param mounts those of this process
+/// @return nothing known in it where that is not so
+DiskQuota readMountUsage(const std::string& rootFolder, pid_t initPid, const MountTable& mounts);
 
 }  // namespace kx::agent::lxc

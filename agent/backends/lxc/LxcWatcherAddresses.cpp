@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "agent/backends/lxc/AddressSocket.h"
+#include "agent/backends/lxc/AddressDump.h"
 #include "agent/backends/lxc/LxcWatcher.h"
 #include "wire/Protocol.h"
 
@@ -38,6 +38,7 @@ void LxcWatcher::takeAddressReports() {
 void LxcWatcher::takeAddresses(ContainerRecord& record, AddressReport report) {
     complainOfAddresses(record, report);
     record.life.addresses = std::move(report.addresses);
+    record.life.inet6Addresses = std::move(report.inet6Addresses);
     record.lacksAddresses = false;
     if (record.defined) {
         refresh(record);
@@ -49,8 +50,9 @@ void LxcWatcher::complainOfAddresses(ContainerRecord& record, const AddressRepor
     // Whoever is root in the container decides whether it has too many, so that is said once a run of it.
     if (report.cut && !record.life.cutIsLogged) {
         record.life.cutIsLogged = true;
-        log_(Severity::Warning, fmt::format("container {}: it has more than {} IPv4 addresses; the others are left out",
-                                            name, kMaxAddresses));
+        log_(Severity::Warning,
+             fmt::format("container {}: it has more than {} addresses of a family; the others are left out", name,
+                         kMaxAddresses));
     }
     record.life.lacksDescriptors = report.noDescriptors;
     if (report.noDescriptors) {

@@ -43,6 +43,8 @@ NetworkTraveller::NetworkTraveller() : home_(openSpace(kOwnSpace)) {
     if (!home_) {
         throw std::runtime_error(fmt::format("{}: {}", kOwnSpace, std::strerror(errno)));
     }
+    homeId_ = idOf(home_.get());
+    firstId_ = networkSpaceOf(1);
 }
 
 int NetworkTraveller::inside(int space, const std::function<void()>& work) {

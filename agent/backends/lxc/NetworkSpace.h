@@ -40,12 +40,17 @@ public:
     /// @return 0; else the error number why it could not be entered, and the work was not done
     int inside(int space, const std::function<void()>& work);
 
+    /// @return whether a namespace is the host's, not a container's: this one's home, or that of the first process
+    bool isHost(const NetworkSpaceId& space) const { return space == homeId_ || space == firstId_; }
+
     /// @brief Comes home if the last visit could not: the kernel may be out of memory for a moment.
     /// @return whether the thread is at home
     bool comeHome();
 
 private:
     OwnedDescriptor home_;
+    NetworkSpaceId homeId_;
+    NetworkSpaceId firstId_;
     bool away_ = false;
 };
 

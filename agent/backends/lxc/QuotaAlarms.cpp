@@ -50,9 +50,10 @@ QuotaAlarms::QuotaAlarms(const Eid& about)
       inodes_(about, kInodesSoftLimitSource, kInodesHardLimitSource) {}
 
 std::vector<AlertSignal> QuotaAlarms::look(const DiskQuota& quota) {
-    auto told = space_.look({quota.spaceUsed, quota.spaceSoftLimit, quota.spaceHardLimit, quota.spaceGrace});
+    auto told =
+        space_.look({quota.spaceUsed.value_or(0), quota.spaceSoftLimit, quota.spaceHardLimit, quota.spaceGrace});
     const auto ofInodes =
-        inodes_.look({quota.inodesUsed, quota.inodesSoftLimit, quota.inodesHardLimit, quota.inodesGrace});
+        inodes_.look({quota.inodesUsed.value_or(0), quota.inodesSoftLimit, quota.inodesHardLimit, quota.inodesGrace});
     told.insert(told.end(), ofInodes.begin(), ofInodes.end());
     return told;
 }

@@ -36,10 +36,10 @@ void QuotaWatch::run() {
 
 void QuotaWatch::take() {
     const QuotaTargets targets = copyOfTargets();
-    for (const auto& [eid, target] : targets) {
-        const auto [place, isNew] = watched_.try_emplace(eid, Watched{target, QuotaAlarms(eid)});
+    for (const auto& [eid, rootFolder] : targets) {
+        const auto [place, isNew] = watched_.try_emplace(eid, Watched{rootFolder, QuotaAlarms(eid)});
         if (!isNew) {
-            place->second.target = target;
+            place->second.rootFolder = rootFolder;
         }
     }
     std::erase_if(watched_, [&](const auto& entry) {
@@ -49,10 +49,10 @@ void QuotaWatch::take() {
 
 void QuotaWatch::lookAtAll() {
     for (const auto& [eid, watched] : watched_) {
-        readings_.start(
-            eid.toWire(), [this, reader = reader_, eid = eid, target = watched.target]() -> DetachedCalls::Finish {
-                return [this, eid, reading = reader(target.rootFolder, target.project)] { look(eid, reading); };
-            });
+        readings_.start(eid.toWire(),
+                        [this, reader = reader_, eid = eid, folder = watched.rootFolder]() -> DetachedCalls::Finish {
+                            return [this, eid, reading = reader(folder)] { look(eid, reading); };
+                        });
     }
     readings_.finishAll(period_);
 }

@@ -21,20 +21,13 @@
 
 namespace kx::agent::lxc {
 
-/// Whose quota is looked at, and where.
-struct QuotaTarget {
-    std::string rootFolder;    ///< seen from the host; empty: none
-    std::int32_t project = 0;  ///< the container's VE id
-    bool operator==(const QuotaTarget&) const = default;
-};
-
-/// Containers by their EIDs.
-using QuotaTargets = std::map<Eid, QuotaTarget>;
+/// Containers' root folders, seen from the host, by their EIDs; empty: there is none.
+using QuotaTargets = std::map<Eid, std::string>;
 
 /// Watches from its construction to its destruction.
 class QuotaWatch {
 public:
-    using Reader = std::function<QuotaReading(const std::string& rootFolder, std::int32_t project)>;
+    using Reader = std::function<QuotaReading(const std::string& rootFolder)>;
 
     /// @param sink gets the signals, on this object's thread
     /// @param reader readDiskQuota(), but in tests
@@ -55,7 +48,7 @@ public:
 
 private:
     struct Watched {
-        QuotaTarget target;
+        std::string rootFolder;
         QuotaAlarms alarms;
     };
 

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -14,7 +16,6 @@ namespace {
 
 constexpr std::int64_t kNow = 1'700'000'000;
 constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
-constexpr std::int32_t kProject = 101;
 
 /// A file system of the test's own, with room for little.
 class MountedFolder {
@@ -40,6 +41,16 @@ private:
     int error_ = 0;
 };
 
+DiskQuota usage(const std::string& folder) {
+    return readMountUsage(folder, ::getpid(), MountTable::of("self"));
+}
+
+dev_t deviceOf(const char* path) {
+    struct stat status {};
+    EXPECT_EQ(::stat(path, &status), 0);
+    return status.st_dev;
+}
+
 TEST(DiskQuotaTest, spaceIsInBytesAndItsLimitsInBlocksOf1024) {
     const DiskQuota quota = quotaOf({5000, 4, 8, 0, 7, 10, 20, 0}, kNow);
     EXPECT_EQ(quota, (DiskQuota{5000, 4096, 8192, 0, 7, 10, 20, 0}));
@@ -54,9 +65,10 @@ TEST(DiskQuotaTest, graceIsWhatIsLeftOfIt) {
 
 TEST(DiskQuotaTest, thereIsNoGraceThatHasNotBegunOrIsOver) {
     const auto end = static_cast<std::uint64_t>(kNow);
-    EXPECT_EQ(quotaOf({0, 0, 0, 0, 0, 0, 0, 0}, kNow), DiskQuota{});
-    EXPECT_EQ(quotaOf({0, 0, 0, end, 0, 0, 0, end - 1}, kNow), DiskQuota{});
-    EXPECT_EQ(quotaOf({0, 0, 0, 1, 0, 0, 0, 1}, kNow), DiskQuota{});
+    const DiskQuota nothing{.spaceUsed = 0, .inodesUsed = 0};
+    EXPECT_EQ(quotaOf({0, 0, 0, 0, 0, 0, 0, 0}, kNow), nothing);
+    EXPECT_EQ(quotaOf({0, 0, 0, end, 0, 0, 0, end - 1}, kNow), nothing);
+    EXPECT_EQ(quotaOf({0, 0, 0, 1, 0, 0, 0, 1}, kNow), nothing);
 }
 
 TEST(DiskQuotaTest, whatIsTooLargeIsTheLargest) {
@@ -72,8 +84,9 @@ TEST(DiskQuotaTest, withoutAFolderThereIsNothing) {
     const test::TemporaryFolder folder;
     folder.write("file", "text");
     for (const std::string& path : {std::string(), folder / "missing", folder / "file"}) {
-        const QuotaReading reading = readDiskQuota(path, kProject);
-        EXPECT_EQ(reading.error, ENOENT) << path;
+        const QuotaReading reading = readDiskQuota(path);
+        EXPECT_FALSE(reading.reachable) << path;
+        EXPECT_EQ(reading.problem, "") << path;
         EXPECT_EQ(reading.quota, DiskQuota{}) << path;
     }
 }
@@ -81,10 +94,11 @@ TEST(DiskQuotaTest, withoutAFolderThereIsNothing) {
 TEST(DiskQuotaTest, withoutProjectQuotasNothingIsInvented) {
     const test::TemporaryFolder folder;
     folder.write("root/file", "text");
-    const QuotaReading reading = readDiskQuota(folder / "root", kProject);
-    EXPECT_NE(reading.error, 0);
-    EXPECT_NE(reading.error, ENOENT) << "the folder is there";
-    EXPECT_EQ(reading.quota, DiskQuota{}) << std::strerror(reading.error);
+    const QuotaReading reading = readDiskQuota(folder / "root");
+    EXPECT_TRUE(reading.reachable);
+    EXPECT_NE(reading.problem, "");
+    EXPECT_EQ(reading.quota, DiskQuota{}) << reading.problem;
+    EXPECT_EQ(usage(folder / "root"), DiskQuota{});
 }
 
 TEST(DiskQuotaTest, aFolderWithAFileSystemToItselfUsesWhatThatUses) {
@@ -94,16 +108,38 @@ TEST(DiskQuotaTest, aFolderWithAFileSystemToItselfUsesWhatThatUses) {
     if (mount.error() != 0) {
         GTEST_SKIP() << "nothing can be mounted: " << std::strerror(mount.error());
     }
-    const QuotaReading empty = readDiskQuota(folder / "root", kProject);
-    EXPECT_NE(empty.error, 0);
-    EXPECT_EQ(empty.quota, (DiskQuota{.inodesUsed = 1})) << "the folder itself";
+    EXPECT_EQ(usage(folder / "root"), (DiskQuota{.spaceUsed = 0, .inodesUsed = 1})) << "the folder itself";
     folder.write("root/file", std::string(100'000, 'x'));
     folder.write("root/sub/file", "");
-    const DiskQuota used = readDiskQuota(folder / "root", kProject).quota;
-    EXPECT_GE(used.spaceUsed, 100'000);
-    EXPECT_LT(used.spaceUsed, 200'000);
+    const DiskQuota used = usage(folder / "root");
+    ASSERT_TRUE(used.spaceUsed);
+    EXPECT_GE(*used.spaceUsed, 100'000);
+    EXPECT_LT(*used.spaceUsed, 200'000);
     EXPECT_EQ(used, (DiskQuota{.spaceUsed = used.spaceUsed, .inodesUsed = 4}));
-    EXPECT_EQ(readDiskQuota(folder / "root/sub", kProject).quota, DiskQuota{}) << "part of a file system only";
+    EXPECT_EQ(usage(folder / "root/sub"), DiskQuota{}) << "part of a file system only";
+}
+
+TEST(DiskQuotaTest, aFolderThatIsMountedElsewhereIsPartOfAFileSystemOnly) {
+    const test::TemporaryFolder folder;
+    folder.write("whole/part/file", "text");
+    folder.write("root/hidden", "text");
+    const MountedFolder whole(folder / "whole");
+    folder.write("whole/part/file", "text");
+    if (whole.error() != 0 ||
+        ::mount((folder / "whole/part").c_str(), (folder / "root").c_str(), nullptr, MS_BIND, nullptr) != 0) {
+        GTEST_SKIP() << "nothing can be mounted";
+    }
+    EXPECT_EQ(usage(folder / "root"), DiskQuota{});
+    EXPECT_EQ(::umount2((folder / "root").c_str(), MNT_DETACH), 0);
+}
+
+TEST(DiskQuotaTest, withoutAFolderTheRootOfTheInitProcessIsTaken) {
+    const MountTable none("");
+    const DiskQuota own = readMountUsage("", ::getpid(), none);
+    const MountTable mounts = MountTable::of("self");
+    ASSERT_NE(mounts.root(), nullptr);
+    EXPECT_EQ(own.spaceUsed.has_value(), mounts.root()->isWholeFileSystem(deviceOf("/")));
+    EXPECT_EQ(readMountUsage("", -1, none), DiskQuota{});
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 #include <map>
 #include <set>
 
-#include "agent/backends/lxc/AddressSocket.h"
+#include "agent/backends/lxc/AddressDump.h"
 #include "agent/backends/lxc/AddressWatch.h"
 #include "agent/backends/lxc/Descriptors.h"
 #include "tests/unit/lxc/LabRig.h"

@@ -5,7 +5,7 @@
 #include <csignal>
 #include <fstream>
 
-#include "agent/backends/lxc/AddressSocket.h"
+#include "agent/backends/lxc/AddressDump.h"
 #include "tests/unit/lxc/LabRig.h"
 
 namespace kx::agent::lxc {
@@ -231,20 +231,6 @@ TEST_F(LabAddressesTest, ofAContainerWithoutNetworkAreNone) {
     EXPECT_THAT(host_.pastOf("web"), Each(::testing::Field(&Environment::addresses, ::testing::Optional(IsEmpty()))));
 }
 
-TEST_F(LabAddressesTest, ofAContainerWithoutANetworkOfItsOwnAreTheHosts) {
-    make("web");
-    setNetworks("web", "lxc.net.0.type = none\n");
-    host_.start();
-    expectSeen("web", {});
-    start("web");
-    expectSeen("web", {{"10.77.0.1", "255.255.0.0"}});
-    ASSERT_TRUE(host_.run({"ip", "addr", "add", "10.99.0.1/24", "dev", "br0"}));
-    expectSeen("web", {{"10.77.0.1", "255.255.0.0"}, slash24("10.99.0.1")});
-    ASSERT_TRUE(host_.run({"ip", "addr", "del", "10.99.0.1/24", "dev", "br0"}));
-    stop("web");
-    expectSeen("web", {});
-}
-
 TEST_F(LabAddressesTest, configuredOnesAreThoseOfAllNetworksAndWhatTheyBecome) {
     make("web");
     // Without a prefix LXC takes one that depends on the last byte; what it says before must be what the kernel gets.
@@ -268,6 +254,36 @@ TEST_F(LabAddressesTest, configuredOnesAreThoseOfAllNetworksAndWhatTheyBecome) {
     start("web");
     expectSeen("web", all);
     EXPECT_THAT(host_.pastOf("web"), Each(::testing::Field(&Environment::addresses, all)));
+}
+
+TEST_F(LabAddressesTest, ofIpv6AreTheKernelsWithoutThoseOfALinkAndUnknownWhileItIsStopped) {
+    make("web");
+    host_.start();
+    expectSeen("web", {kFirst});
+    const auto has6 = [&](const std::optional<std::vector<Inet6Address>>& wanted) {
+        return host_.waitUntil([&] { return host_.find("web")->inet6Addresses == wanted; });
+    };
+    EXPECT_TRUE(has6(std::nullopt));
+    start("web");
+    EXPECT_TRUE(has6(std::vector<Inet6Address>())) << "its link has one in fe80::/10";
+    ip("web", {"addr", "add", "2001:db8::7/64", "dev", "eth0"});
+    EXPECT_TRUE(has6(std::vector<Inet6Address>{{"2001:db8::7", 64}}));
+    ip("web", {"addr", "add", "fd00::1/128", "dev", "lo"});
+    EXPECT_TRUE(has6(std::vector<Inet6Address>{{"fd00::1", 128}, {"2001:db8::7", 64}})) << "ordered by interface";
+    expectSeen("web", {kFirst});
+    ip("web", {"addr", "del", "2001:db8::7/64", "dev", "eth0"});
+    EXPECT_TRUE(has6(std::vector<Inet6Address>{{"fd00::1", 128}}));
+    stop("web");
+    EXPECT_TRUE(has6(std::nullopt));
+}
+
+TEST_F(LabAddressesTest, ofAContainerInTheHostsNetworkAreNotTheHosts) {
+    make("web");
+    setNetworks("web", "lxc.net.0.type = none\n");
+    host_.start();
+    start("web");
+    expectSeen("web", {});
+    EXPECT_EQ(host_.find("web")->inet6Addresses, std::vector<Inet6Address>());
 }
 
 TEST_F(LabAddressesTest, configuredAnewAreSeenWhileItIsStoppedOnly) {
@@ -358,7 +374,7 @@ TEST_F(LabAddressesTest, beyondTheLimitAreLeftOutAndThatIsSaidOnce) {
         lines += fmt::format("addr add 10.99.{}.{}/32 dev eth0\n", i / 250, i % 250 + 1);
     }
     ipBatch("web", lines);
-    ASSERT_TRUE(host_.waitUntil([&] { return host_.logged("more than 1024 IPv4 addresses") == 1; }, kNoticed * 3));
+    ASSERT_TRUE(host_.waitUntil([&] { return host_.logged("more than 1024 addresses") == 1; }, kNoticed * 3));
     EXPECT_TRUE(host_.waitUntil([&] { return host_.find("web")->addresses->size() == kMaxAddresses; }, kNoticed * 2));
     ip("web", {"addr", "del", "10.99.0.1/32", "dev", "eth0"});
     ip("web", {"addr", "del", "10.99.0.2/32", "dev", "eth0"});
@@ -366,7 +382,7 @@ TEST_F(LabAddressesTest, beyondTheLimitAreLeftOutAndThatIsSaidOnce) {
         host_.waitUntil([&] { return host_.find("web")->addresses->size() == kMaxAddresses - 1; }, kNoticed * 2));
     ipBatch("web", "addr add 10.99.0.1/32 dev eth0\naddr add 10.99.0.2/32 dev eth0\n");
     EXPECT_TRUE(host_.waitUntil([&] { return host_.find("web")->addresses->size() == kMaxAddresses; }, kNoticed * 2));
-    EXPECT_EQ(host_.logged("more than 1024 IPv4 addresses"), 1U);
+    EXPECT_EQ(host_.logged("more than 1024 addresses"), 1U);
 }
 
 TEST_F(LabAddressesTest, areTheConfiguredOnesWhereTheNamespaceMayNotBeEntered) {
