@@ -3,6 +3,8 @@
 And what is told where there is nothing but cgroup v2.
 """
 
+import signal
+
 import pytest
 from support import umlquota
 from support.umlquota import published, reported
@@ -78,7 +80,7 @@ def test_what_runs_out_is_told_as_a_trap_and_told_again_when_it_is_over(guest):
 
 
 def test_where_there_are_quotas_none_are_said_to_be_missing(guest):
-    assert not [line for line in guest["log"] if "project quotas" in line]
+    assert not [line for line in guest["log"] if "disk usage" in line]
 
 
 # ---- limits of cgroup v2 --------------------------------------------------------------------------------------------
@@ -88,6 +90,12 @@ def test_a_kill_for_lack_of_memory_is_told_under_cgroup_v2(guest):
     told = guest["memory"]["alerts"]
     assert {(veid, code) for veid, code, _, _ in told} == {(103, CRITICAL)}
     assert 1 <= told[-1][3] == guest["memory"]["kills"], guest["memory"]
+
+
+def test_a_kill_is_the_hosts_only_when_the_hosts_memory_has_run_out(guest):
+    service, host = guest["host"]["service"], guest["host"]["host"]
+    assert service == {"ended": -signal.SIGKILL, "raised": []}
+    assert host["ended"] == -signal.SIGKILL and host["raised"][0] == CRITICAL
 
 
 def test_a_hit_of_the_limit_of_processes_is_told_under_cgroup_v2(guest):

@@ -19,7 +19,9 @@ from pathlib import Path
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
 from support import lxclab, privatehost, uml  # noqa: E402
+from support.agentpeer import AgentPeer  # noqa: E402
 from support.host import QUOTA_COUNTERS, Host, buildFolder  # noqa: E402
+from support.parts import Agent  # noqa: E402
 from support.traps import SINK_PORT, TrapSink  # noqa: E402
 from support.wait import DeadlineExceeded, waitUntil  # noqa: E402
 
@@ -32,6 +34,7 @@ _BLOCK = 1024  # repquota's unit of space
 _SAMPLE_DEADLINE_S = 60
 _ALERT_DEADLINE_S = 60  # quotas are looked at every few seconds, and the guest is slow
 _COMMAND_DEADLINE_S = 60
+_SERVICE_QUIET_S = 6  # an alert about the host would have come after some two seconds
 _HEARD_WITHIN_S = 0.5  # or the next alert is raised
 _QUOTA = re.compile("disk space|inodes")  # in what is told of quotas, and of nothing else
 
@@ -259,6 +262,48 @@ def _runOutOfProcesses(lab, sink):
     return {"alerts": _alertsOf103(sink, "the limit of processes"), "hits": hits}
 
 
+# ---- the host's memory ----------------------------------------------------------------------------------------------
+
+
+def _hostAlerts(peer, eid, deadlineSeconds):
+    """Codes of the alerts about the host: those that have come when one was raised, or none has within a time."""
+    codes = []
+
+    def isRaised():
+        events = [event.resource_alert for event in peer.nextEvents() if event.type == b"resource_alert"]
+        codes.extend(alert.code for alert in events if bytes(alert.eid) == eid)
+        return codes
+
+    peer.setTimeout(deadlineSeconds)
+    with contextlib.suppress(DeadlineExceeded, TimeoutError):
+        waitUntil(isRaised, deadlineSeconds, "it is raised")
+    return codes
+
+
+def _hog(group):
+    """Takes memory in a cgroup until it is killed."""
+    script = f"echo $$ >{group}/cgroup.procs && exec tail /dev/zero"
+    return subprocess.run(["/bin/sh", "-c", script], check=False).returncode
+
+
+def _runHostOutOfMemory():
+    """Has a process killed for the limit of a cgroup beside the containers', and then one for the host's sake. Returns
+    how they ended, and what was raised about the host."""
+    service = Path("/sys/fs/cgroup/service")
+    (service / "inner").mkdir(parents=True)
+    (service / "cgroup.subtree_control").write_text("+memory")
+    found = {}
+    with AgentPeer(Agent.SOCKET, timeoutSeconds=_COMMAND_DEADLINE_S) as peer:
+        host = bytes(peer.handshake().server_eid)
+        peer.askForEvents()
+        for name, limit in ("service", str(16 * 1024 * 1024)), ("host", "max"):
+            (service / "memory.max").write_text(limit)
+            ended = _hog(service / "inner")
+            raised = _hostAlerts(peer, host, _SERVICE_QUIET_S if name == "service" else _ALERT_DEADLINE_S)
+            found[name] = {"ended": ended, "raised": raised}
+    return found
+
+
 # ---- all of it ------------------------------------------------------------------------------------------------------
 
 
@@ -278,6 +323,7 @@ def _guest():
         waitUntil(lambda: set(_published(host)) == {101, 102, 103}, _SAMPLE_DEADLINE_S, "all containers are published")
         memory = _runOutOfMemory(lab, sink)
         processes = _runOutOfProcesses(lab, sink)
+        outOfMemory = _runHostOutOfMemory()
         _exceedSoftLimits(lab)
         waitUntil(lambda: _isGraceRunning(host), _SAMPLE_DEADLINE_S, "grace begins to run")
         looks.append(_settled(host))
@@ -292,7 +338,7 @@ def _guest():
         sink.close()
         lab.close()
     result = {"kernel": os.uname().release, "looks": looks, "alerts": alerts, "log": log}
-    result |= {"memory": memory, "processes": processes}
+    result |= {"memory": memory, "processes": processes, "host": outOfMemory}
     (_OUT / "result.json").write_text(json.dumps(result))
 
 

@@ -83,6 +83,21 @@ std::string withoutInitScope(const std::string& path) {
     return rest.empty() ? "/" : rest;
 }
 
+/// @return where in a path some folders end, which may have a suffix that LXC adds to a name in use: "-1"; nothing when
+/// they are not in it
+std::optional<std::size_t> endOfFolder(const std::string& path, const std::string& folders) {
+    const auto start = folders.empty() ? std::string::npos : path.find("/" + folders);
+    if (start == std::string::npos) {
+        return std::nullopt;
+    }
+    const auto behind = start + 1 + folders.size();
+    const auto end = std::min(path.find('/', behind), path.size());
+    const std::string suffix = path.substr(behind, end - behind);
+    const bool isWhole = suffix.empty() || (suffix.size() > 1 && suffix.front() == '-' &&
+                                            suffix.find_first_not_of("0123456789", 1) == std::string::npos);
+    return isWhole ? std::optional(end) : std::nullopt;
+}
+
 }  // namespace
 
 std::vector<CgroupMount> cgroupMountsIn(std::string_view mountInfo) {
@@ -135,7 +150,10 @@ std::optional<std::string> cgroupFolder(const CgroupMount& mount, const std::str
     return fmt::format("{}{}", mount.mountPoint, below);
 }
 
-std::string payloadPath(const std::string& cgroupPath) {
+std::string payloadPath(const std::string& cgroupPath, const std::string& configured) {
+    if (const auto end = endOfFolder(cgroupPath, configured)) {
+        return cgroupPath.substr(0, *end);
+    }
     const auto start = cgroupPath.find(fmt::format("/{}", kPayload));
     if (start == std::string::npos) {
         return withoutInitScope(cgroupPath);
@@ -175,12 +193,12 @@ CgroupTree CgroupTree::read() {
     return tree;
 }
 
-std::optional<CgroupTree::FreezerFiles> CgroupTree::freezerOf(pid_t initPid) const {
+std::optional<CgroupTree::FreezerFiles> CgroupTree::freezerOf(pid_t initPid, const std::string& configured) const {
     const std::string cgroups = contentOf(fmt::format("/proc/{}/cgroup", initPid));
     std::optional<FreezerFiles> byV2;
     for (const CgroupMount& mount : mounts_) {
         const auto path = cgroupPathIn(cgroups, mount);
-        const auto folder = path ? cgroupFolder(mount, payloadPath(*path)) : std::nullopt;
+        const auto folder = path ? cgroupFolder(mount, payloadPath(*path, configured)) : std::nullopt;
         if (!folder || *folder == mount.mountPoint) {
             continue;
         }

@@ -37,7 +37,9 @@ std::optional<std::string> cgroupPathIn(std::string_view processCgroups, const C
 std::optional<std::string> cgroupFolder(const CgroupMount& mount, const std::string& cgroupPath);
 
 /// @brief Cuts a process's cgroup down to its container's: the processes of a container may be in cgroups below it.
-std::string payloadPath(const std::string& cgroupPath);
+/// @param configured the container's lxc.cgroup.dir.container; empty: not set. Below that cgroup, which has the limits,
+/// LXC may make one more that the container sees as its top (lxc.cgroup.dir.container.inner)
+std::string payloadPath(const std::string& cgroupPath, const std::string& configured);
 
 /// @brief The containers a new or deleted cgroup folder may belong to.
 /// @param folderName e.g. "lxc.payload.web", or "lxc.payload.web-1" when "lxc.payload.web" was in use
@@ -63,8 +65,9 @@ public:
     };
 
     /// @param initPid a container's init process, seen from here
+    /// @param configured see payloadPath()
     /// @return the freezer that LXC uses for it: v1's where there is one, else v2's; nothing when neither is
-    std::optional<FreezerFiles> freezerOf(pid_t initPid) const;
+    std::optional<FreezerFiles> freezerOf(pid_t initPid, const std::string& configured = {}) const;
 
 private:
     std::vector<CgroupMount> mounts_;

@@ -70,6 +70,7 @@ std::optional<ContainerConfig> parseConfig(const std::string& name, const std::s
     ContainerConfig config;
     config.hostname = configItem(container.get(), "lxc.uts.name");
     config.rootfs = configItem(container.get(), "lxc.rootfs.path");
+    config.cgroupFolder = configItem(container.get(), "lxc.cgroup.dir.container");
     readNetworks(container.get(), config);
     return config;
 }

@@ -24,6 +24,7 @@ inline constexpr unsigned kMaxNetworks = 10'000;
 struct ContainerConfig {
     std::string hostname;            ///< lxc.uts.name; empty: not configured
     std::string rootfs;              ///< lxc.rootfs.path as configured; empty: not configured
+    std::string cgroupFolder;        ///< lxc.cgroup.dir.container; empty: not configured
     std::vector<Address> addresses;  ///< lxc.net.N.ipv4.address of all networks, in the order of their numbers
     unsigned networksLeftOut = 0;    ///< with a number of kMaxNetworks or more
 };

@@ -250,7 +250,7 @@ void LxcWatcher::publishRunning() {
         // One that clients do not know yet would be told for nothing: what they drop is not told again.
         if (record.defined && record.published && record.life.watched() && record.veid) {
             running.push_back({record.eid, name, *record.veid, record.life.initPid, record.life.pidfd,
-                               rootfsFolder(record.rootfs).value_or("")});
+                               rootfsFolder(record.rootfs).value_or(""), record.cgroupFolder});
         }
     }
     running_(std::move(running));

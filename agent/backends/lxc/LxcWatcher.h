@@ -108,6 +108,7 @@ private:
     void takeState(ContainerRecord& record, const MonitorAnswer& answer);
     void takeNoAnswer(ContainerRecord& record);
     bool watchLife(ContainerRecord& record, pid_t initPid);
+    void watchFreezer(ContainerRecord& record);
     void forgetLife(ContainerRecord& record);
     void lookAtFreezer(ContainerRecord& record);
     void scheduleNext(ContainerRecord& record, bool answered);

@@ -124,8 +124,12 @@ void LxcWatcher::takeValues(ContainerRecord& record, const ContainerConfig& conf
                     : fmt::format("container {}: {} of its networks have a number above {} in their keys; their "
                                   "addresses are not published while it is stopped",
                                   wire::printable(record.name), config.networksLeftOut, kMaxNetworks - 1));
-    livesChanged_ = livesChanged_ || record.rootfs != config.rootfs;
+    livesChanged_ = livesChanged_ || record.rootfs != config.rootfs || record.cgroupFolder != config.cgroupFolder;
     record.rootfs = config.rootfs;
+    if (record.cgroupFolder != config.cgroupFolder) {
+        record.cgroupFolder = config.cgroupFolder;
+        watchFreezer(record);
+    }
     record.lacksOs = record.lacksOs || !record.published;
     readRoot(record, kNeedOs);
 }

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "agent/backends/lxc/CommandSocket.h"
 #include "agent/backends/lxc/ContainerProbe.h"
@@ -222,20 +223,33 @@ bool LxcWatcher::watchLife(ContainerRecord& record, pid_t initPid) {
     nameOfLife_[life.id] = record.name;
     livesChanged_ = true;
     watchAddresses(record);
-    life.freezer = cgroups_.freezerOf(initPid);
-    if (life.freezer) {
-        watchCgroupFolder(life.freezer->parent);
-        const bool v1 = !life.freezer->state.empty();
-        const auto watch = [&](const std::string& file) {
-            return inotify_.add(Inotify::Kind::Freezer, record.name, file, IN_MODIFY);
-        };
-        life.freezerWatches[0] = watch(v1 ? life.freezer->state : life.freezer->events);
-        life.freezerWatches[1] = v1 ? -1 : watch(life.freezer->freeze);
-    }
+    watchFreezer(record);
     // It may have been upgraded, and it may be within reach only now.
     record.lacksOs = true;
     readRoot(record, kNeedOs);
     return true;
+}
+
+/// Which cgroup is the container's depends on its config, which may be read after the container was found to run.
+void LxcWatcher::watchFreezer(ContainerRecord& record) {
+    ContainerLife& life = record.life;
+    if (!life.watched()) {
+        return;
+    }
+    for (int& watch : life.freezerWatches) {
+        inotify_.remove(std::exchange(watch, -1));
+    }
+    life.freezer = cgroups_.freezerOf(life.initPid, record.cgroupFolder);
+    if (!life.freezer) {
+        return;
+    }
+    watchCgroupFolder(life.freezer->parent);
+    const bool v1 = !life.freezer->state.empty();
+    const auto watch = [&](const std::string& file) {
+        return inotify_.add(Inotify::Kind::Freezer, record.name, file, IN_MODIFY);
+    };
+    life.freezerWatches[0] = watch(v1 ? life.freezer->state : life.freezer->events);
+    life.freezerWatches[1] = v1 ? -1 : watch(life.freezer->freeze);
 }
 
 void LxcWatcher::forgetLife(ContainerRecord& record) {

@@ -58,6 +58,7 @@ ResourceWatch::ResourceWatch(ResourceWatchSettings settings, SignalSink sink, Lo
       inotify_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
       lastId_(kFirstTag),
       hostKills_(settings_.times.quietAfterKill),
+      limitKills_(settings_.memoryRoot),
       orders_("resources") {
     const bool added = addToPoll(poll_.get(), orders_.descriptor(), kOrdersTag) &&
                        (!inotify_ || addToPoll(poll_.get(), inotify_.get(), kInotifyTag));
@@ -197,7 +198,7 @@ void ResourceWatch::look(Entries::iterator place, Look what) {
     const TimePoint now = std::chrono::steady_clock::now();
     tell(entry.container.look(what, now));
     const std::uint64_t kills = entry.container.takeNewKills();
-    containerKills_ += kills;
+    explainedKills_ += kills;
     if (kills > 0) {
         entry.oomPending = false;
     }
@@ -242,17 +243,18 @@ void ResourceWatch::hasten(Entries::iterator place, TimePoint due) {
 
 void ResourceWatch::lookAtHost(TimePoint now) {
     hostDue_ = onGrid(now + settings_.times.look);
-    const auto kills = readHostKills(settings_.vmstat);
-    if (!kills) {
+    const auto memory = readHostMemory(settings_.vmstat);
+    if (!memory) {
         return;
     }
-    const AlarmTurn turn = hostKills_.look(*kills, containerKills_, now);
+    const AlarmTurn turn = hostKills_.look(*memory, explainedKills_, now);
     if (turn != AlarmTurn::None) {
         const std::int32_t code = turn == AlarmTurn::Clear ? kAlertClear : kAlertCritical;
         sink_(resourceSignal(settings_.host, kHostOomSource, code, hostKills_.total()));
     }
     if (hostKills_.unexplained() > 0) {
         explainByTheDead(now);
+        explainByLimits();
         lookForKillsEverywhere(now);
     }
 }
@@ -262,11 +264,19 @@ void ResourceWatch::explainByTheDead(TimePoint now) {
     for (auto& [eid, entry] : entries_) {
         if (!entry.running && entry.oomPending) {
             entry.oomPending = false;
-            containerKills_ += hostKills_.unexplained();
+            explainedKills_ += hostKills_.unexplained();
             tell(entry.container.takeKills(hostKills_.unexplained(), now));
             return;
         }
     }
+}
+
+void ResourceWatch::explainByLimits() {
+    std::set<std::string> containers;
+    for (const auto& [eid, entry] : entries_) {
+        containers.insert(entry.container.folders().memory.path);
+    }
+    explainedKills_ += limitKills_.takeNew(containers);
 }
 
 /// Kills in cgroups of a container's own making, and those for the whole host's sake, are not told of under v1.

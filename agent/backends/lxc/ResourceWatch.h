@@ -6,7 +6,7 @@
 //                  v2 inotify on memory.events (cgroup-v2.rst) tells.
 //   memory.limit   the limit of memory was hit, and there is nothing left that could be dropped
 //   pids.limit     a process could not be made because of the limit
-//   host.oom       processes outside of containers were killed
+//   host.oom       processes outside of containers were killed, and not for a limit of their cgroup
 //
 // v1 does not tell of hits: each container is looked at once a second, at a cost of a few small files.
 //
@@ -22,6 +22,7 @@
 #include <string>
 #include <utility>
 
+#include "agent/backends/lxc/LimitKills.h"
 #include "agent/backends/lxc/LogSink.h"
 #include "agent/backends/lxc/OrderThread.h"
 #include "agent/backends/lxc/ResourceWatchContainer.h"
@@ -36,8 +37,9 @@ using SignalSink = std::function<void(AlertSignal)>;
 /// What a watch needs to know.
 struct ResourceWatchSettings {
     Eid host;  ///< whom alerts of the host are about
-    ResourceTimes times;
+    ResourceTimes times{};
     std::string vmstat = "/proc/vmstat";  ///< where the kernel counts for the whole host (proc(5))
+    ResourceFolder memoryRoot{};          ///< see memoryRootOf()
 };
 
 /// Watches from its construction to its destruction.
@@ -97,6 +99,7 @@ private:
     void hasten(Entries::iterator place, TimePoint due);
     void lookAtHost(TimePoint now);
     void explainByTheDead(TimePoint now);
+    void explainByLimits();
     void lookForKillsEverywhere(TimePoint now);
     void wait();
     void oomNoticed(std::uint64_t tag);
@@ -118,7 +121,8 @@ private:
     std::map<int, Eid> byWatch_;
     std::uint64_t lastId_;
     HostKills hostKills_;
-    std::uint64_t containerKills_ = 0;  ///< known so far
+    LimitKills limitKills_;
+    std::uint64_t explainedKills_ = 0;  ///< known so far to be of containers, or for other cgroups' limits
     TimePoint hostDue_;
     std::string problem_;  ///< last complaint, to make it once a change
 

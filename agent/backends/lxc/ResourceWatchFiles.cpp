@@ -94,11 +94,11 @@ bool has(const CgroupMount& mount, std::string_view controller) {
 
 /// @param sign a file that a v2 cgroup has only where the controller is enabled
 ResourceFolder folderOf(const std::vector<CgroupMount>& mounts, std::string_view processCgroups,
-                        std::string_view controller, const char* sign) {
+                        const std::string& configured, std::string_view controller, const char* sign) {
     ResourceFolder byV2;
     for (const CgroupMount& mount : mounts) {
         const auto path = cgroupPathIn(processCgroups, mount);
-        const auto folder = path ? cgroupFolder(mount, payloadPath(*path)) : std::nullopt;
+        const auto folder = path ? cgroupFolder(mount, payloadPath(*path, configured)) : std::nullopt;
         if (!folder || *folder == mount.mountPoint) {
             continue;
         }
@@ -131,12 +131,9 @@ std::uint64_t reclaimableIn(std::string_view stat, bool v2) {
 std::vector<std::string> treeOf(const std::string& top, std::size_t most) {
     std::vector<std::string> folders{top};
     for (std::size_t next = 0; next < folders.size() && folders.size() < most; ++next) {
-        const std::string path = folders[next];
-        const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir(path.c_str()), ::closedir);
-        while (const dirent* entry = folder ? ::readdir(folder.get()) : nullptr) {
-            const std::string_view name = entry->d_name;
-            if (entry->d_type == DT_DIR && name != "." && name != ".." && folders.size() < most) {
-                folders.push_back(path + "/" + entry->d_name);
+        for (std::string& inner : innerCgroups(folders[next])) {
+            if (folders.size() < most) {
+                folders.push_back(std::move(inner));
             }
         }
     }
@@ -145,19 +142,34 @@ std::vector<std::string> treeOf(const std::string& top, std::size_t most) {
 
 }  // namespace
 
-ResourceFolders resourceFoldersOf(const std::vector<CgroupMount>& mounts, std::string_view processCgroups) {
-    return {folderOf(mounts, processCgroups, "memory", "/memory.events"),
-            folderOf(mounts, processCgroups, "pids", "/pids.events")};
+ResourceFolders resourceFoldersOf(const std::vector<CgroupMount>& mounts, std::string_view processCgroups,
+                                  const std::string& configured) {
+    return {folderOf(mounts, processCgroups, configured, "memory", "/memory.events"),
+            folderOf(mounts, processCgroups, configured, "pids", "/pids.events")};
 }
 
-ResourceFolders resourceFoldersOf(const std::vector<CgroupMount>& mounts, pid_t initPid) {
+ResourceFolder memoryRootOf(const std::vector<CgroupMount>& mounts) {
+    ResourceFolder root;
+    for (const CgroupMount& mount : mounts) {
+        if (has(mount, "memory")) {
+            return {mount.mountPoint, false};
+        }
+        if (mount.v2) {
+            root = {mount.mountPoint, true};
+        }
+    }
+    return root;
+}
+
+ResourceFolders resourceFoldersOf(const std::vector<CgroupMount>& mounts, pid_t initPid,
+                                  const std::string& configured) {
     std::array<char, kMaxBytes> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): written before it is read
     const auto text = readText("/proc/" + std::to_string(initPid), "cgroup", buffer);
-    return text ? resourceFoldersOf(mounts, *text) : ResourceFolders();
+    return text ? resourceFoldersOf(mounts, *text, configured) : ResourceFolders();
 }
 
 std::optional<ResourceUse> readWorkingSet(const ResourceFolder& memory) {
-    const auto limit = readLimit(memory.path, memory.v2 ? "memory.max" : "memory.limit_in_bytes");
+    const auto limit = readMemoryLimit(memory);
     const auto usage = readMemoryUsage(memory);
     if (!limit || !usage) {
         return std::nullopt;
@@ -181,6 +193,18 @@ std::optional<std::uint64_t> readKills(const ResourceFolder& memory) {
     return readNumberOf(memory.path, memory.v2 ? "memory.events" : "memory.oom_control", "oom_kill");
 }
 
+std::optional<std::uint64_t> readLimitOoms(const ResourceFolder& memory) {
+    return readNumberOf(memory.path, "memory.events", "oom");
+}
+
+std::optional<std::uint64_t> readGroupKills(const ResourceFolder& memory) {
+    return readNumberOf(memory.path, "memory.events", "oom_group_kill");
+}
+
+std::optional<std::uint64_t> readMemoryLimit(const ResourceFolder& memory) {
+    return readLimit(memory.path, memory.v2 ? "memory.max" : "memory.limit_in_bytes");
+}
+
 std::optional<std::uint64_t> readPidsLimit(const std::string& pidsFolder) {
     return readLimit(pidsFolder, "pids.max");
 }
@@ -199,9 +223,35 @@ bool hasInnerCgroups(const std::string& folder) {
     return ::stat(folder.c_str(), &status) == 0 && status.st_nlink != linksOfEmpty;
 }
 
-std::optional<std::uint64_t> readHostKills(const std::string& vmstat) {
+std::vector<std::string> innerCgroups(const std::string& folder) {
+    std::vector<std::string> inner;
+    const std::unique_ptr<DIR, int (*)(DIR*)> list(::opendir(folder.c_str()), ::closedir);
+    while (const dirent* entry = list ? ::readdir(list.get()) : nullptr) {
+        const std::string_view name = entry->d_name;
+        if (entry->d_type == DT_DIR && name != "." && name != "..") {
+            inner.push_back(folder + "/" + entry->d_name);
+        }
+    }
+    return inner;
+}
+
+std::optional<HostMemory> readHostMemory(const std::string& vmstat) {
+    std::array<char, kMaxBytes> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init): written before it is read
     const auto slash = vmstat.rfind('/');
-    return readNumberOf(vmstat.substr(0, slash), vmstat.c_str() + slash + 1, "oom_kill");
+    const auto text = readText(vmstat.substr(0, slash), vmstat.c_str() + slash + 1, buffer);
+    const auto kills = text ? numberOf(*text, "oom_kill") : std::nullopt;
+    if (!kills) {
+        return std::nullopt;
+    }
+    HostMemory memory{*kills, std::nullopt};
+    // One for each zone of memory that the kernel may have.
+    for (const std::string_view key :
+         {"allocstall_dma", "allocstall_dma32", "allocstall_normal", "allocstall_high", "allocstall_movable"}) {
+        if (const auto count = numberOf(*text, key)) {
+            memory.reclaims = memory.reclaims.value_or(0) + *count;
+        }
+    }
+    return memory;
 }
 
 std::uint64_t TreeCount::lookAtTop(const std::string& top, const Read& read) {

@@ -34,14 +34,21 @@ struct ResourceFolders {
 
 /// @param mounts the cgroup hierarchies of this host
 /// @param processCgroups content of /proc/<pid>/cgroup of a container's init process
+/// @param configured see payloadPath()
 /// @return v1's where a hierarchy of v1 has the controller, else v2's where the cgroup has it. The root of a hierarchy
 /// is nobody's.
-ResourceFolders resourceFoldersOf(const std::vector<CgroupMount>& mounts, std::string_view processCgroups);
+ResourceFolders resourceFoldersOf(const std::vector<CgroupMount>& mounts, std::string_view processCgroups,
+                                  const std::string& configured = {});
 
 /// @brief The same for a process.
 /// @param initPid a container's init process, seen from here
+/// @param configured see payloadPath()
 /// @return nothing in it when there is no such process
-ResourceFolders resourceFoldersOf(const std::vector<CgroupMount>& mounts, pid_t initPid);
+ResourceFolders resourceFoldersOf(const std::vector<CgroupMount>& mounts, pid_t initPid,
+                                  const std::string& configured = {});
+
+/// @return the top of the hierarchy with the memory controller; an empty path: there is none
+ResourceFolder memoryRootOf(const std::vector<CgroupMount>& mounts);
 
 /// A resource that has a limit.
 struct ResourceUse {
@@ -65,6 +72,15 @@ std::optional<std::uint64_t> readMemoryHits(const ResourceFolder& memory);
 /// @return processes killed for lack of memory so far: v2 also in cgroups below it, v1 in this one alone
 std::optional<std::uint64_t> readKills(const ResourceFolder& memory);
 
+/// @return how often v2 had to kill for a limit of this cgroup or one below it; nothing when there is no such cgroup
+std::optional<std::uint64_t> readLimitOoms(const ResourceFolder& memory);
+
+/// @return how often v2 killed all of a cgroup at once; nothing when there is no such cgroup, before Linux 5.17
+std::optional<std::uint64_t> readGroupKills(const ResourceFolder& memory);
+
+/// @return the limit of memory in bytes; nothing where there is none, or no such cgroup
+std::optional<std::uint64_t> readMemoryLimit(const ResourceFolder& memory);
+
 /// @return the limit of processes and threads; nothing where there is none, or no such cgroup
 std::optional<std::uint64_t> readPidsLimit(const std::string& pidsFolder);
 
@@ -78,8 +94,19 @@ std::optional<std::uint64_t> readPidsHits(const std::string& pidsFolder);
 /// @return whether there are cgroups below one
 bool hasInnerCgroups(const std::string& folder);
 
-/// @return processes killed for lack of memory since the system's start, from a file like /proc/vmstat
-std::optional<std::uint64_t> readHostKills(const std::string& vmstat);
+/// @return the cgroups right below one
+std::vector<std::string> innerCgroups(const std::string& folder);
+
+/// What the kernel counts for the whole host since its start.
+struct HostMemory {
+    std::uint64_t kills = 0;  ///< processes killed for lack of memory, whosever
+    std::optional<std::uint64_t>
+        reclaims;  ///< how often somebody had to wait for memory of the host's; absent: not counted
+};
+
+/// @param vmstat a file like /proc/vmstat (proc(5))
+/// @return nothing when it does not count kills
+std::optional<HostMemory> readHostMemory(const std::string& vmstat);
 
 /// Adds up a count that each cgroup of a tree keeps for itself, while cgroups come and go.
 class TreeCount {

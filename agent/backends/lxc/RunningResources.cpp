@@ -21,29 +21,31 @@ std::vector<CgroupMount> cgroupMounts() {
 }  // namespace
 
 RunningResources::RunningResources(const Eid& host, SignalSink sink, LogSink log)
-    : watch_({host, {}}, sink, std::move(log)), quotas_(std::move(sink)) {}
+    : watch_({.host = host, .memoryRoot = memoryRootOf(cgroupMounts())}, sink, std::move(log)),
+      quotas_(std::move(sink)) {}
 
 void RunningResources::update(const std::vector<CounterTarget>& running) {
-    std::map<Eid, pid_t> present;
+    std::map<Eid, Run> present;
     QuotaTargets quotas;
     std::vector<CgroupMount> mounts;
     for (const CounterTarget& target : running) {
-        present.emplace(target.eid, target.initPid);
-        quotas.insert({target.eid, {target.rootFolder, target.veid}});
+        const Run run(target.initPid, target.cgroupFolder);
+        present.emplace(target.eid, run);
+        quotas.insert({target.eid, target.rootFolder});
         const auto known = tracked_.find(target.eid);
-        if (known != tracked_.end() && known->second == target.initPid) {
+        if (known != tracked_.end() && known->second == run) {
             continue;
         }
         if (mounts.empty()) {
             mounts = cgroupMounts();
         }
-        const ResourceFolders folders = resourceFoldersOf(mounts, target.initPid);
+        const ResourceFolders folders = resourceFoldersOf(mounts, target.initPid, target.cgroupFolder);
         // Found under another process's number if init has ended meanwhile; its end is told next.
         if (!hasEnded(target.pidfd->get())) {
             watch_.track(target.eid, folders);
         }
     }
-    for (const auto& [eid, pid] : tracked_) {
+    for (const auto& [eid, run] : tracked_) {
         if (present.find(eid) == present.end()) {
             watch_.untrack(eid);
         }

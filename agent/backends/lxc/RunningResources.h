@@ -6,6 +6,8 @@
 #include <sys/types.h>
 
 #include <map>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "agent/backends/lxc/CounterThread.h"
@@ -29,7 +31,9 @@ public:
 private:
     ResourceWatch watch_;
     QuotaWatch quotas_;
-    std::map<Eid, pid_t> tracked_;  ///< the init process of the run that is tracked
+    /// The run that is tracked: its init process, and CounterTarget::cgroupFolder.
+    using Run = std::pair<pid_t, std::string>;
+    std::map<Eid, Run> tracked_;
 };
 
 }  // namespace kx::agent::lxc

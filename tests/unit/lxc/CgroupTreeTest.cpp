@@ -61,10 +61,20 @@ TEST(CgroupTreeTest, knowsWhatAMountDoesNotShow) {
 }
 
 TEST(CgroupTreeTest, cutsAPathDownToTheContainersOwnCgroup) {
-    EXPECT_EQ(payloadPath("/lxc.payload.web"), "/lxc.payload.web");
-    EXPECT_EQ(payloadPath("/lxc.payload.web/init.scope"), "/lxc.payload.web");
-    EXPECT_EQ(payloadPath("/a/lxc.payload.web-1/system.slice/x"), "/a/lxc.payload.web-1");
-    EXPECT_EQ(payloadPath("/own/place/init.scope"), "/own/place");
+    EXPECT_EQ(payloadPath("/lxc.payload.web", ""), "/lxc.payload.web");
+    EXPECT_EQ(payloadPath("/lxc.payload.web/init.scope", ""), "/lxc.payload.web");
+    EXPECT_EQ(payloadPath("/a/lxc.payload.web-1/system.slice/x", ""), "/a/lxc.payload.web-1");
+    EXPECT_EQ(payloadPath("/own/place/init.scope", ""), "/own/place");
+}
+
+TEST(CgroupTreeTest, cutsAPathDownToTheConfiguredCgroupThatHasTheLimits) {
+    EXPECT_EQ(payloadPath("/lxc/101/ns", "lxc/101"), "/lxc/101");
+    EXPECT_EQ(payloadPath("/lxc/101/ns/init.scope", "lxc/101"), "/lxc/101");
+    EXPECT_EQ(payloadPath("/top/lxc/101", "lxc/101"), "/top/lxc/101");
+    EXPECT_EQ(payloadPath("/lxc/101-2/ns", "lxc/101"), "/lxc/101-2") << "LXC's way with a name in use";
+    EXPECT_EQ(payloadPath("/lxc/1012/init.scope", "lxc/101"), "/lxc/1012") << "another container's";
+    EXPECT_EQ(payloadPath("/lxc/101-/init.scope", "lxc/101"), "/lxc/101-");
+    EXPECT_EQ(payloadPath("/lxc.payload.web/x", "lxc/101"), "/lxc.payload.web") << "configured since it runs";
 }
 
 TEST(CgroupTreeTest, tellsWhoseACgroupFolderMayBe) {

@@ -134,9 +134,13 @@ TEST_F(ResourceFilesTest, InnerCgroupsAreNoticed) {
 
 TEST_F(ResourceFilesTest, TheHostsKillsAreRead) {
     folder_.write("vmstat", "pgfault 5\noom_kill_of_another_kind 9\noom_kill 7\nnuma_hit 1\n");
-    EXPECT_EQ(readHostKills(folder_ / "vmstat"), 7U);
+    ASSERT_TRUE(readHostMemory(folder_ / "vmstat"));
+    EXPECT_EQ(readHostMemory(folder_ / "vmstat")->kills, 7U);
+    EXPECT_FALSE(readHostMemory(folder_ / "vmstat")->reclaims) << "not counted";
+    folder_.write("vmstat", "allocstall_dma 1\nallocstall_normal 20\nallocstall_movable 300\noom_kill 7\n");
+    EXPECT_EQ(readHostMemory(folder_ / "vmstat")->reclaims, 321U);
     folder_.write("vmstat", "pgfault 5\n");
-    EXPECT_EQ(readHostKills(folder_ / "vmstat"), std::nullopt) << "older kernels do not count them";
+    EXPECT_FALSE(readHostMemory(folder_ / "vmstat")) << "older kernels do not count them";
 }
 
 TEST_F(ResourceFilesTest, WhatIsNotThereOrNotANumberIsNothing) {
@@ -146,7 +150,7 @@ TEST_F(ResourceFilesTest, WhatIsNotThereOrNotANumberIsNothing) {
     EXPECT_FALSE(readKills({}));
     EXPECT_FALSE(readPids(""));
     EXPECT_FALSE(readPidsLimit(folder_.path()));
-    EXPECT_FALSE(readHostKills("/nowhere/vmstat"));
+    EXPECT_FALSE(readHostMemory("/nowhere/vmstat"));
     folder_.write("memory.failcnt", "many\n");
     folder_.write("memory.oom_control", "oom_kill\n");
     EXPECT_FALSE(readMemoryHits(v1()));

@@ -10,9 +10,9 @@ using std::chrono::seconds;
 class HostKillsTest : public testing::Test {
 protected:
     /// One look a second.
-    AlarmTurn look(std::uint64_t host, std::uint64_t containers) {
+    AlarmTurn look(std::uint64_t host, std::uint64_t containers, std::optional<std::uint64_t> reclaims = {}) {
         now_ += seconds(1);
-        return kills_.look(host, containers, now_);
+        return kills_.look({host, reclaims}, containers, now_);
     }
 
     HostKills kills_{seconds(60)};
@@ -107,6 +107,33 @@ TEST_F(HostKillsTest, IsOverAfterAMinuteWithout) {
         ASSERT_EQ(look(18, 0), AlarmTurn::None) << i;
     }
     EXPECT_EQ(look(18, 0), AlarmTurn::Clear);
+}
+
+TEST_F(HostKillsTest, WithoutAReclaimOfTheHostsMemoryAKillIsForSomeLimitsSake) {
+    look(17, 0, 500);
+    EXPECT_EQ(look(18, 0, 500), AlarmTurn::None);
+    EXPECT_EQ(look(18, 0, 500), AlarmTurn::None);
+    EXPECT_EQ(kills_.total(), 0U);
+    EXPECT_EQ(look(19, 0, 501), AlarmTurn::None);
+    EXPECT_EQ(kills_.unexplained(), 1U) << "the one before is not asked about again";
+    EXPECT_EQ(look(19, 0, 501), AlarmTurn::Raise);
+    EXPECT_EQ(kills_.total(), 1U);
+}
+
+TEST_F(HostKillsTest, AReclaimIsASignForSomeSecondsOnly) {
+    look(17, 0, 500);
+    look(17, 0, 501);
+    for (int i = 0; i < 7; ++i) {
+        look(17, 0, 501);
+    }
+    look(18, 0, 501);
+    EXPECT_EQ(look(18, 0, 501), AlarmTurn::Raise) << "killing may take its time";
+    for (int i = 0; i < 3; ++i) {
+        look(18, 0, 501);
+    }
+    look(19, 0, 501);
+    EXPECT_EQ(look(19, 0, 501), AlarmTurn::None);
+    EXPECT_EQ(kills_.total(), 1U);
 }
 
 TEST_F(HostKillsTest, ANumberThatStartsAnewIsNoKill) {

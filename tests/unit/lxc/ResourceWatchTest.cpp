@@ -35,7 +35,7 @@ protected:
 
     void start() {
         watch_ = std::make_unique<ResourceWatch>(
-            ResourceWatchSettings{host_, times_, folder_ / "vmstat"},
+            ResourceWatchSettings{host_, times_, folder_ / "vmstat", {folder_.path(), true}},
             [this](AlertSignal signal) {
                 const std::function<void()> first = std::exchange(duringNextSignal_, nullptr);
                 {
@@ -281,6 +281,21 @@ TEST_F(ResourceWatchTest, processesKilledOutsideOfContainersAreTheHosts) {
     ASSERT_TRUE(tellsInTheEnd(kHostOomSource, host_, [&](int) { hostKills(host + seen + 5 + 7); }));
     EXPECT_EQ(told(kHostOomSource).at(0).value, before + 7) << "without the container's";
     EXPECT_TRUE(tells(kHostOomSource, kAlertClear, host_));
+}
+
+TEST_F(ResourceWatchTest, aKillForTheLimitOfAnotherCgroupIsNotTheHosts) {
+    times_.look = milliseconds(200);
+    times_.quietAfterKill = milliseconds(300);
+    folder_.write("service/memory.events", "oom 0\noom_kill 0\n");
+    start();
+    ASSERT_TRUE(tellsInTheEnd(kHostOomSource, host_, [&](int times) { hostKills(100 + times); }));
+    ASSERT_TRUE(tells(kHostOomSource, kAlertClear, host_)) << "all of them have been taken in";
+    const int host = 100 + happened_;
+    forgetTold();
+    replace("service/memory.events", "oom 3\noom_kill 3\n");
+    hostKills(host + 3);
+    EXPECT_FALSE(tells(kHostOomSource, kAlertCritical, host_, 5 * times_.look));
+    EXPECT_TRUE(tellsInTheEnd(kHostOomSource, host_, [&](int times) { hostKills(host + 3 + times); }));
 }
 
 TEST_F(ResourceWatchTest, killsThatV1DoesNotTellOfAreLookedForWhenTheHostCountsThem) {
