@@ -60,6 +60,7 @@ def script():
     # Built and downloaded before: see below.
     for mark, block in blocks("README.md"):
         lines += typed(block) if mark == "" else []
+    lines += ["echo '# kernel counts'", f"grep '^oom_kill ' /sys/fs/cgroup/lxc.payload.{CONTAINER}/memory.events"]
     # Begins anew, so that what is seen from here on is of here on; the same alert is not told twice in a minute.
     lines += ["echo '=== operations'", f"lxc-stop -k -n {CONTAINER}", f"lxc-start -n {CONTAINER}"]
     lines += ["systemctl restart kxagentd kxsnmp", "kill $(pidof snmptrapd)", ": >/var/log/containers.log"]
@@ -134,6 +135,11 @@ def test_running_out_of_memory_arrives_as_a_trap_with_its_names(session, part):
     assert "CORVANE-MIB::kxVeAlert" in trap and "CORVANE-MIB::kxVeId = Gauge32: 1000000" in trap, trap
     assert "CORVANE-MIB::kxVeAlertText = STRING: out of memory: processes were killed" in trap
     assert "CORVANE-MIB::kxVeAlertCode = INTEGER: 2" in trap
+
+
+def test_the_value_of_the_trap_is_what_the_kernel_counts(session):
+    told = re.search(r"kxVeAlertValue = Counter64: (\d+)", outputOf(session[0], "cat /var/log/containers.log"))
+    assert f"oom_kill {told.group(1)}\n" in outputOf(session[0], "kernel counts")
 
 
 def test_all_of_it_can_be_removed(session):
