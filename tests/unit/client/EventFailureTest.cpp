@@ -144,21 +144,19 @@ class ImpatientEventConnections : public EventConnections {
 protected:
     ImpatientEventConnections()
         : EventConnections([] {
-              client::Timeouts timeouts;
+              client::Timeouts timeouts = patient();
               timeouts.reconnect = std::chrono::milliseconds(100);
               return timeouts;
           }()) {}
 };
 
 TEST_F(ImpatientEventConnections, WhoseSubscriptionIsNotAnsweredFailAndAreLogged) {
-    std::atomic<int> attempts{0};
-    const ScriptedAgent agent([&](PeerSocket& peer) {
+    const ScriptedAgent agent([](PeerSocket& peer) {
         wire::Frame request;
         if (!shakeHands(peer, request)) {
             return;
         }
         if (request.has_event_subscribe()) {
-            ++attempts;
             peer.readUntilClosed();
         } else if (serveFirstData(peer, {})) {
             answerUntilClosed(peer);
@@ -168,7 +166,6 @@ TEST_F(ImpatientEventConnections, WhoseSubscriptionIsNotAnsweredFailAndAreLogged
     const ConnectionPtr connection = open();
     ASSERT_EQ(subscribe(connection, first), 0);
     EXPECT_TRUE(journal.becomes({"link up", "first failed"}));
-    EXPECT_EQ(attempts, 1);
     ASSERT_EQ(LogCollector::lines().size(), 1U);
     EXPECT_NE(LogCollector::lines()[0].find("its event connection was not answered in time"), std::string::npos);
 }

@@ -147,8 +147,15 @@ inline wire::Frame alerts(const std::vector<std::string>& texts) {
 
 class EventConnections : public LinkFixture {
 protected:
-    explicit EventConnections(const client::Timeouts& timeouts = {}) : LinkFixture(timeouts) {}
+    explicit EventConnections(const client::Timeouts& timeouts = patient()) : LinkFixture(timeouts) {}
     ~EventConnections() override { loop->stop(); }
+
+    /// Connecting is not what is tested here; on a busy machine it may take its time.
+    static client::Timeouts patient() {
+        client::Timeouts timeouts;
+        timeouts.synchronous = std::chrono::seconds(10);
+        return timeouts;
+    }
 
     int bringUp(const std::string& path) {
         KXLConnectionInfo info;

@@ -38,6 +38,7 @@ private:
 TEST(RequestLoop, PausesAndLogsOnceWhileItCannotWait) {
     InProcessAgent::instance();
     const LogCapture log;
+    serveRequests();
     {
         const BadDescriptor bad;
         const auto started = std::chrono::steady_clock::now();
