@@ -17,15 +17,9 @@ protected:
         SNMPNodeLocal::instance()->getStats(kNet);
         SNMPNodeLocal::instance()->getStats(kQuota);
         EXPECT_TRUE(settle());
-        reconnect();
-    }
-
-    /// The next link has the usual containers again.
-    static void reconnect() {
         agent().reset();
         agent().hangUp();
         subscription_ = agent().monitor();
-        EXPECT_TRUE(settle());
     }
 
     /// Has the link's monitor know this and nothing else.

@@ -80,7 +80,14 @@ public:
 
 class RandomRequests : public PublishedTables {
 protected:
-    ~RandomRequests() override { reconnect(); }
+    /// Other tests have the usual containers only.
+    ~RandomRequests() override {
+        for (wire::Environment& env : environments_) {
+            env.set_type("host");
+        }
+        agent().change(environments_);
+        EXPECT_TRUE(settle());
+    }
 
     // ---- hosts --------------------------------------------------------------------------------------------------
 
@@ -332,7 +339,10 @@ protected:
         agent().change(containers);
         publish({groupOf(kQuota, {"q1"}, quota), groupOf(kNet, {"bytes_in"}, network)});
     }
-    ~SelectedRows() override { reconnect(); }
+    ~SelectedRows() override {
+        agent().change({kWeb, kStore, kNoNumber});
+        EXPECT_TRUE(settle());
+    }
 
     /// The number of rows presented in each table, for requests of these names below the table.
     static std::vector<std::size_t> presented(const std::vector<Oid>& below, bool next) {
