@@ -16,6 +16,9 @@ namespace {
 /// Tag and length of an identifier in a delta.
 constexpr std::size_t kRemovedBytes = wire::kEidBytes + 2;
 
+/// Environments in one delta. A client refuses frames that take many times their size once decoded.
+constexpr std::size_t kMaxEntries = 5000;
+
 /// Fills deltas, beginning a new one whenever a frame is full, and keeps a list of what is in them. There are two of
 /// each, which are the same where no departed environment is concerned.
 class DeltaWriter {
@@ -66,10 +69,11 @@ private:
     }
 
     void makeRoom(std::size_t bytes) {
-        if (bytes_ + bytes > Inventory::kFrameBytes) {
+        if (bytes_ + bytes > Inventory::kFrameBytes || entries_ == kMaxEntries) {
             flush();
         }
         bytes_ += bytes;
+        ++entries_;
     }
 
     void flush() {
@@ -82,6 +86,7 @@ private:
         frame_.Clear();
         plainRemoved_.clear();
         bytes_ = 0;
+        entries_ = 0;
         differ_ = false;
     }
 
@@ -106,6 +111,7 @@ private:
     std::vector<Eid> plainRemoved_;  ///< for the others
     bool differ_ = false;
     std::size_t bytes_ = 0;
+    std::size_t entries_ = 0;
     InventoryDeltas deltas_;
 };
 

@@ -112,9 +112,9 @@ public:
     /// @brief Connects, shakes hands and fills the environment cache and the vocabularies.
     ///
     /// Waits for the loop thread at most 500 ms in all. After a call that ran into that limit the ones that follow fail
-    /// at once until the agent has sent something or 5 s have passed, so that the many calls that one SNMP request leads
-    /// to stay within its second together. What the agent sends after the limit is not lost: a call within the next 10 s
-    /// takes it over.
+    /// at once until the agent has sent something or 5 s have passed, so that the many calls that one SNMP request
+    /// leads to stay within its second together. What the agent sends after the limit is not lost: a call within the
+    /// next 10 s takes it over.
     ///
     /// On success the handler has got handleConnected before this returns, on this thread; from then on the
     /// library keeps the link up by itself, and calls handleDisconnect, handleBroken or handleTimeout on loss
@@ -150,8 +150,8 @@ public:
     /// @return the cache, never null; empty before the first connection, and what was last received after a loss
     boost::intrusive_ptr<KXLEnvCache> getEnvCache() const;
 
-    /// @brief The default vocabulary of the node with that identifier, of which it is known that it holds now. Answers at
-    /// once from memory.
+    /// @brief The default vocabulary of the node with that identifier, of which it is known that it holds now. Answers
+    /// at once from memory.
     /// @return null when the node is not this agent or has no such vocabulary, or while the link is down
     boost::shared_ptr<KXLVocMap> getVocabulary(const KXLEID& eid) const;
     /// @brief A named vocabulary of the node with that identifier, as last received. Answers at once from memory.

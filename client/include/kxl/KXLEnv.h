@@ -31,6 +31,8 @@ public:
     virtual const KXLEnvConfig& getConfig() const;
 
 private:
+    friend struct kx::client::EnvRecord;
+
     KXLEnv(const KXLEnv&) = delete;
     KXLEnv& operator=(const KXLEnv&) = delete;
 

@@ -28,7 +28,7 @@ public:
     /// The list's storage; shared by the cache, the lists taken from it and their iterators.
     struct Storage : KXLRefCounter {
         std::vector<EnvPtr> environments;                   ///< in list order
-        std::shared_ptr<const kx::client::EnvIndex> index;  ///< identifier to position
+        std::shared_ptr<const kx::client::EnvIndex> index;  ///< by identifier
     };
 
     /// @brief A list as it was when it was taken.
@@ -90,7 +90,8 @@ public:
     /// @brief The current list of all environments, in the agent's order; empty before the first snapshot.
     EnvValuesList getEnvList() const;
 
-    /// @brief One environment. It is immutable, so the copy returned shares the record with the list.
+    /// @brief One environment, also one that is in no list any more because it is gone, as long as alerts about it may
+    /// come. It is immutable, so the copy returned shares the record with the list.
     /// @return null when the identifier is unknown
     EnvPtr getEnvCopy(const KXLEID& eid) const;
 

@@ -1,7 +1,7 @@
 // An environment's configuration, as the agent last sent it.
 //
-// Thread promise: immutable. Copies share one counted record, so a copy costs one atomic increment and
-// nothing here allocates, except for the texts that getters copy out.
+// Thread promise: immutable. Copies share one counted record, so a copy costs one atomic increment. The core record,
+// the type and the VE id are at hand; what getters copy out besides is decoded for it.
 #pragma once
 
 #include <boost/intrusive_ptr.hpp>
@@ -28,6 +28,10 @@ public:
 
     /// @return the text, NUL-terminated; never null
     const char* getText() const { return text_.c_str(); }
+
+    /// @return bytes of the text, also behind a NUL
+    std::size_t size() const { return text_.size(); }
+    bool equals(const KXLEnvCoreBasic& other) const { return text_ == other.text_; }
 
 private:
     std::string text_;

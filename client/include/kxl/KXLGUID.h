@@ -1,4 +1,6 @@
-// 16-byte identifiers, held by value.
+// Identifiers of what the agent knows, in the format of a UUID.
+//
+// Thread promise: plain values.
 #pragma once
 
 #include <array>
@@ -8,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-/// @brief Sixteen bytes and their textual form.
+/// @brief The bytes of a UUID, and how they are written.
 class KXLGUIDBase {
 public:
     static constexpr std::size_t size = 16;
@@ -35,17 +37,17 @@ private:
     Bytes bytes_{};
 };
 
-/// @brief A general identifier, e.g. of a base sample.
+/// @brief Names something that is no environment: a base sample, a user.
 class KXLGUID : public KXLGUIDBase {
 public:
     using KXLGUIDBase::KXLGUIDBase;
 };
 
-/// @brief The identifier of an environment or of the server.
+/// @brief Names a container, a host, or the agent on it. Another type, so that the two are not mistaken for each other.
 class KXLEID : public KXLGUIDBase {
 public:
     using KXLGUIDBase::KXLGUIDBase;
 
-    /// No environment: the empty identifier. Usable before main() runs.
+    /// Stands for nobody, e.g. for an agent that was never reached. All bytes are zero; usable before main() runs.
     static const KXLEID EID_INVALID;
 };

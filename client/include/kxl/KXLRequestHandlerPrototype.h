@@ -12,7 +12,7 @@
 #include <kxl/KXLLock.h>
 #include <kxl/KXLRefCounter.h>
 
-/// Codes with which the default callbacks call defaultHandleError; part of the contract, they do not change.
+/// Why a request failed. Programs compare with these numbers, so none is ever given another meaning.
 enum KXLRequestError : int {
     KXL_ERROR_TIMEOUT = -2,       ///< the peer was silent for too long
     KXL_ERROR_CANCEL = -3,        ///< the request was cancelled
@@ -83,7 +83,7 @@ public:
     /// Called by the library when it takes the handler on, and with null when it lets go of it.
     virtual void setContext(boost::intrusive_ptr<KXLRequestContext> context);
     ~KXLRequestHandlerPrototype() override;
-    /// Where the four callbacks above end; ends in handleError itself.
+    /// What the four callbacks above call unless they are overridden: calls handleError.
     virtual void defaultHandleError(int code);
     /// @return the context of the request being served; null when there is none
     virtual boost::intrusive_ptr<KXLRequestContext> getContext();

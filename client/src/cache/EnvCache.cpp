@@ -14,6 +14,11 @@ KXLEnvCache::EnvPtr KXLEnvCache::getEnvCopy(const KXLEID& eid) const {
     if (!storage) {
         return {};
     }
-    const auto found = storage->index->positions.find(eid);
-    return found == storage->index->positions.end() ? EnvPtr() : storage->environments[found->second];
+    const kx::client::EnvIndex& index = *storage->index;
+    const auto listed = index.positions.find(eid);
+    if (listed != index.positions.end()) {
+        return storage->environments[listed->second];
+    }
+    const auto departed = index.departed.find(eid);
+    return departed == index.departed.end() ? EnvPtr() : departed->second;
 }

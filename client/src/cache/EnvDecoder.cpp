@@ -17,72 +17,18 @@ bool decodeGuid(const std::string& bytes, KXLGUIDBase::Bytes& into) {
     return true;
 }
 
-KXATemplate decodeTemplate(const wire::Template& from) {
-    return {from.name(), from.version()};
-}
-
-std::vector<KXLIPAddress> decodeAddresses(const wire::AddressList& from) {
-    std::vector<KXLIPAddress> addresses;
-    addresses.reserve(static_cast<std::size_t>(from.addresses_size()));
-    for (const wire::Address& address : from.addresses()) {
-        addresses.emplace_back(address.address(), address.mask());
-    }
-    return addresses;
-}
-
-std::vector<KXLInet6Address> decodeInet6Addresses(const wire::Inet6AddressList& from) {
-    std::vector<KXLInet6Address> addresses;
-    addresses.reserve(static_cast<std::size_t>(from.addresses_size()));
-    for (const wire::Inet6Address& address : from.addresses()) {
-        addresses.emplace_back(address.address(), address.prefix_length());
-    }
-    return addresses;
-}
-
-std::vector<KXATemplate> decodeTemplates(const wire::TemplateList& from) {
-    std::vector<KXATemplate> templates;
-    templates.reserve(static_cast<std::size_t>(from.templates_size()));
-    for (const wire::Template& one : from.templates()) {
-        templates.push_back(decodeTemplate(one));
-    }
-    return templates;
-}
-
-void decodeTexts(const wire::Configuration& from, EnvRecord& record) {
-    record.core = boost::make_shared<const KXLEnvCoreBasic>(from.name());
-    if (from.has_hostname()) {
-        record.hostname = from.hostname();
-    }
-    if (from.has_description()) {
-        record.description = from.description();
-    }
-}
-
 bool decodeConfiguration(const wire::Configuration& from, EnvRecord& record) {
-    decodeTexts(from, record);
+    KXLGUIDBase::Bytes ignored{};
+    if (from.has_base_sample() && !decodeGuid(from.base_sample(), ignored)) {
+        return false;
+    }
+    record.core = boost::make_shared<const KXLEnvCoreBasic>(from.name());
     if (from.has_veid()) {
         record.veid = from.veid();
     }
-    if (from.has_os_template()) {
-        record.osTemplate = decodeTemplate(from.os_template());
-    }
-    if (from.has_addresses()) {
-        record.addresses = decodeAddresses(from.addresses());
-    }
-    if (from.has_inet6_addresses()) {
-        record.inet6Addresses = decodeInet6Addresses(from.inet6_addresses());
-    }
-    if (from.has_templates()) {
-        record.templates = decodeTemplates(from.templates());
-    }
-    if (!from.has_base_sample()) {
-        return true;
-    }
-    KXLGUIDBase::Bytes bytes{};
-    if (!decodeGuid(from.base_sample(), bytes)) {
-        return false;
-    }
-    record.baseSample = KXLGUID(bytes);
+    wire::Configuration details = from;
+    details.clear_name();
+    record.details = details.SerializeAsString();
     return true;
 }
 

@@ -12,9 +12,6 @@
 
 namespace kx::client {
 
-/// Environments one agent may have: far above any host, far below what would exhaust the daemon.
-inline constexpr std::size_t kMaxEnvironments = 1'000'000;
-
 /// @brief The state of one connection's environment feed.
 class EnvFeed {
 public:
@@ -25,6 +22,9 @@ public:
         Gap,        ///< a generation was missed: ask for a new snapshot
         Malformed,  ///< the message breaks the protocol; reason() says how
     };
+
+    /// @param shown the list of an earlier connection; what is the same in a snapshot is taken from there
+    explicit EnvFeed(EnvStoragePtr shown = {});
 
     /// @brief A snapshot has been asked for: deltas are ignored until it is there.
     void expectSnapshot();
@@ -39,16 +39,20 @@ public:
 private:
     Outcome malformed(const char* reason);
     bool isNextChunk(const wire::SnapshotChunk& chunk) const;
+    bool fits(const wire::SnapshotChunk& chunk);
     bool append(const wire::SnapshotChunk& chunk);
+    KXLEnvCache::EnvPtr takeShared(KXLEnvCache::EnvPtr environment);
     void finishSnapshot();
-    bool replaceChanged(const wire::Delta& delta, EnvStorage& next, bool& membershipChanged);
-    static bool removeGone(const wire::Delta& delta, EnvStorage& next, bool& membershipChanged);
 
+    EnvStoragePtr shown_;  ///< what readers have: the last list published, on this connection or an earlier one
+    std::size_t shownBytes_ = 0;
     EnvStoragePtr current_;
     std::uint64_t generation_ = 0;
     bool awaitingSnapshot_ = true;
 
     boost::intrusive_ptr<EnvStorage> incoming_;  ///< the snapshot under way; null between snapshots
+    std::shared_ptr<EnvIndex> incomingIndex_;
+    std::size_t incomingBytes_ = 0;  ///< of what is not shared with shown_
     std::uint64_t incomingGeneration_ = 0;
     std::uint32_t nextIndex_ = 0;
 

@@ -24,10 +24,11 @@ struct GuidHash {
     }
 };
 
-/// @brief Identifier to position in the list; immutable, shared by lists whose membership is the same.
+/// @brief What is found by its identifier; immutable, shared by lists whose membership is the same.
 class EnvIndex {
 public:
-    std::unordered_map<KXLEID, std::size_t, GuidHash> positions;
+    std::unordered_map<KXLEID, std::size_t, GuidHash> positions;         ///< in the list
+    std::unordered_map<KXLEID, KXLEnvCache::EnvPtr, GuidHash> departed;  ///< gone, but alerts about them are under way
 };
 
 using EnvStorage = KXLEnvCache::Storage;

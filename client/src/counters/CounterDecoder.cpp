@@ -9,14 +9,25 @@
 #include <unordered_set>
 #include <utility>
 
+#include "client/src/values/Limits.h"
+
 namespace kx::client {
 
 namespace {
 
-/// Frames that one report may take: some ten times what a million containers need.
-constexpr std::size_t kMaxFrames = 1000;
-
 using Positions = std::unordered_map<std::string_view, std::size_t>;
+
+/// What it will take once it is decoded.
+std::size_t decodedBytes(const wire::CounterSample& sample) {
+    std::size_t bytes = 0;
+    for (const wire::CounterGroup& group : sample.groups()) {
+        bytes += kReportGroupBytes + group.class_name().size() + group.eids().size() +
+                 static_cast<std::size_t>(group.instances_size()) * (kReportRowBytes + group.class_name().size()) +
+                 static_cast<std::size_t>(group.counters_size()) * kReportCounterBytes +
+                 static_cast<std::size_t>(group.values_size()) * kReportCounterBytes / wire::kNumbersPerCounter;
+    }
+    return bytes;
+}
 
 bool isConsistent(const wire::CounterGroup& group) {
     const std::size_t rows = group.eids().size() / wire::kEidBytes;
@@ -148,22 +159,37 @@ private:
 }  // namespace
 
 SampleAssembler::Outcome SampleAssembler::take(std::uint64_t key, wire::CounterSample& sample) {
+    const bool isLast = !sample.continued();
     const auto known = partial_.find(key);
-    if (known == partial_.end() && !sample.continued()) {
-        return Outcome::Complete;
+    if (known == partial_.end() && isLast) {
+        return decodedBytes(sample) > kMaxReportBytes ? Outcome::TooLarge : Outcome::Complete;
     }
     Partial& partial = partial_[key];
-    if (++partial.frames > kMaxFrames) {
-        return Outcome::TooLarge;
+    if (++partial.frames > kMaxReportFrames) {
+        return Outcome::Endless;
     }
-    const bool complete = !sample.continued();
-    partial.sample.MergeFrom(sample);
-    if (!complete) {
+    add(partial, sample);
+    if (!isLast) {
         return Outcome::Pending;
     }
+    const Outcome outcome = partial.isTooLarge ? Outcome::TooLarge : Outcome::Complete;
     sample = std::move(partial.sample);
+    bytes_ -= partial.bytes;
     partial_.erase(key);
-    return Outcome::Complete;
+    return outcome;
+}
+
+void SampleAssembler::add(Partial& partial, wire::CounterSample& sample) {
+    const std::size_t more = decodedBytes(sample);
+    if (partial.isTooLarge || bytes_ + more > kMaxReportBytes) {
+        partial.isTooLarge = true;
+        bytes_ -= std::exchange(partial.bytes, 0);
+        wire::CounterSample().Swap(&partial.sample);
+        return;
+    }
+    partial.bytes += more;
+    bytes_ += more;
+    partial.sample.MergeFrom(sample);
 }
 
 bool decodeCounters(const wire::CounterSample& from, std::vector<KXLMonitorData>& into, std::string& reason) {

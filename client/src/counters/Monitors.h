@@ -43,6 +43,8 @@ public:
     /// @brief Forgets all in silence.
     void drop();
 
+    bool has(std::uint64_t number) const { return monitors_.contains(number); }
+
     /// @return where a monitor's next report goes: its last one, to be written over, when nobody has it any more
     std::shared_ptr<std::vector<KXLMonitorData>> storageFor(std::uint64_t number);
 

@@ -102,11 +102,25 @@ std::vector<TaskHandlerPtr> EventLink::takeHandlers() {
 
 // ---- connecting -----------------------------------------------------------------------------------------------
 
-void EventLink::connect(const KXLConnectivityInfo& info) {
+void EventLink::connect(const KXLConnectivityInfo& info, std::chrono::milliseconds pause) {
     if (phase_ != Phase::Made) {
         return;  // closed before its turn came
     }
     phase_ = Phase::Connecting;
+    if (pause == pause.zero()) {
+        open(info);
+        return;
+    }
+    deadline_.expires_after(pause);
+    deadline_.async_wait([weak = weak_from_this(), info](boost::system::error_code cancelled) {
+        const auto self = weak.lock();
+        if (!cancelled && self && self->phase_ == Phase::Connecting) {
+            self->open(info);
+        }
+    });
+}
+
+void EventLink::open(const KXLConnectivityInfo& info) {
     const auto transport = findTransport(info.getType());
     if (!transport) {
         failed();

@@ -15,6 +15,7 @@
 
 #include <boost/asio/steady_timer.hpp>
 #include <boost/intrusive_ptr.hpp>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -62,7 +63,8 @@ public:
     void close();
 
     /// @brief Connects and subscribes to the agent's events.
-    void connect(const KXLConnectivityInfo& info);
+    /// @param pause waits this long first
+    void connect(const KXLConnectivityInfo& info, std::chrono::milliseconds pause);
     /// @brief Closes the socket of a link that is of no use any more. The handlers stay for tellFailure().
     void fail();
     /// @brief Tells the handlers that are still there that the link has failed, and forgets them.
@@ -79,6 +81,7 @@ private:
     void connectionEnded(const FrameConnection& connection) override;
     void connectionMalformed(const FrameConnection& connection, const std::string& reason) override;
 
+    void open(const KXLConnectivityInfo& info);
     void connected(boost::system::error_code error, const std::shared_ptr<StreamSocket>& socket);
     void takeHello(const wire::Frame& frame);
     void takeData(const wire::Frame& frame);

@@ -1,5 +1,6 @@
 #include "client/src/loop/Loop.h"
 
+#include <malloc.h>
 #include <pthread.h>
 #include <csignal>
 
@@ -27,6 +28,10 @@ private:
     sigset_t before_{};
 };
 
+/// Buffers from this size on go back to the system when they are freed. Left to itself the allocator raises its
+/// threshold with each one, up to 32 MiB, and then keeps as much on the loop thread's heap for good.
+constexpr int kMappedBytes = 512 * 1024;
+
 }  // namespace
 
 Loop::Loop() : work_(context_.get_executor()) {}
@@ -44,6 +49,7 @@ void Loop::start() {
     if (state_ != State::Made) {
         return;
     }
+    mallopt(M_MMAP_THRESHOLD, kMappedBytes);
     const AllSignalsBlocked blocked;
     // The thread holds the loop, so that the io_context outlives run() whoever drops the last other reference.
     thread_ = std::thread([self = shared_from_this()] { self->run(); });

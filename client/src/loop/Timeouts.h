@@ -25,9 +25,13 @@ struct Timeouts {
     /// A reconnection, for which nobody waits, ends when nothing of what it needs has come for this long.
     Span reconnect{5000};
 
-    /// An idle agent is pinged this often; one that sent nothing since the last ping is lost. A link that has passed
-    /// the first of these checks is stable: only then do the pauses between reconnections start over.
+    /// An idle agent is pinged this often; one that sent nothing since the last ping is lost.
     Span keepAlive{10000};
+
+    /// A link that has been up for this long and has given a sign of life is stable: only then do the pauses between
+    /// reconnections start over. An agent that breaks right after the handshake is reconnected to ever more seldom; one
+    /// that is restarted now and then is not made to wait. Shorter than keepAlive.
+    Span stable{2000};
 
     /// First pause before a reconnection, and the longest.
     Span backoffFirst{100};

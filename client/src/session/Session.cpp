@@ -24,6 +24,7 @@ Session::Session(std::shared_ptr<Loop> loop, boost::intrusive_ptr<KXLEnvCache> c
     : loop_(std::move(loop)),
       cache_(std::move(cache)),
       patience_(loop_->timeouts().synchronous, loop_->timeouts().silence),
+      eventBackoff_(loop_->timeouts().backoffFirst, loop_->timeouts().backoffLongest, std::random_device()()),
       timer_(loop_->context()),
       backoff_(loop_->timeouts().backoffFirst, loop_->timeouts().backoffLongest, std::random_device()()) {}
 

@@ -142,7 +142,9 @@ private:
     void stopTimer();
     void limitReconnection();
     void askForSignOfLife();
+    void checkStability();
     void checkKeepAlive();
+    void becomeStable();
     void setTimer(std::chrono::milliseconds delay, void (Session::*then)());
     void deadlinePassed() { fail(KXL_ERROR_TIMEOUT); }
 
@@ -166,7 +168,9 @@ private:
     void stopMonitor(std::uint64_t number);
     void takeSample(wire::CounterSample sample);
     void takeLateSample(const wire::CounterSample& sample);
+    void logTooLarge();
 
+    void noteEventFailure();
     void tellEventFailure(const std::shared_ptr<EventLink>& link);
     std::vector<std::shared_ptr<EventLink>> takeEventLinks();
 
@@ -205,6 +209,9 @@ private:
     std::string lastLogged_;
 
     std::vector<std::weak_ptr<EventLink>> eventLinks_;
+    Clock::time_point nextEventLink_;  ///< no event connection is made before
+    ReconnectBackoff eventBackoff_;
+
     std::map<std::uint64_t, Answered> questions_;  ///< by the number of the request
     std::uint64_t lastRequest_ = 0;
     Monitors monitors_{[this](std::function<void()> delivery) { deliver(std::move(delivery)); }};

@@ -1,5 +1,6 @@
 // The part of a session that is about performance counters: monitors and one-shot queries.
 #include "client/src/session/Session.h"
+#include "client/src/values/Limits.h"
 
 namespace kx::client {
 
@@ -89,9 +90,15 @@ void Session::stopMonitor(std::uint64_t number) {
 
 void Session::takeSample(wire::CounterSample sample) {
     const std::uint64_t number = sample.monitor();
+    if (!monitors_.has(number)) {
+        return;  // of one that was stopped meanwhile
+    }
     switch (samples_.take(number, sample)) {
-        case SampleAssembler::Outcome::TooLarge:
+        case SampleAssembler::Outcome::Endless:
             protocolError("a report of counters in too many frames");
+            return;
+        case SampleAssembler::Outcome::TooLarge:
+            logTooLarge();
             return;
         case SampleAssembler::Outcome::Pending:
             return;
@@ -105,6 +112,11 @@ void Session::takeSample(wire::CounterSample sample) {
         return;
     }
     monitors_.report(number, data);
+}
+
+void Session::logTooLarge() {
+    logOnChange("a report of counters that would take more than " + std::to_string(kMaxReportBytes / kMebibyte) +
+                " MiB is ignored");
 }
 
 void Session::takeLateSample(const wire::CounterSample& sample) {

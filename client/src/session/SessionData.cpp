@@ -2,14 +2,30 @@
 #include "client/src/cache/EnvDecoder.h"
 #include "client/src/session/Session.h"
 #include "client/src/transport/Handshake.h"
+#include "client/src/values/Limits.h"
 
 namespace kx::client {
+
+namespace {
+
+std::size_t countParameters(const wire::VocabularySet& set) {
+    std::size_t count = 0;
+    for (const wire::Vocabulary& vocabulary : set.vocabularies()) {
+        count += 1 + static_cast<std::size_t>(vocabulary.parameters_size());
+        for (const wire::Category& category : vocabulary.categories()) {
+            count += 1 + static_cast<std::size_t>(category.parameters_size());
+        }
+    }
+    return count;
+}
+
+}  // namespace
 
 // ---- connecting and shaking hands -----------------------------------------------------------------------------
 
 void Session::connect() {
     phase_ = Phase::Connecting;
-    feed_ = EnvFeed();
+    feed_ = EnvFeed(cache_->store().current());
     haveSnapshot_ = false;
     haveVocabularies_ = false;
     const auto transport = findTransport(info_.connectivity.getType());
@@ -166,6 +182,10 @@ void Session::handleEnvironments(EnvFeed::Outcome outcome) {
 }
 
 void Session::handleVocabularies(const wire::VocabularySet& set) {
+    if (set.ByteSizeLong() > kMaxVocabularyBytes || countParameters(set) > kMaxParameters) {
+        protocolError("vocabularies that are too large");
+        return;
+    }
     if (phase_ == Phase::Up) {
         vocabularies_.replace(set);
         return;
@@ -214,6 +234,7 @@ void Session::goUp() {
     phase_ = Phase::Up;
     isUp_ = true;
     askForSignOfLife();
+    setTimer(loop_->timeouts().stable, &Session::checkStability);
 }
 
 }  // namespace kx::client

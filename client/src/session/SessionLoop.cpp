@@ -1,4 +1,6 @@
 // The loop-thread half of a session: beginning, failing, trying again, and the end.
+#include <malloc.h>
+
 #include "client/src/session/Session.h"
 #include "client/src/values/Deliveries.h"
 #include "client/src/values/Log.h"
@@ -120,11 +122,14 @@ void Session::closeConnection() {
         boost::system::error_code ignored;
         socket->close(ignored);
     }
-    if (const auto connection = std::exchange(connection_, nullptr)) {
-        connection->close();
-    }
+    const auto connection = std::exchange(connection_, nullptr);
     dropQuestions();
+    feed_ = EnvFeed();  // a list that is not complete may be large
     newVocabularies_.Clear();
+    if (connection) {
+        connection->close();
+        malloc_trim(0);
+    }
     peer_.reset();
     if (handlerContext_) {
         handlerContext_->setConnection(nullptr);
@@ -192,7 +197,13 @@ void Session::askForSignOfLife() {
     wire::Frame frame;
     frame.mutable_ping();
     connection_->send(frame);
-    setTimer(loop_->timeouts().keepAlive, &Session::checkKeepAlive);
+}
+
+void Session::checkStability() {
+    if (heardSinceCheck_) {
+        becomeStable();
+    }
+    setTimer(loop_->timeouts().keepAlive - loop_->timeouts().stable, &Session::checkKeepAlive);
 }
 
 void Session::checkKeepAlive() {
@@ -200,11 +211,16 @@ void Session::checkKeepAlive() {
         fail(KXL_ERROR_TIMEOUT);
         return;
     }
-    // Not as soon as it was up: an agent that fails right after the handshake would be reconnected to, and logged, ten
-    // times a second.
+    becomeStable();
+    askForSignOfLife();
+    setTimer(loop_->timeouts().keepAlive, &Session::checkKeepAlive);
+}
+
+// Not as soon as it is up: an agent that breaks right after the handshake would be reconnected to, and logged, ten
+// times a second.
+void Session::becomeStable() {
     backoff_.reset();
     lastLogged_.clear();
-    askForSignOfLife();
 }
 
 // ---- the peer's errors ------------------------------------------------------------------------------------------

@@ -1,5 +1,8 @@
 // The loop-thread half of a session: requests and their answers, and its event connections.
+#include <algorithm>
+
 #include "client/src/session/Session.h"
+#include "client/src/values/Limits.h"
 
 namespace kx::client {
 
@@ -10,6 +13,14 @@ std::uint64_t Session::ask(wire::Frame request, Answered answered) {
     request.set_request_id(number);
     questions_[number] = std::move(answered);
     connection_->send(request);
+    if (questions_.size() == kMaxQuestions + 1) {
+        // Not in here: who asks goes on with a link that is up.
+        loop_->post([self = shared_from_this(), connection = connection_] {
+            if (self->connection_ == connection) {
+                self->protocolError(std::to_string(kMaxQuestions) + " requests without an answer");
+            }
+        });
+    }
     return number;
 }
 
@@ -31,6 +42,11 @@ bool Session::handleAnswer(const wire::Frame& frame) {
         case SampleAssembler::Outcome::Pending:
             break;
         case SampleAssembler::Outcome::TooLarge:
+            logTooLarge();
+            whole.mutable_refusal();
+            answer(number, whole);
+            break;
+        case SampleAssembler::Outcome::Endless:
             protocolError("an answer with counters in too many frames");
             break;
     }
@@ -61,12 +77,26 @@ void Session::beginEventLink(const std::shared_ptr<EventLink>& link, const std::
         return;
     }
     eventLinks_.push_back(link);
-    link->connect(info ? *info : info_.connectivity);
+    const auto pause = std::chrono::duration_cast<std::chrono::milliseconds>(nextEventLink_ - Clock::now());
+    link->connect(info ? *info : info_.connectivity, std::max(pause, pause.zero()));
+}
+
+// Whoever subscribes again does so at once, and at first again and again: connections that fail one after the other are
+// damped here. One that fails after a while is replaced without a pause.
+void Session::noteEventFailure() {
+    const auto now = Clock::now();
+    if (now - nextEventLink_ > loop_->timeouts().stable) {
+        eventBackoff_.reset();
+        nextEventLink_ = now;
+    } else {
+        nextEventLink_ = now + eventBackoff_.next();
+    }
 }
 
 // An agent that goes away closes all its connections, in no particular order as seen from here. Whoever relies on both
 // must hear of the link's loss first. A sign of life on the link shows that only the event connection was lost.
 void Session::eventLinkFailed(const std::shared_ptr<EventLink>& link) {
+    noteEventFailure();
     if (phase_ != Phase::Up) {
         tellEventFailure(link);
         return;

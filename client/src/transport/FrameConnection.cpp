@@ -1,7 +1,13 @@
 #include "client/src/transport/FrameConnection.h"
 
+#include <malloc.h>
+
 #include <boost/asio/buffer.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/write.hpp>
+
+#include "client/src/values/Limits.h"
+#include "wire/FrameCost.h"
 
 namespace kx::client {
 
@@ -15,6 +21,7 @@ void FrameConnection::start() {
 void FrameConnection::resume() {
     paused_ = false;
     handleFrames();
+    returnMemory();
     readOn();
 }
 
@@ -49,7 +56,18 @@ void FrameConnection::received(boost::system::error_code error, std::size_t size
     }
     reader_.append(std::string_view(buffer_.data(), size));
     handleFrames();
+    returnMemory();
     readOn();
+}
+
+// The allocator keeps what the loop thread frees for that thread alone.
+void FrameConnection::returnMemory() {
+    if (paused_ || (open_ && handledBytes_ < kTrimBytes)) {
+        return;
+    }
+    handledBytes_ = 0;
+    reader_.append({});  // lets go of what was read
+    malloc_trim(0);
 }
 
 void FrameConnection::handleFrames() {
@@ -70,8 +88,14 @@ void FrameConnection::handleFrames() {
 }
 
 bool FrameConnection::handlePayload(std::string_view payload) {
+    handledBytes_ += payload.size();
     const auto listener = listener_.lock();
     if (listener && listener->payloadReceived(*this, payload)) {
+        return true;
+    }
+    if (wire::decodedBytes(payload) > kMaxDecodedFrameBytes) {
+        malformed("a frame of " + std::to_string(payload.size()) + " bytes that would take more than " +
+                  std::to_string(kMaxDecodedFrameBytes / kMebibyte) + " MiB decoded");
         return true;
     }
     wire::Frame frame;
@@ -86,13 +110,27 @@ bool FrameConnection::handlePayload(std::string_view payload) {
 
 void FrameConnection::send(const wire::Frame& frame) {
     auto bytes = wire::encodeFrame(frame);
-    if (!open_ || !bytes) {
+    if (!open_ || !bytes || !makeRoom(bytes->size() + kUnsentFrameBytes)) {
         return;
     }
     unsent_.push_back(std::move(*bytes));
     if (unsent_.size() == 1) {
         write();
     }
+}
+
+bool FrameConnection::makeRoom(std::size_t bytes) {
+    const bool wasFull = unsentBytes_ > kMaxUnsentBytes;
+    unsentBytes_ += bytes;
+    const bool isFull = unsentBytes_ > kMaxUnsentBytes && !unsent_.empty();
+    if (isFull && !wasFull) {
+        boost::asio::post(socket_->get_executor(), [self = shared_from_this()] {
+            if (self->open_) {
+                self->malformed("it does not read what it is sent");
+            }
+        });
+    }
+    return !isFull;
 }
 
 void FrameConnection::write() {
@@ -103,6 +141,7 @@ void FrameConnection::write() {
                                      // way, after what it still sent: perhaps why it closed.
                                      return;
                                  }
+                                 self->unsentBytes_ -= self->unsent_.front().size() + kUnsentFrameBytes;
                                  self->unsent_.pop_front();
                                  if (!self->unsent_.empty()) {
                                      self->write();

@@ -45,7 +45,8 @@ public:
     /// @brief Passes on what pause() held back and reads on. Not to be called by a listener's callback.
     void resume();
 
-    /// @brief Queues a frame. A failure to write shows as the end of the connection.
+    /// @brief Queues a frame. A failure to write shows as the end of the connection, and so does a peer that does not
+    /// read: its listener is called later, never in here.
     void send(const wire::Frame& frame);
 
     /// @brief Closes the socket. The listener is not called any more.
@@ -58,6 +59,8 @@ private:
     void handleFrames();
     bool handlePayload(std::string_view payload);
     void write();
+    bool makeRoom(std::size_t bytes);
+    void returnMemory();
     void end();
     void malformed(const std::string& reason);
 
@@ -69,6 +72,8 @@ private:
     wire::FrameReader reader_;
     std::array<char, std::size_t{64} * 1024> buffer_{};
     std::deque<std::string> unsent_;  ///< the first one is being written
+    std::size_t unsentBytes_ = 0;
+    std::size_t handledBytes_ = 0;  ///< since memory was returned
 };
 
 }  // namespace kx::client

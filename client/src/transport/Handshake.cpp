@@ -7,6 +7,7 @@ namespace kx::client {
 wire::Frame helloFrame() {
     wire::Frame frame;
     *frame.mutable_hello() = wire::makeHello(program_invocation_short_name);
+    frame.mutable_hello()->add_capabilities(std::string(wire::kCapabilityDeparted));
     return frame;
 }
 

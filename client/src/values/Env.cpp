@@ -1,6 +1,21 @@
 #include <kxl/KXLEnv.h>
 
 #include "client/src/values/EnvRecord.h"
+#include "client/src/values/Limits.h"
+
+namespace kx::client {
+
+bool EnvRecord::equals(const EnvRecord& other) const {
+    return eid == other.eid && type == other.type && status.state == other.status.state &&
+           status.transition == other.status.transition && veid == other.veid && core->equals(*other.core) &&
+           details == other.details;
+}
+
+std::size_t EnvRecord::bytes() const {
+    return kEnvironmentBytes + type.size() + details.size() + core->size();
+}
+
+}  // namespace kx::client
 
 KXLEnv::KXLEnv(boost::intrusive_ptr<const kx::client::EnvRecord> record)
     : record_(std::move(record)), config_(record_) {}

@@ -7,6 +7,7 @@
 #include <limits>
 #include <random>
 
+#include "client/src/values/Limits.h"
 #include "tests/support/CounterScripts.h"
 
 namespace kx::test {
@@ -351,8 +352,51 @@ TEST(SampleAssembler, TakesAThousandFramesAndNotOneMore) {
         wire::CounterSample last = partOf({}, tooMany);
         ASSERT_EQ(assembler.take(1, last), tooMany ? Outcome::Pending : Outcome::Complete);
         wire::CounterSample surplus = partOf({}, false);
-        EXPECT_EQ(assembler.take(1, surplus), tooMany ? Outcome::TooLarge : Outcome::Complete);
+        EXPECT_EQ(assembler.take(1, surplus), tooMany ? Outcome::Endless : Outcome::Complete);
         EXPECT_EQ(last.groups_size(), tooMany ? 0 : kMostFrames - 1);
+    }
+}
+
+/// A group whose rows take `bytes` once decoded, or a little more.
+wire::CounterGroup groupOfBytes(std::size_t bytes) {
+    wire::CounterGroup group;
+    for (std::size_t row = 0; row <= bytes / client::kReportRowBytes; ++row) {
+        group.mutable_eids()->append(kWeb.eid());
+        group.add_instances("");
+    }
+    return group;
+}
+
+TEST(SampleAssembler, DropsAReportThatTakesTooMuchAndKeepsNothingOfIt) {
+    SampleAssembler assembler;
+    for (int round = 0; round < 2; ++round) {
+        for (int i = 0; i < 20; ++i) {
+            wire::CounterSample part = partOf({groupOfBytes(client::kMaxReportBytes / 8)}, true);
+            ASSERT_EQ(assembler.take(1, part), Outcome::Pending);
+        }
+        wire::CounterSample last = partOf({}, false);
+        EXPECT_EQ(assembler.take(1, last), Outcome::TooLarge);
+        wire::CounterSample next = partOf({goodGroup()}, true);
+        EXPECT_EQ(assembler.take(1, next), Outcome::Pending) << "the next one is as good as any";
+        EXPECT_EQ(assembler.take(1, last), Outcome::Complete);
+    }
+}
+
+TEST(SampleAssembler, DropsAReportInOneFrameThatTakesTooMuch) {
+    SampleAssembler assembler;
+    wire::CounterSample single = partOf({groupOfBytes(client::kMaxReportBytes)}, false);
+    EXPECT_EQ(assembler.take(1, single), Outcome::TooLarge);
+}
+
+TEST(SampleAssembler, CountsAllReportsThatComeAtTheSameTime) {
+    SampleAssembler assembler;
+    for (std::uint64_t key = 1; key <= 3; ++key) {
+        wire::CounterSample part = partOf({groupOfBytes(client::kMaxReportBytes * 2 / 5)}, true);
+        ASSERT_EQ(assembler.take(key, part), Outcome::Pending);
+    }
+    for (std::uint64_t key = 1; key <= 3; ++key) {
+        wire::CounterSample last = partOf({}, false);
+        EXPECT_EQ(assembler.take(key, last), key == 3 ? Outcome::TooLarge : Outcome::Complete);
     }
 }
 

@@ -174,6 +174,20 @@ TEST_F(CounterQuery, EndsTheLinkOverAnAnswerWithoutEnd) {
     EXPECT_THAT(LogCollector::lines(), SizeIs(1));
 }
 
+TEST_F(CounterQuery, IsRefusedWhereTheAnswerIsTooLargeAndTheLinkGoesOn) {
+    bringUp();
+    auto group = groupOf(kNet, {}, {});
+    for (int row = 0; row < 100'000; ++row) {
+        group.mutable_eids()->append(kWeb.eid());
+        group.add_instances("");
+    }
+    agent.answerQueriesWith({group});
+    EXPECT_EQ(query(), KXL_ERROR_REFUSED);
+    EXPECT_THAT(LogCollector::lines(), SizeIs(1));
+    EXPECT_TRUE(settle());
+    EXPECT_THAT(journal.calls(), IsEmpty());
+}
+
 // ---- no answer ------------------------------------------------------------------------------------------------------
 
 TEST_F(CounterQuery, GivesASilentAgentItsHalfSecondAndThoseThatFollowNothing) {

@@ -131,8 +131,7 @@ TEST_F(EventConnections, CloseWhenTheLastHandlerIsUnsubscribed) {
         closed.set_value();
     }));
     ASSERT_EQ(bringUp(agent.path()), 0);
-    const ConnectionPtr connection = open();
-    ASSERT_EQ(subscribe(connection, first), 0);
+    const ConnectionPtr connection = openWith({first});
     EXPECT_TRUE(eventually([&] { return journal.has("first subscribed"); }));
     EXPECT_EQ(connection->unsubscribe(KXLEvent::subscriptionName, first), 0);
     EXPECT_EQ(closed.get_future().wait_for(kPatience), std::future_status::ready);
@@ -166,8 +165,7 @@ TEST_F(EventConnections, CloseWithTheirLastReferenceAndTellNobody) {
         closed.set_value();
     }));
     ASSERT_EQ(bringUp(agent.path()), 0);
-    ConnectionPtr connection = open();
-    ASSERT_EQ(subscribe(connection, first), 0);
+    ConnectionPtr connection = openWith({first});
     EXPECT_TRUE(eventually([&] { return journal.has("first subscribed"); }));
     connection.reset();
     EXPECT_EQ(closed.get_future().wait_for(kPatience), std::future_status::ready);
@@ -178,8 +176,7 @@ TEST_F(EventConnections, CloseWithTheirLastReferenceAndTellNobody) {
 TEST_F(EventConnections, AreDroppedInSilenceWhenTheLoopStops) {
     const ScriptedAgent agent(agentWith(sending({})));
     ASSERT_EQ(bringUp(agent.path()), 0);
-    const ConnectionPtr connection = open();
-    ASSERT_EQ(subscribe(connection, first), 0);
+    const ConnectionPtr connection = openWith({first});
     EXPECT_TRUE(eventually([&] { return journal.has("first subscribed"); }));
     loop->stop();
     EXPECT_EQ(journal.calls(), (Calls{"link up", "first subscribed"}));

@@ -262,5 +262,36 @@ TEST_F(EventConnections, ThatTheLinksHandlerUnsubscribesAreNotToldOfTheLoss) {
     loop->stop();  // before what the handler refers to goes
 }
 
+// ---- pauses ---------------------------------------------------------------------------------------------------------
+
+/// Subscribes anew as soon as it fails, as the daemon's subscriber does during the first second.
+class PersistentHandler : public KXLTaskHandlerPrototype {
+public:
+    explicit PersistentHandler(std::function<ConnectionPtr()> opens) : opens_(std::move(opens)) {}
+
+    void handleMessage(KXLMessageTaskPrototype&) override {}
+    void handleFailure() override {
+        connection_ = opens_();
+        if (connection_) {
+            connection_->subscribe(KXLEvent::subscriptionName, this);
+        }
+    }
+
+private:
+    const std::function<ConnectionPtr()> opens_;
+    ConnectionPtr connection_;
+};
+
+TEST_F(EventConnections, ThatFailOneAfterTheOtherAreMadeEverMoreSeldom) {
+    const ScriptedAgent agent(agentWith([](PeerSocket&) {}));
+    ASSERT_EQ(bringUp(agent.path()), 0);
+    const boost::intrusive_ptr<PersistentHandler> persistent(new PersistentHandler([this] { return open(); }));
+    loop->loop()->post([&] { persistent->handleFailure(); });
+    // The link; two at once; and then one after each pause of 100, 200 and 400 ms, a quarter less at most.
+    EXPECT_FALSE(eventually([&] { return agent.connections() > 6; }, std::chrono::milliseconds(700)));
+    EXPECT_GE(agent.connections(), 3) << "the first failure is not waited for";
+    loop->stop();  // before what the handler refers to goes
+}
+
 }  // namespace
 }  // namespace kx::test
