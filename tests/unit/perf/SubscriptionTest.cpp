@@ -194,6 +194,18 @@ TEST_F(Subscriptions, AddAnAnswersIncreasesToThoseOfTheReportsThatFollow) {
     EXPECT_EQ(read(), (Readings{{101, {{"1", {{"bytes_in", 8}}}}}}));
 }
 
+TEST_F(Subscriptions, KeepTheTypeOfACounterThatAnAnswerHadBeforeAnyVocabulary) {
+    agent().answerQueriesWith({groupOf(kNet, {"q1"}, {rowOf(kWeb, "1", {5})})});
+    read(kNet);
+    agent().setVocabulary(vocabularyOf({{kQuota, {{"q1", 2}}}}));
+    ASSERT_TRUE(settle());
+    read(kQuota);
+    for (int i = 0; i < 2; ++i) {
+        report({groupOf(kQuota, {"q1"}, {rowOf(kWeb, "", {7})})});
+    }
+    EXPECT_EQ(read(kQuota), (Readings{{101, {{"", {{"q1", 7}}}}}})) << "replaced, not added up";
+}
+
 TEST_F(Subscriptions, OfAnAnswerWithoutTheClassThatWasAskedForGiveNothingOfIt) {
     agent().answerQueriesWith({groupOf(kQuota, {"q1"}, {rowOf(kWeb, "", {9})})});
     EXPECT_EQ(read(kNet), Readings());
