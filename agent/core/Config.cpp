@@ -4,10 +4,12 @@
 #include <sys/un.h>
 
 #include <toml++/toml.h>
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <filesystem>
 #include <functional>
+#include <sstream>
 
 #include "agent/base/File.h"
 #include "agent/base/TomlGuard.h"
@@ -179,8 +181,23 @@ private:
 
 }  // namespace
 
-Config parseConfig(std::string_view text, const std::string& fileName) {
-    Config config;
+std::string systemLxcPath(const std::string& file) {
+    std::string problem;
+    std::istringstream lines(readRegularFile(file, kMaxConfigBytes, problem).value_or(std::string()));
+    std::string path = Config().lxcPath;
+    for (std::string line; std::getline(lines, line);) {
+        std::replace(line.begin(), line.end(), '=', ' ');
+        std::istringstream words(line);
+        std::string key;
+        std::string value;
+        if (words >> key >> value && key == "lxc.lxcpath" && value.front() == '/') {
+            path = value;
+        }
+    }
+    return path;
+}
+
+Config parseConfig(std::string_view text, const std::string& fileName, Config config) {
     Reader reader(fileName, config);
     if (const auto fault = findUnparsable(text)) {
         throw ConfigError(fmt::format("{}:{}:{}: {}", fileName, fault->line, fault->column, fault->message));
@@ -194,17 +211,19 @@ Config parseConfig(std::string_view text, const std::string& fileName) {
 }
 
 Config loadConfig(const std::string& path, bool mustExist) {
+    Config defaults;
+    defaults.lxcPath = systemLxcPath();
     std::error_code error;
     if (!mustExist && !std::filesystem::exists(std::filesystem::symlink_status(path, error)) &&
         (!error || error == std::errc::no_such_file_or_directory)) {
-        return {};
+        return defaults;
     }
     std::string problem;
     const auto text = readRegularFile(path, kMaxConfigBytes, problem);
     if (!text) {
         throw ConfigError(problem);
     }
-    return parseConfig(*text, path);
+    return parseConfig(*text, path, defaults);
 }
 
 }  // namespace kx::agent

@@ -23,7 +23,7 @@ struct Config {
     std::string socket = "/var/opt/orma/agent/agent.sock";  ///< the path that clients have built in
     std::string stateDirectory = "/var/lib/kxagent";
     BackendKind backend = BackendKind::Auto;
-    std::string lxcPath = "/var/lib/lxc";
+    std::string lxcPath = "/var/lib/lxc";  ///< loadConfig()'s default is systemLxcPath()
     std::string inventory = "/etc/kxagent/inventory.toml";
     double periodScale = 1.0;  ///< a requested reporting period is multiplied by this; above 0, at most 1000
     AlertLimits alerts;
@@ -41,8 +41,14 @@ public:
 /// would leave its default in force.
 /// @param text TOML
 /// @param fileName as it is named in errors
+/// @param config what holds where the text sets nothing
 /// @throws ConfigError "FILE:LINE:COL: what is wrong"
-Config parseConfig(std::string_view text, const std::string& fileName);
+Config parseConfig(std::string_view text, const std::string& fileName, Config config = {});
+
+/// @brief Where LXC's own tools look for containers.
+/// @param file LXC's system-wide configuration (lxc.system.conf(5))
+/// @return its `lxc.lxcpath`; "/var/lib/lxc" where it has none that is an absolute path, or cannot be read
+std::string systemLxcPath(const std::string& file = "/etc/lxc/lxc.conf");
 
 /// @brief Reads the configuration.
 /// @param path the file

@@ -1,5 +1,6 @@
 #include "agent/backends/lxc/OsRelease.h"
 
+#include <algorithm>
 #include <string>
 
 namespace kx::agent::lxc {
@@ -31,6 +32,12 @@ std::string unquoted(std::string_view value) {
         }
         result += value[i];
     }
+    // It is cut between characters.
+    std::size_t end = std::min(result.size(), kMaxOsValueBytes);
+    while (end < result.size() && end > 0 && (static_cast<unsigned char>(result[end]) & 0xc0U) == 0x80U) {
+        --end;
+    }
+    result.resize(end);
     return result;
 }
 

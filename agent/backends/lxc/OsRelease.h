@@ -14,6 +14,9 @@ namespace kx::agent::lxc {
 /// Longest os-release read; real ones have less than 1 KiB.
 inline constexpr std::size_t kMaxOsReleaseBytes = std::size_t{64} * 1024;
 
+/// Longest value published; a longer one is cut.
+inline constexpr std::size_t kMaxOsValueBytes = 255;
+
 /// @brief Takes ID and VERSION_ID out of an os-release text (os-release(5): shell-like assignments, values bare or
 /// in single or double quotes, the last assignment counts, lines that make no sense are passed over).
 /// @return nothing when there is no ID or it is empty; a missing VERSION_ID (a rolling release) gives an empty version

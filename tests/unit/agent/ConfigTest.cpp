@@ -37,6 +37,15 @@ TEST(Config, AnEmptyFileMeansTheDefaults) {
     EXPECT_EQ(config.alerts.burst, 100U);
 }
 
+TEST(Config, ContainersAreLookedForWhereLxcItselfDoes) {
+    const test::TemporaryFolder folder;
+    EXPECT_EQ(systemLxcPath(folder / "none"), "/var/lib/lxc");
+    folder.write("lxc.conf", "# lxc.lxcpath = /no\nlxc.bdev.lvm.vg = x\nlxc.lxcpath=/srv/lxc\n");
+    EXPECT_EQ(systemLxcPath(folder / "lxc.conf"), "/srv/lxc");
+    folder.write("lxc.conf", "  lxc.lxcpath =  /mnt/lxc\nlxc.lxcpath = relative\nlxc.lxcpath\n");
+    EXPECT_EQ(systemLxcPath(folder / "lxc.conf"), "/mnt/lxc");
+}
+
 TEST(Config, EverySettingIsTaken) {
     const Config config = parseConfig(
         "socket = '/run/a.sock'\nstate_directory = '/run/state'\nbackend = 'simulated'\n"
@@ -122,8 +131,10 @@ TEST(Config, TextThatIsNotTomlIsNamedWithItsPlace) {
 
 TEST(ConfigFile, AMissingFileMeansTheDefaultsUnlessItWasAskedFor) {
     const test::TemporaryFolder folder;
-    EXPECT_EQ(loadConfig(folder / "none.toml", false), Config());
-    EXPECT_EQ(loadConfig(folder / "none/none.toml", false), Config());
+    Config defaults;
+    defaults.lxcPath = systemLxcPath();
+    EXPECT_EQ(loadConfig(folder / "none.toml", false), defaults);
+    EXPECT_EQ(loadConfig(folder / "none/none.toml", false), defaults);
     EXPECT_THROW(loadConfig(folder / "none.toml", true), ConfigError);
 }
 

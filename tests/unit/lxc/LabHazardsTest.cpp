@@ -161,6 +161,25 @@ TEST_F(LabHazardsTest, aContainerWithItsCgroupsElsewhereIsSeenToo) {
         host_.run({"sh", "-c", "find /sys/fs/cgroup -depth -type d -path '*/" + place + "*' -exec rmdir {} +"}));
 }
 
+// Its root belongs to other users, and its monitor has given up its rights over the host.
+TEST_F(LabHazardsTest, anUnprivilegedContainerIsSeenLikeAnyOther) {
+    make("web");
+    ASSERT_TRUE(host_.run({"chown", "-hR", "100000:100000", "/var/lib/lxc/web/rootfs"}));
+    writeFile("/var/lib/lxc/web/config", "lxc.idmap = u 0 100000 65536\nlxc.idmap = g 0 100000 65536\n", true);
+    host_.start();
+    ASSERT_TRUE(host_.waitUntil([&] { return host_.is("web", State::Stopped); }));
+    EXPECT_EQ(host_.find("web")->osTemplate, (Template{"busyboxlab", "1.35"}));
+    Command start(lab({"start", "web"}));
+    ASSERT_TRUE(host_.waitUntil([&] { return start.ended(); }, kNoticed * 10));
+    ASSERT_EQ(start.status(), 0);
+    ASSERT_TRUE(host_.waitUntil([&] { return host_.is("web", State::Running); }));
+    EXPECT_THAT(host_.find("web")->addresses, Optional(ElementsAre(Address{"10.77.1.2", "255.255.0.0"})));
+    EXPECT_EQ(host_.find("web")->osTemplate, (Template{"busyboxlab", "1.35"}));
+    host_.act({"freeze", "web"}, [&] { return host_.is("web", State::Frozen); });
+    host_.act({"unfreeze", "web"}, [&] { return host_.is("web", State::Running); });
+    host_.act({"stop", "web"}, [&] { return host_.is("web", State::Stopped); });
+}
+
 TEST_F(LabHazardsTest, theOsOfARootThatIsNoFolderIsReadWhileItRuns) {
     make("web");
     std::filesystem::create_directories("/var/lib/lxc/web/upper");

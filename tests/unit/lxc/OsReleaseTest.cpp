@@ -24,6 +24,13 @@ TEST(ParseOsReleaseTest, undoesEscapesAsAShellDoes) {
     EXPECT_EQ(parseOsRelease("ID=\"a\\\"b\\\\c\\$\"\nVERSION_ID='a\\b'"), os("a\"b\\c$", "a\\b"));
 }
 
+TEST(ParseOsReleaseTest, cutsLongValuesBetweenCharacters) {
+    const std::string most(255, 'x');
+    EXPECT_EQ(parseOsRelease("ID=" + most + "y\nVERSION_ID=\"" + most + "\"\n"), os(most.c_str(), most.c_str()));
+    const std::string wide = std::string(254, 'x') + "\xc3\xa4";
+    EXPECT_EQ(parseOsRelease("ID=" + wide), os(std::string(254, 'x').c_str(), ""));
+}
+
 TEST(ParseOsReleaseTest, passesOverCommentsBlanksAndNonsense) {
     EXPECT_EQ(parseOsRelease("\n# ID=no\nnonsense\n  ID=alpine  \r\nID_LIKE=other\n=\nXVERSION_ID=9\n"),
               os("alpine", ""));
