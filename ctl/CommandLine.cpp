@@ -120,8 +120,9 @@ void addEvents(CLI::App& app, Selection& selection) {
         "has no number, or \"host\"), severity or state, value, text.\n"
         "\n"
         "Follows until it is interrupted or --count events were shown, and connects again when the agent was away.\n"
-        "Events from before the subscription, or while it is not connected, are not shown; the state of the\n"
-        "subscription is reported on standard error.\n"
+        "Events from before the subscription are shown with --since, as far back as the agent still has them; those "
+        "while\n"
+        "it is not connected are not. The state of the subscription is reported on standard error.\n"
         "\n"
         "Keys of --filter: kind (alert, change), severity (clear, warning, critical), change (added, modified, "
         "removed),\n"
@@ -129,6 +130,8 @@ void addEvents(CLI::App& app, Selection& selection) {
         "Values of\n"
         "the same key are alternatives.",
         runEvents);
+    addOptional(*command, "--since", typed->since, "TIME",
+                "Shows events from then on first: 10m, 2h, 23:05, \"2026-11-21 23:05\"");
     command->add_option("--filter", typed->filter, "Shows only matching events; may be repeated")
         ->option_text("KEY=VALUE")
         ->type_size(1)

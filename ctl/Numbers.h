@@ -1,7 +1,8 @@
-// Numbers, and words of a fixed set, on the command line. Free functions, any thread.
+// Numbers, times, and words of a fixed set, on the command line. Free functions, any thread.
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,6 +16,13 @@ std::int64_t readNumber(std::string_view option, std::string_view text, std::int
 
 /// @brief The same for a number that may have a fraction.
 double readDecimal(std::string_view option, std::string_view text, double from, double to);
+
+/// @brief Reads a time that is past: how long ago ("90s", "10m", "2h", "1d"), or a local time ("2026-11-21 23:05",
+/// with ":30" or without; "23:05", of today).
+/// @param now in seconds since 1970-01-01 UTC
+/// @return likewise, from 1 to now
+/// @throws Failure of wrong usage when it is none
+std::uint64_t readSince(std::string_view option, const std::string& text, std::time_t now);
 
 /// @brief Reads one of several words.
 /// @return its place among them

@@ -25,9 +25,13 @@ void EventPublisher::subscribe(Connection& from, const wire::EventSubscribe& req
     const auto* const other =
         id.name.empty() ? nullptr : find([&](const ConsumerId& each) { return each.name == id.name; });
     if (other != nullptr) {
-        log::warning(fmt::format("{} and {} are both subscribed as \"{}\": every alert is reported twice until one of "
-                                 "them is stopped",
-                                 other->first->peer().describe(), from.peer().describe(), id.name));
+        log::warning(
+            fmt::format("{} and {} are both subscribed as \"{}\": every alert is reported twice until one of "
+                        "them is stopped",
+                        other->first->peer().describe(), from.peer().describe(), id.name));
+    }
+    if (id.name.empty() && request.since_ms() != 0) {
+        from.sendTogether(history_.since(request.since_ms()));
     }
     attach(*streams_.emplace(&from, std::make_unique<EventStream>(from, host_, id)).first->second);
 }
@@ -83,8 +87,8 @@ void EventPublisher::forget(Connection& connection) {
         return;
     }
     if (const auto* const other = find([&](const ConsumerId& each) { return each.name == id.name; })) {
-        log::info(fmt::format("{}, subscribed as \"{}\", has gone; {} is still subscribed", connection.peer().describe(),
-                              id.name, other->first->peer().describe()));
+        log::info(fmt::format("{}, subscribed as \"{}\", has gone; {} is still subscribed",
+                              connection.peer().describe(), id.name, other->first->peer().describe()));
     }
     auto* const heir = find([&](const ConsumerId& each) { return each == id; });
     if (heir != nullptr && heir->second->consumer() == nullptr) {
@@ -102,9 +106,8 @@ void EventPublisher::publish(const std::vector<Alert>& alerts) {
             consumers_->add(dated.back());
         }
     }
-    const bool isWanted = std::any_of(streams_.begin(), streams_.end(),
-                                      [](const auto& entry) { return entry.second->consumer() == nullptr; });
-    const auto frames = isWanted ? encodeEvents(dated) : std::vector<FrameBody>();
+    const auto frames = encodeEvents(dated);
+    history_.add(frames, now);
     for (auto& [connection, stream] : streams_) {
         stream->publish(dated, frames);
     }
@@ -114,11 +117,12 @@ void EventPublisher::publish(const std::vector<Alert>& alerts) {
 }
 
 void EventPublisher::publish(const std::vector<EnvironmentChange>& changes) {
-    if (streams_.empty() || changes.empty()) {
+    if (changes.empty()) {
         return;
     }
     const WallTime now = clock_();
     const auto frames = encodeEvents(changes, now);
+    history_.add(frames, now);
     for (auto& [connection, stream] : streams_) {
         stream->publish(changes, frames, now);
     }

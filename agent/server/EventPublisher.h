@@ -9,6 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "agent/server/EventHistory.h"
 #include "agent/server/EventStream.h"
 #include "kxwire.pb.h"
 
@@ -42,8 +43,6 @@ public:
     void publish(const std::vector<Alert>& alerts);
     void publish(const std::vector<EnvironmentChange>& changes);
 
-    bool hasSubscribers() const { return !streams_.empty(); }
-
 private:
     using Streams = std::unordered_map<Connection*, std::unique_ptr<EventStream>>;
 
@@ -55,6 +54,7 @@ private:
     EventConsumers* const consumers_;
     const std::function<WallTime()> clock_;
     Streams streams_;
+    EventHistory history_;
 };
 
 }  // namespace kx::agent

@@ -275,7 +275,7 @@ void Server::publish(const HostUpdate& update) {
             }
         }
     }
-    if (update.changes.empty() || !events_.hasSubscribers()) {
+    if (update.changes.empty()) {
         return;
     }
     for (const auto& [connection, stream] : environments_) {

@@ -13,6 +13,7 @@ namespace kx::ctl {
 struct EventsArguments {
     bool json = false;
     std::optional<std::string> count;
+    std::optional<std::string> since;
     std::vector<std::string> filter;  ///< KEY=VALUE
 };
 

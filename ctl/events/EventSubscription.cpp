@@ -45,9 +45,10 @@ private:
     const boost::intrusive_ptr<EventSubscription> subscription_;
 };
 
-void EventSubscription::begin(const KXLAccessPointPrototype& agent, Mailbox& mailbox, std::uint64_t attempt) {
+void EventSubscription::begin(const KXLAccessPointPrototype& agent, Mailbox& mailbox, std::uint64_t attempt,
+                              std::uint64_t sinceMs) {
     const auto access = agent.getAccess();
-    const boost::intrusive_ptr<EventSubscription> subscription(new EventSubscription(mailbox, attempt));
+    const boost::intrusive_ptr<EventSubscription> subscription(new EventSubscription(mailbox, attempt, sinceMs));
     if (access->registerTimeout(new Opening(access, agent.getEID(), subscription)) != 0) {
         subscription->handleFailure();
     }
@@ -55,6 +56,9 @@ void EventSubscription::begin(const KXLAccessPointPrototype& agent, Mailbox& mai
 
 void EventSubscription::open(KXLAccessPrototype& access, const KXLEID& agent) {
     connection_ = access.openEventConnection(agent, "live");
+    if (connection_) {
+        connection_->includeSince(sinceMs_);
+    }
     const boost::intrusive_ptr<KXLTaskHandlerPrototype> self(this);
     if (!connection_ || connection_->subscribe(KXLEvent::subscriptionName, self) != 0) {
         handleFailure();

@@ -21,7 +21,9 @@ public:
     /// @param agent the agent whose events are wanted
     /// @param mailbox must outlive the library's loop
     /// @param attempt tells what concerns this subscription from what is left of an earlier one
-    static void begin(const KXLAccessPointPrototype& agent, Mailbox& mailbox, std::uint64_t attempt);
+    /// @param sinceMs earlier events that are wanted, see KXLAsyncConnectionPrototype::includeSince; 0: none
+    static void begin(const KXLAccessPointPrototype& agent, Mailbox& mailbox, std::uint64_t attempt,
+                      std::uint64_t sinceMs = 0);
 
     void handleMessage(KXLMessageTaskPrototype& task) override;
     void handleFailure() override;
@@ -30,12 +32,14 @@ public:
 private:
     class Opening;
 
-    EventSubscription(Mailbox& mailbox, std::uint64_t attempt) : mailbox_(mailbox), attempt_(attempt) {}
+    EventSubscription(Mailbox& mailbox, std::uint64_t attempt, std::uint64_t sinceMs)
+        : mailbox_(mailbox), attempt_(attempt), sinceMs_(sinceMs) {}
 
     void open(KXLAccessPrototype& access, const KXLEID& agent);
 
     Mailbox& mailbox_;
     const std::uint64_t attempt_;
+    const std::uint64_t sinceMs_;
     boost::intrusive_ptr<KXLAsyncConnectionPrototype> connection_;
 };
 

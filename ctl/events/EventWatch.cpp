@@ -110,7 +110,8 @@ int EventWatch::millisecondsToWait() const {
 
 void EventWatch::subscribe() {
     again_.begin();
-    EventSubscription::begin(agent_.accessPoint(), mailbox_, ++attempt_);
+    // What came before is wanted once.
+    EventSubscription::begin(agent_.accessPoint(), mailbox_, ++attempt_, wasSubscribed_ ? 0 : options_.sinceMs);
 }
 
 // Once enough was shown, what becomes of the agent does not matter any more.
@@ -186,7 +187,7 @@ void EventWatch::show(const std::vector<KXLEvent>& events) {
             return;
         }
         const auto about = names_.of(event);
-        if (options_.filter.matches(event, about)) {
+        if (event.getTimeMs() >= options_.sinceMs && options_.filter.matches(event, about)) {
             isFinished_ =
                 output_.writeLine(lineOf(event, about)) != Output::Result::Written || ++shown_ == options_.count;
         }

@@ -14,6 +14,7 @@ namespace kx::ctl {
 struct EventWatchOptions {
     bool json = false;                  ///< lines for programs
     std::optional<std::int64_t> count;  ///< end after this many; nothing: never
+    std::uint64_t sinceMs = 0;          ///< of events that have happened before: from then on; 0: none
     EventFilter filter;                 ///< others are neither shown nor counted
 };
 

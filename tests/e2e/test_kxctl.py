@@ -207,6 +207,14 @@ def test_a_text_that_the_agent_does_not_take_is_refused_in_its_words(agentHost, 
     assert "1000000" in done.stderr
 
 
+def test_events_that_happened_before_are_shown_first(agentHost, watching):
+    raiseAlert("--ve", "web", "--code", "1", "--text", "missed")
+    seen = watching("--json", "-n2", "--since", "5m", "--filter", "kind=alert")
+    raiseAlert("--ve", "web", "--code", "1", "--text", "live")
+    assert seen.wait() == DONE
+    assert [event["text"] for event in seen.objects()] == ["missed", "live"]
+
+
 def test_only_matching_events_are_shown(agentHost, watching):
     seen = watching("-n1", "--filter", "ve=web", "--filter", "severity=critical")
     for target, code in ((("--host",), "2"), (("--ve", "web"), "1"), (("--ve", "101"), "2")):

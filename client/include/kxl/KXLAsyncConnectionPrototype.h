@@ -4,6 +4,7 @@
 #pragma once
 
 #include <boost/intrusive_ptr.hpp>
+#include <cstdint>
 #include <string>
 
 #include <kxl/KXLRefCounter.h>
@@ -27,4 +28,10 @@ public:
 
     /// @brief Closes the connection without telling its handlers.
     virtual void close() = 0;
+
+    /// @brief Asks for events that have happened already, too: those that the agent still has come first, and earlier
+    /// ones may be among them. Only on the event loop's thread, right after a connection other than a consumer's was
+    /// opened.
+    /// @param sinceMs milliseconds since 1970-01-01 UTC
+    virtual void includeSince(std::uint64_t /*sinceMs*/) {}
 };

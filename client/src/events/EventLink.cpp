@@ -26,11 +26,12 @@ private:
     bool isFinished_ = false;
 };
 
-wire::Frame subscribeFrame(const std::string& consumer) {
+wire::Frame subscribeFrame(const std::string& consumer, std::uint64_t sinceMs) {
     wire::Frame frame;
     frame.set_request_id(1);
     frame.mutable_event_subscribe()->set_name(std::string(wire::kEventsName));
     frame.mutable_event_subscribe()->set_consumer(consumer);
+    frame.mutable_event_subscribe()->set_since_ms(sinceMs);
     return frame;
 }
 
@@ -169,7 +170,7 @@ void EventLink::takeHello(const wire::Frame& frame) {
     }
     phase_ = Phase::Subscribing;
     const bool keeps = wire::hasCapability(frame.hello(), wire::kCapabilityEventAcks);
-    connection_->send(subscribeFrame(keeps ? consumer_ : std::string()));
+    connection_->send(subscribeFrame(keeps ? consumer_ : std::string(), sinceMs_));
 }
 
 // ---- messages ---------------------------------------------------------------------------------------------------

@@ -61,6 +61,8 @@ public:
     bool unsubscribe(const TaskHandlerPtr& handler);
     /// @brief Closes the socket and forgets the handlers.
     void close();
+    /// @brief See KXLAsyncConnectionPrototype. Loop thread, before the link has connected.
+    void includeSince(std::uint64_t sinceMs) { sinceMs_ = sinceMs; }
 
     /// @brief Connects and subscribes to the agent's events.
     /// @param pause waits this long first
@@ -111,6 +113,7 @@ private:
 
     // ---- loop thread only ----
     Phase phase_ = Phase::Made;
+    std::uint64_t sinceMs_ = 0;
     std::shared_ptr<StreamSocket> connecting_;
     std::shared_ptr<FrameConnection> connection_;
     boost::asio::steady_timer deadline_;     ///< from connect() to Subscribed

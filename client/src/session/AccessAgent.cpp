@@ -26,6 +26,8 @@ public:
 
     void close() override { link_->close(); }
 
+    void includeSince(std::uint64_t sinceMs) override { link_->includeSince(sinceMs); }
+
 private:
     const std::shared_ptr<EventLink> link_;
 };

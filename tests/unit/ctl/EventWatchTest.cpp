@@ -220,6 +220,34 @@ TEST(Events, ThatDoNotMatchAreNeitherShownNorCounted) {
                 ElementsAre("hit"));
 }
 
+TEST(Events, OfBeforeAreAskedForOnceAndEarlierOnesLeftOut) {
+    std::vector<std::uint64_t> asked;
+    const ScriptedAgent agent([&](PeerSocket& peer) {
+        wire::Frame request;
+        if (!shakeHands(peer, request)) {
+            return;
+        }
+        if (request.has_snapshot_request()) {
+            if (serveFirstData(peer, {})) {
+                answerUntilClosed(peer);
+            }
+            return;
+        }
+        asked.push_back(request.event_subscribe().since_ms());
+        acceptSubscription(peer, request);
+        wire::Event early = alertEvent(kServerEidBytes, "early");
+        early.set_time_ms(1000);
+        wire::Event wanted = alertEvent(kServerEidBytes, "wanted");
+        wanted.set_time_ms(static_cast<std::uint64_t>(std::time(nullptr)) * 1000);
+        peer.send(eventFrame({early, wanted}));
+    });
+    const auto before = static_cast<std::uint64_t>(std::time(nullptr)) * 1000;
+    EXPECT_THAT(textsOf(watch(agent, {"--json", "-n2", "--since", "1h"}).out), ElementsAre("wanted", "wanted"));
+    ASSERT_THAT(asked, testing::SizeIs(2));
+    EXPECT_NEAR(static_cast<double>(asked[0]), static_cast<double>(before - 3'600'000), 10'000);
+    EXPECT_EQ(asked[1], 0U);
+}
+
 // ---- losing the agent -----------------------------------------------------------------------------------------------
 
 TEST(Events, EndWellWhenTheAgentGoesAfterTheLastThatWasWanted) {

@@ -55,5 +55,28 @@ TEST(Numbers, MayHaveAFractionWhereThatIsAskedFor) {
     }
 }
 
+TEST(Times, AreHowLongAgoOrLocal) {
+    constexpr std::time_t kNow = 1'700'000'000;
+    EXPECT_EQ(readSince("--since", "90s", kNow), 1'699'999'910U);
+    EXPECT_EQ(readSince("--since", "10m", kNow), 1'699'999'400U);
+    EXPECT_EQ(readSince("--since", "2h", kNow), 1'699'992'800U);
+    EXPECT_EQ(readSince("--since", "1d", kNow), 1'699'913'600U);
+    std::tm parts{};
+    ::localtime_r(&kNow, &parts);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
+    EXPECT_EQ(readSince("--since", text, kNow), 1'700'000'000U);
+    EXPECT_EQ(readSince("--since", text + 11, kNow), 1'700'000'000U);
+    EXPECT_EQ(readSince("--since", std::string(text, 16), kNow), 1'700'000'000U - static_cast<unsigned>(parts.tm_sec));
+    for (const char* const wrong : {"", "s", "10", "-1s", "1.5h", "10x", "24:61", "2100-01-01 00:00", "9999999999d"}) {
+        EXPECT_THROW(readSince("--since", wrong, kNow), Failure) << wrong;
+    }
+}
+
+TEST(Words, AreAmongThoseThatThereAre) {
+    EXPECT_EQ(readWord("--sort", "b", {"a", "b"}), 1U);
+    EXPECT_THROW(readWord("--sort", "c", {"a", "b"}), Failure);
+}
+
 }  // namespace
 }  // namespace kx::ctl
