@@ -112,12 +112,13 @@ Finding usageFinding(const std::set<std::string>& unknown) {
     }
     return {
         Verdict::Warn, "disk usage",
-        fmt::format("unknown of {}: nothing counts it separately for them, neither a project quota nor a file system "
-                    "of their own",
+        fmt::format("unknown of {}: nothing counts it separately for them, neither a project quota nor a btrfs quota "
+                    "group nor a file system of their own",
                     listOf(unknown)),
         "turn project quotas on (see quotas below) and make each root folder a project: chattr -R -p NUMBER FOLDER; "
-        "find "
-        "FOLDER -type d -exec chattr +P {} +; or put each container on a file system of its own"};
+        "find FOLDER -type d -exec chattr +P {} +; or, where each is a btrfs subvolume, btrfs quota enable; or put "
+        "each "
+        "container on a file system of its own"};
 }
 
 Findings lookAtSamples(KXLAccessPointPrototype& agent) {
