@@ -11,7 +11,8 @@ mount -t proc proc /proc
 mount -t tmpfs -o mode=755,size=80% tmpfs /mnt
 cd /mnt
 mkdir tmp
-mount -t hostfs none tmp -o "$KX_OUT"
+# Before and after Linux 6.8.
+mount -t hostfs none tmp -o "$KX_OUT" || mount -t hostfs none tmp -o "hostfs=$KX_OUT"
 exec >tmp/boot.log 2>&1
 for module in lib/crc-ccitt net/ipv6/ipv6 net/llc/llc net/802/stp net/bridge/bridge drivers/net/veth; do
     busybox insmod "/usr/lib/uml/modules/$(uname -r)/kernel/$module.ko" || echo "no module $module"

@@ -16,7 +16,8 @@ mount -t devpts -o ptmxmode=666 devpts /dev/pts
 for folder in /dev/shm /run /mnt /var/opt /var/lib/snmp /var/lib/lxc; do mount -t tmpfs tmpfs $folder; done
 chmod 755 /run /mnt /var/opt
 mkdir /mnt/out /mnt/disk
-mount -t hostfs none /mnt/out -o "$KX_OUT"
+# Before and after Linux 6.8.
+mount -t hostfs none /mnt/out -o "$KX_OUT" || mount -t hostfs none /mnt/out -o "hostfs=$KX_OUT"
 exec >/mnt/out/guest.log 2>&1
 
 modules=/usr/lib/uml/modules/$(uname -r)/kernel
