@@ -157,7 +157,7 @@ TEST_F(LinkLife, AnOrderlyEndOfTheAgentIsNotLogged) {
         }
     });
     ASSERT_EQ(initialize(agent.path()), 0);
-    EXPECT_TRUE(eventually([&] { return handler->calls().size() >= 3; }));
+    ASSERT_TRUE(eventually([&] { return handler->calls().size() >= 3; }));
     EXPECT_EQ(handler->calls()[1], "error -4");
     EXPECT_TRUE(LogCollector::lines().empty());
 }
@@ -258,7 +258,7 @@ TEST_F(LinkLife, AnAccessPointThatIsLetGoClosesItsConnection) {
 TEST_F(LinkLife, DeliversNothingOnceTheLoopHasStopped) {
     ScriptedAgent agent([](PeerSocket& peer) { serveUntilUp(peer, {wireEnv(1)}); });
     ASSERT_EQ(initialize(agent.path()), 0);
-    EXPECT_TRUE(eventually([&] { return handler->calls().size() >= 3; }));
+    ASSERT_TRUE(eventually([&] { return handler->calls().size() >= 3; }));
     loop->stop();
     const auto calls = handler->calls();
     const int connections = agent.connections();

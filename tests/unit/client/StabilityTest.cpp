@@ -57,7 +57,7 @@ protected:
 TEST_F(ImpatientLink, NoticesAnAgentThatHangs) {
     ScriptedAgent agent([](PeerSocket& peer) { serveUntilUp(peer, {}) && peer.readUntilClosed(); });
     ASSERT_EQ(initialize(agent.path()), 0);
-    EXPECT_TRUE(eventually([&] { return handler->calls().size() >= 3; }));
+    ASSERT_TRUE(eventually([&] { return handler->calls().size() >= 3; }));
     EXPECT_EQ(handler->calls()[1], "error -2");
     EXPECT_EQ(handler->calls()[2], "connected");
 }
@@ -104,7 +104,7 @@ TEST_F(ImpatientLink, GivesALargeHostThatSendsOnAllItsTime) {
 TEST_F(ImpatientLink, LogsTheSameFaultAgainOnceTheLinkWasStable) {
     ScriptedAgent agent(breakingAfter(3));
     ASSERT_EQ(initialize(agent.path()), 0);
-    EXPECT_TRUE(eventually([&] { return LogCollector::lines().size() > 1; }));
+    ASSERT_TRUE(eventually([&] { return LogCollector::lines().size() > 1; }));
     EXPECT_EQ(LogCollector::lines()[0], LogCollector::lines()[1]);
 }
 
