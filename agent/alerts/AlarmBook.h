@@ -20,6 +20,7 @@ public:
 
     /// Texts of clears that no source has reported.
     static constexpr const char* kGoneText = "cleared: the container is gone";
+    static constexpr const char* kOverText = "cleared: not found again after a restart of the agent";
     static constexpr const char* kStoppedText = "cleared: the container stopped while this was not watched";
 
     /// @brief Takes note of a signal.

@@ -47,7 +47,9 @@ public:
     std::uint64_t overflown() const { return overflown_; }
 
 private:
-    static std::size_t bytesOf(const DatedAlert& alert) { return alert.signal.text.size() + alert.signal.source.size(); }
+    static std::size_t bytesOf(const DatedAlert& alert) {
+        return alert.signal.text.size() + alert.signal.source.size();
+    }
     bool fits(const DatedAlert& alert) const;
     void replace(std::list<DatedAlert>::iterator place, DatedAlert alert);
 

@@ -91,7 +91,8 @@ bool AlertEngine::isOutstanding(const Eid& about) const {
     const auto state = states_.lower_bound({about, ""});
     const auto stateEnd = std::find_if(state, states_.end(), [&](const auto& it) { return it.first.about != about; });
     const auto told = recent_.lower_bound({{about, ""}, std::numeric_limits<std::int32_t>::min(), ""});
-    const auto toldEnd = std::find_if(told, recent_.end(), [&](const auto& it) { return it.first.source.about != about; });
+    const auto toldEnd =
+        std::find_if(told, recent_.end(), [&](const auto& it) { return it.first.source.about != about; });
     return std::any_of(state, stateEnd, waits) || std::any_of(told, toldEnd, isCounted);
 }
 

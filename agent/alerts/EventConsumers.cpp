@@ -66,7 +66,8 @@ EventConsumer* EventConsumers::attach(const ConsumerId& id, WallTime now) {
 /// A user who is not root has a few, and cannot push out those of others.
 bool EventConsumers::makePlaceFor(const ConsumerId& id) {
     const auto isOwn = [&](const ConsumerId& other) { return other.uid == id.uid; };
-    const auto own = std::count_if(consumers_.begin(), consumers_.end(), [&](const auto& it) { return isOwn(it.first); });
+    const auto own =
+        std::count_if(consumers_.begin(), consumers_.end(), [&](const auto& it) { return isOwn(it.first); });
     if (id.uid != 0 && static_cast<std::size_t>(own) >= kMostOfUser) {
         return forgetLongestAway(isOwn);
     }

@@ -97,9 +97,14 @@ void Agent::run() {
 std::unique_ptr<Server> Agent::makeServer(const Config& config) {
     const AccessPolicy access = AccessPolicy::ofSystem();
     warnWithoutGroup(access);
-    ServerSettings settings{config.socket, settings_.program, content_.inventory().environments().front().eid,
-                            access,        ServerLimits(),    this,
-                            &alerts_.consumers(), &counters_};
+    ServerSettings settings{config.socket,
+                            settings_.program,
+                            content_.inventory().environments().front().eid,
+                            access,
+                            ServerLimits(),
+                            this,
+                            &alerts_.consumers(),
+                            &counters_};
     return std::make_unique<Server>(io_, std::move(settings), content_);
 }
 
@@ -115,9 +120,10 @@ void Agent::hostChanged(HostImage image) {
     alerts_.clearWhatIsGone(image);
     const HostUpdate update =
         content_.apply(std::move(image), [this](const Eid& eid) { return alerts_.isOutstanding(eid); });
+    counters_.renumber(update.renumbered);
     server_->publish(update);
     if (!slot_->isDescribed()) {
-        alerts_.clearWhatHasStopped();
+        alerts_.clearWhatIsOver();
     }
     alerts_.settle();
     if (!serving_) {

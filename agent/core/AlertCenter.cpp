@@ -35,7 +35,8 @@ AlertCenter::AlertCenter(boost::asio::io_context& io, Inventory& inventory, cons
       consumers_(host_),
       service_(io, host_, limits, [this](const std::vector<Alert>& alerts) { publish(alerts); }),
       keeper_(io, stateDirectory, [this] { return collect(); }),
-      forgetTimer_(io) {
+      forgetTimer_(io),
+      checkTimer_(io) {
     consumers_.onChange([this] { changed(); });
     waitToForget();
 }
@@ -72,12 +73,21 @@ void AlertCenter::clearWhatIsGone(const HostImage& image) {
     takeAll(book_.clearsFor([&](const Eid& eid) { return !present.contains(eid); }, AlarmBook::kGoneText));
 }
 
-void AlertCenter::clearWhatHasStopped() {
+void AlertCenter::clearWhatIsOver() {
     const auto isStopped = [&](const Eid& eid) {
         const Environment* const environment = inventory_.find(eid);
         return environment != nullptr && environment->state == static_cast<std::int32_t>(State::Stopped);
     };
     takeAll(book_.clearsForRestored(isStopped, AlarmBook::kStoppedText));
+    if (std::exchange(checking_, true)) {
+        return;
+    }
+    checkTimer_.expires_after(kCheckTime);
+    checkTimer_.async_wait([this](const boost::system::error_code& cancelled) {
+        if (!cancelled) {
+            takeAll(book_.clearsForRestored([](const Eid&) { return true; }, AlarmBook::kOverText));
+        }
+    });
 }
 
 bool AlertCenter::isOutstanding(const Eid& about) const {

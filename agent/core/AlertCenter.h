@@ -24,6 +24,9 @@ namespace kx::agent {
 /// All about alerts that outlives a connection.
 class AlertCenter {
 public:
+    /// From the first image until every source has checked every container at least once.
+    static constexpr std::chrono::seconds kCheckTime{30};
+
     /// What alerts lead to.
     struct Sinks {
         AlertService::Sink alerts;                       ///< gets what is to be reported
@@ -46,8 +49,10 @@ public:
     /// @brief An image is about to be published: clears what is raised about containers that are not in it.
     void clearWhatIsGone(const HostImage& image);
 
-    /// @brief Clears what was raised before a restart about containers that nobody checks, for they do not run.
-    void clearWhatHasStopped();
+    /// @brief Clears what was raised before a restart and is not the case any more: at once about containers that
+    /// nobody checks, for they do not run, and after kCheckTime what no source has reported again. To be called after
+    /// every image of a real host.
+    void clearWhatIsOver();
 
     /// @return whether something about the environment is still to be delivered, or to be cleared
     bool isOutstanding(const Eid& about) const;
@@ -78,6 +83,8 @@ private:
     AlertService service_;
     AlertKeeper keeper_;
     boost::asio::steady_timer forgetTimer_;
+    boost::asio::steady_timer checkTimer_;
+    bool checking_ = false;  ///< checkTimer_ has been set
     bool settling_ = false;
     std::shared_ptr<const bool> alive_ = std::make_shared<const bool>(true);  ///< what late handlers check
 };

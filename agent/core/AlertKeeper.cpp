@@ -32,9 +32,9 @@ AlertState AlertKeeper::load() {
     auto state = bytes ? decodeState(*bytes) : std::nullopt;
     if (!state) {
         const std::string aside = path_ + ".damaged";
-        const bool moved = std::rename(path_.c_str(), aside.c_str()) == 0;
-        log::error(fmt::format("{}: alerts that were kept are lost: {}; {}", path_, problem,
-                               moved ? "the file is now " + aside : "it will be overwritten"));
+        std::rename(path_.c_str(), aside.c_str());
+        log::error(fmt::format("{}: alerts that were kept are lost: {}; the file is moved to {} if possible", path_,
+                               problem, aside));
     }
     return state ? std::move(*state) : AlertState();
 }

@@ -42,7 +42,7 @@ CounterSampleValues increase(std::int64_t now, Moment at, const std::int64_t* be
                              const std::int64_t* told, const CounterMemory::Shown* lastTold) {
     CounterSampleValues sample;
     sample.first = before == nullptr ? 0 : perSecond(difference(now, *before), shown->at, at);
-    sample.second = told == nullptr ? 0 : perSecond(difference(now, *told), lastTold->at, at);
+    sample.second = told == nullptr || lastTold->isOthers ? 0 : perSecond(difference(now, *told), lastTold->at, at);
     sample.third = told == nullptr ? now : difference(now, *told);
     return sample;
 }
@@ -94,7 +94,32 @@ const CounterMemory::Shown* CounterMemory::find(const std::string& className, co
 void CounterMemory::put(const std::string& className, const CounterNames& names, const CounterRow& row, Moment at) {
     Container& container = containers_[row.eid];
     container.turn = turn_;
-    container.rows[{className, row.instance}] = {{names, row.values, at}, turn_};
+    container.rows[{className, row.instance}] = {{names, row.values, at, false}, turn_};
+}
+
+void CounterMemory::renumber(const std::vector<Renumbered>& renumbered) {
+    std::unordered_map<Eid, Container, EidHash> before;
+    const auto takeOut = [&](const Eid& eid) {
+        if (auto known = containers_.extract(eid)) {
+            before.insert(std::move(known));
+        }
+    };
+    for (const Renumbered& each : renumbered) {
+        takeOut(each.eid);
+        if (each.former) {
+            takeOut(*each.former);
+        }
+    }
+    for (const Renumbered& each : renumbered) {
+        const auto former = each.former ? before.find(*each.former) : before.end();
+        if (former == before.end()) {
+            continue;
+        }
+        Container& container = containers_[each.eid] = former->second;
+        for (auto& [key, entry] : container.rows) {
+            entry.shown.isOthers = true;
+        }
+    }
 }
 
 void CounterMemory::forgetOthers(const CounterScope& scope) {
@@ -119,10 +144,11 @@ std::vector<CounterSampleValues> sampleOf(const CounterRow& row, const CounterNa
                                           const CounterMemory::Shown* before, const CounterMemory::Shown* told) {
     std::vector<CounterSampleValues> sample;
     sample.reserve(row.values.size());
+    const bool isOthers = told != nullptr && told->isOthers;
     for (std::size_t i = 0; i < row.values.size(); ++i) {
         const std::int64_t* const valueTold = valueIn(told, names, i);
         sample.push_back(increases[i] ? increase(row.values[i], now, valueIn(before, names, i), before, valueTold, told)
-                                      : level(row.values[i], valueTold));
+                                      : level(row.values[i], isOthers ? nullptr : valueTold));
     }
     return sample;
 }

@@ -7,6 +7,7 @@
 // Clock passed in with the readings; one thread at a time.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <map>
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include "agent/counters/CounterImage.h"
+#include "agent/inventory/Numbers.h"
 #include "agent/vocabulary/Vocabulary.h"
 
 namespace kx::agent {
@@ -31,9 +33,9 @@ struct CounterSampleValues {
 /// Which containers and classes a report is about.
 struct CounterScope {
     std::set<std::string> classes;
-    std::set<Eid> eids;  ///< empty: all
+    std::vector<Eid> eids;  ///< in order; empty: all
 
-    bool covers(const Eid& eid) const { return eids.empty() || eids.count(eid) != 0; }
+    bool covers(const Eid& eid) const { return eids.empty() || std::binary_search(eids.begin(), eids.end(), eid); }
 };
 
 /// Which counters are increases.
@@ -57,6 +59,7 @@ public:
         CounterNames names;
         std::vector<std::int64_t> values;
         std::chrono::steady_clock::time_point at;
+        bool isOthers = false;  ///< it is what another container showed under the same number
 
         /// @return what a counter showed; null when it was not there
         const std::int64_t* find(const CounterNames& in, std::size_t position) const;
@@ -66,6 +69,11 @@ public:
     const Shown* find(const std::string& className, const CounterRow& row) const;
     void put(const std::string& className, const CounterNames& names, const CounterRow& row,
              std::chrono::steady_clock::time_point at);
+
+    /// @brief Containers have other numbers. Who adds increases up under the number has what the former owner showed
+    /// under it, so the next increase of the new owner is told from there; under a number that was nobody's, from its
+    /// start.
+    void renumber(const std::vector<Renumbered>& renumbered);
 
     /// @brief Forgets the rows of some classes that were not put since the last call, of the containers in scope.
     void forgetOthers(const CounterScope& scope);

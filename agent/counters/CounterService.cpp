@@ -12,7 +12,7 @@ namespace {
 
 /// A request that a client makes up may name this much and no more.
 constexpr int kMaxClasses = 64;
-constexpr int kMaxEids = 65536;
+constexpr std::size_t kMaxEids = 65536;
 
 template <typename Request>
 std::string scopeOf(const Request& request, CounterScope& scope) {
@@ -22,7 +22,7 @@ std::string scopeOf(const Request& request, CounterScope& scope) {
     if (request.classes_size() > kMaxClasses) {
         return fmt::format("more than {} counter classes are named", kMaxClasses);
     }
-    if (request.eids_size() > kMaxEids) {
+    if (static_cast<std::size_t>(request.eids_size()) > kMaxEids) {
         return fmt::format("more than {} identifiers are named", kMaxEids);
     }
     scope.classes.insert(request.classes().begin(), request.classes().end());
@@ -31,8 +31,9 @@ std::string scopeOf(const Request& request, CounterScope& scope) {
         if (!eid) {
             return fmt::format("an identifier has {} bytes, this one has {}", wire::kEidBytes, bytes.size());
         }
-        scope.eids.insert(*eid);
+        scope.eids.push_back(*eid);
     }
+    std::sort(scope.eids.begin(), scope.eids.end());
     return {};
 }
 
@@ -51,6 +52,19 @@ CounterScope everything(const CounterImage& image) {
 
 }  // namespace
 
+std::size_t CounterService::Client::eids() const {
+    std::size_t count = 0;
+    for (const auto& [number, monitor] : monitors) {
+        count += monitor.scope.eids.size();
+    }
+    for (const auto* list : {&questions, &asked}) {
+        for (const Question& question : *list) {
+            count += question.scope.eids.size();
+        }
+    }
+    return count;
+}
+
 CounterService::CounterService(boost::asio::io_context& io, CounterReader reader, double periodScale)
     : reader_(std::move(reader)), periodScale_(periodScale), timer_(io) {}
 
@@ -63,6 +77,9 @@ std::string CounterService::start(ClientId client, const Send& send, std::uint64
     }
     if (why.empty() && clients_[client].monitors.size() >= kMaxMonitors) {
         why = fmt::format("there are {} monitors on this connection already", kMaxMonitors);
+    }
+    if (why.empty() && clients_[client].eids() + monitor.scope.eids.size() > kMaxEids) {
+        why = fmt::format("all monitors and questions of this connection name more than {} identifiers", kMaxEids);
     }
     if (!why.empty()) {
         return why;
@@ -89,6 +106,9 @@ std::string CounterService::query(ClientId client, const Send& send, std::uint64
     std::string why = scopeOf(request, question.scope);
     if (why.empty() && clients_[client].open() >= kMaxQuestions) {
         why = fmt::format("{} questions on this connection are not answered yet", kMaxQuestions);
+    }
+    if (why.empty() && clients_[client].eids() + question.scope.eids.size() > kMaxEids) {
+        why = fmt::format("all monitors and questions of this connection name more than {} identifiers", kMaxEids);
     }
     if (!why.empty()) {
         return why;

@@ -64,6 +64,12 @@ public:
 
     /// @brief Takes what the vocabularies say of counters.
     void setVocabularies(const std::vector<Vocabulary>& vocabularies) { kinds_ = CounterKinds(vocabularies); }
+    /// @brief Containers have other numbers, see CounterMemory.
+    void renumber(const std::vector<Renumbered>& renumbered) {
+        for (auto& [id, client] : clients_) {
+            client.told.renumber(renumbered);
+        }
+    }
     /// @brief Changes the scale; monitors that run are due anew.
     void setPeriodScale(double periodScale);
 
@@ -89,6 +95,8 @@ private:
         std::vector<Question> questions;  ///< since the reading that is under way began
         std::vector<Question> asked;      ///< to be answered by the reading that is under way
 
+        /// @return identifiers that its monitors and questions name
+        std::size_t eids() const;
         std::size_t open() const { return questions.size() + asked.size(); }
     };
 

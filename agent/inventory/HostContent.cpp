@@ -23,6 +23,9 @@ HostUpdate HostContent::apply(HostImage image, const Inventory::IsOutstanding& i
     HostUpdate update;
     update.deltas = inventory_.apply(std::move(image.environments), begun_ ? &update.changes : nullptr, isOutstanding);
     begun_ = true;
+    if (!update.deltas.empty()) {
+        update.renumbered = numbers_.update(inventory_.environments());
+    }
     if (image.vocabularies != vocabularies_) {
         vocabularies_ = std::move(image.vocabularies);
         update.vocabularySet = encodeSet(vocabularies_);

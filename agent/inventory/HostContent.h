@@ -7,6 +7,7 @@
 
 #include "agent/inventory/HostImage.h"
 #include "agent/inventory/Inventory.h"
+#include "agent/inventory/Numbers.h"
 
 namespace kx::agent {
 
@@ -14,6 +15,7 @@ namespace kx::agent {
 struct HostUpdate {
     InventoryDeltas deltas;                  ///< in order; empty when the environments are the same
     FrameBody vocabularySet;                 ///< null when the vocabularies are the same
+    std::vector<Renumbered> renumbered;      ///< containers with other numbers
     std::vector<EnvironmentChange> changes;  ///< what the deltas change; nothing for the first image
 };
 
@@ -41,6 +43,7 @@ public:
 
 private:
     Inventory inventory_;
+    Numbers numbers_;
     std::vector<Vocabulary> vocabularies_;
     FrameBody vocabularySet_;
     bool begun_ = false;  ///< an image has been applied

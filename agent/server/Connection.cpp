@@ -3,11 +3,13 @@
 #include <fmt/format.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <boost/asio/post.hpp>
 #include <cerrno>
 
 #include "agent/base/Log.h"
+#include "agent/server/RequestFields.h"
 #include "wire/Protocol.h"
 
 namespace kx::agent {
@@ -30,7 +32,8 @@ Connection::Connection(Socket socket, PeerIdentity peer, const ServerLimits& lim
       peer_(std::move(peer)),
       limits_(limits),
       owner_(&owner),
-      deadline_(socket_.get_executor()) {}
+      deadline_(socket_.get_executor()),
+      reader_(limits.maxRequestBytes) {}
 
 void Connection::start() {
     setDeadline(limits_.handshake);
@@ -55,7 +58,17 @@ void Connection::send(std::uint64_t requestId, const FrameBody& body) {
     }
     outbox_.push(requestId, body);
     if (takesMore()) {
+        noteGrowth();
+    }
+    if (isServed()) {
         waitForRoom();
+    }
+}
+
+void Connection::noteGrowth() {
+    mostHeld_ = std::max(mostHeld_, held());
+    if (owner_ != nullptr) {
+        owner_->grown(*this);
     }
 }
 
@@ -70,10 +83,13 @@ bool Connection::takesMore() {
     if (outbox_.load() <= limits_.maxUnsentBytes) {
         return true;
     }
-    log::warning(fmt::format("dropped {}: it does not read, more than {} bytes are waiting for it", peer_.describe(),
-                             limits_.maxUnsentBytes));
-    close();
+    drop(fmt::format("it does not read, more than {} bytes are waiting for it", limits_.maxUnsentBytes));
     return false;
+}
+
+void Connection::drop(std::string_view reason) {
+    log::warning(fmt::format("dropped {}: {}", peer_.describe(), reason));
+    close();
 }
 
 void Connection::flush() {
@@ -100,6 +116,7 @@ void Connection::close() {
     socket_.close(ignored);
     deadline_.cancel();
     outbox_.clear();
+    reader_ = wire::FrameReader(0);
     // Later, because the owner may be going through its connections right now.
     boost::asio::post(socket_.get_executor(), [self = shared_from_this()] {
         if (self->owner_ != nullptr) {
@@ -132,6 +149,7 @@ void Connection::readSome() {
     if (size > 0 && isServed()) {
         reader_.append({buffer.data(), static_cast<std::size_t>(size)});
         takeFrames();
+        noteGrowth();
     }
     if (state_ != State::Closed) {
         waitForInput();
@@ -146,7 +164,7 @@ void Connection::takeFrames() {
         }
         if (result.status == wire::FrameReader::Status::TooLarge) {
             refuse(wire::ERROR_MALFORMED, fmt::format("it announced a frame of {} bytes, the limit is {}", result.bytes,
-                                                      wire::kMaxFrameBytes));
+                                                      limits_.maxRequestBytes));
             return;
         }
         takeFrame(result.payload);
@@ -155,7 +173,9 @@ void Connection::takeFrames() {
 
 void Connection::takeFrame(std::string_view payload) {
     wire::Frame frame;
-    if (!wire::decodeFrame(payload, frame)) {
+    if (countFields(payload, limits_.maxRequestFields) > limits_.maxRequestFields) {
+        refuse(wire::ERROR_MALFORMED, fmt::format("it sent a frame of more than {} fields", limits_.maxRequestFields));
+    } else if (!wire::decodeFrame(payload, frame)) {
         refuse(wire::ERROR_MALFORMED, "it sent a frame that is not a message");
     } else if (state_ == State::Open && frame.has_hello()) {
         refuse(wire::ERROR_MALFORMED, "it sent a second Hello");

@@ -39,6 +39,9 @@ public:
     /// @brief A frame after the handshake. May be of a kind the owner does not know.
     virtual void frameReceived(Connection& from, const wire::Frame& frame) = 0;
 
+    /// @brief More is held for the peer than before.
+    virtual void grown(Connection& connection) = 0;
+
     /// @brief The peer has read: little of what it was sent is left.
     virtual void drained(Connection& connection) = 0;
 
@@ -83,7 +86,14 @@ public:
 
     /// @return load of what the peer has not read, see Outbox
     std::size_t unsent() const { return outbox_.load(); }
+    /// @return the same, with what it has sent of a request that is not complete
+    std::size_t held() const { return outbox_.load() + reader_.buffered(); }
+    /// @return the most that was held so far
+    std::size_t mostHeld() const { return mostHeld_; }
     const PeerIdentity& peer() const { return peer_; }
+
+    /// @brief Drops the peer, with a line in the log.
+    void drop(std::string_view reason);
     const ServerLimits& limits() const { return limits_; }
 
     bool isServed() const { return state_ == State::AwaitingHello || state_ == State::Open; }
@@ -93,6 +103,7 @@ public:
     struct Interests {
         bool vocabularies = false;
         bool departed = false;  ///< it knows environments that are gone
+        bool anything = false;  ///< it has asked for something but signs of life
     };
     Interests& interests() { return interests_; }
 
@@ -105,6 +116,7 @@ private:
     void takeFrame(std::string_view payload);
     void takeHello(const wire::Hello& hello);
     bool takesMore();
+    void noteGrowth();
     void waitForRoom();
     void writeSome();
     void setDeadline(std::chrono::milliseconds fromNow);
@@ -118,6 +130,7 @@ private:
     State state_ = State::AwaitingHello;
     wire::FrameReader reader_;
     Outbox outbox_;
+    std::size_t mostHeld_ = 0;
     bool waitingForInput_ = false;
     bool waitingForRoom_ = false;
     Interests interests_;

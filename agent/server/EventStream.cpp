@@ -53,9 +53,10 @@ void EventStream::hold(const EnvironmentChange& change, WallTime now) {
 
 void EventStream::noteHeldBack() {
     if (!std::exchange(reported_, true)) {
-        log::warning(fmt::format("{} does not read its events: until it has, only the latest of each source is kept "
-                                 "for it",
-                                 connection_.peer().describe()));
+        log::warning(
+            fmt::format("{} does not read its events: until it has, only the latest of each source is kept "
+                        "for it",
+                        connection_.peer().describe()));
     }
 }
 
@@ -88,7 +89,8 @@ void EventStream::sendChanges() {
 
 void EventStream::sendHeldAlerts() {
     while (!alerts_.empty() && takesMore()) {
-        connection_.sendTogether(encodeEvents(alerts_.take(EventConsumer::kMessageAlerts, EventConsumer::kMessageBytes)));
+        connection_.sendTogether(
+            encodeEvents(alerts_.take(EventConsumer::kMessageAlerts, EventConsumer::kMessageBytes)));
     }
 }
 

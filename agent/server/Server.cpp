@@ -1,6 +1,7 @@
 #include "agent/server/Server.h"
 
 #include <fmt/format.h>
+#include <malloc.h>
 
 #include <algorithm>
 
@@ -47,6 +48,9 @@ std::string faultOf(const wire::AlertRaise& request) {
     return {};
 }
 
+/// Connections that this was held for leave enough free memory behind to be worth giving back.
+constexpr std::size_t kLargeBytes = std::size_t{256} * 1024;
+
 constexpr const char* kNoCounters = "there are no counters here";
 
 /// Counters are told while their client is there.
@@ -63,13 +67,16 @@ CounterService::Send sendingTo(Connection& connection) {
 Server::Server(boost::asio::io_context& io, ServerSettings settings, HostContent& content)
     : settings_(std::move(settings)),
       content_(content),
-      file_(settings_.socketPath, settings_.access.group),
+      file_(std::make_unique<SocketFile>(settings_.socketPath, settings_.access.group)),
       hello_(encodeHello(settings_)),
       pong_(encodePong()),
       done_(encodeDone()),
       events_(settings_.serverEid, settings_.consumers, settings_.clock),
-      acceptor_(io, boost::asio::local::stream_protocol(), file_.releaseListener()),
-      acceptTimer_(io) {}
+      acceptor_(io, boost::asio::local::stream_protocol(), file_->releaseListener()),
+      acceptTimer_(io),
+      socketTimer_(io) {
+    watchSocket();
+}
 
 Server::~Server() {
     for (auto& [key, connection] : connections_) {
@@ -102,7 +109,7 @@ void Server::accepted(const boost::system::error_code& error, Connection::Socket
 /// Without a pause the connection that could not be accepted would make the very next try fail, and so on.
 void Server::acceptFailed(const boost::system::error_code& error) {
     if (error != acceptTrouble_) {
-        log::error(fmt::format("cannot accept connections on {}: {}", file_.path(), error.message()));
+        log::error(fmt::format("cannot accept connections on {}: {}", file_->path(), error.message()));
     }
     acceptTrouble_ = error;
     acceptTimer_.expires_after(settings_.limits.acceptPause);
@@ -119,16 +126,16 @@ void Server::admit(Connection::Socket socket) {
         log::warning("refused a peer of which the system does not tell who it is");
         return;
     }
-    const std::size_t others = served();
+    const std::string full = settings_.access.admits(*peer) ? whyFull(*peer) : "";
+    const bool hasPlace = full.empty() || makePlaceFor(*peer);
     ConnectionOwner& owner = *this;
     const auto connection = std::make_shared<Connection>(std::move(socket), *peer, settings_.limits, owner);
     connections_.emplace(connection.get(), connection);
     if (!settings_.access.admits(*peer)) {
         connection->refuse(wire::ERROR_NOT_ALLOWED,
                            fmt::format("it is neither root nor a member of the group {}", kAgentGroup));
-    } else if (others >= settings_.limits.maxConnections) {
-        connection->refuse(wire::ERROR_TOO_MANY_CONNECTIONS,
-                           fmt::format("all {} connections are taken", settings_.limits.maxConnections));
+    } else if (!hasPlace) {
+        connection->refuse(wire::ERROR_TOO_MANY_CONNECTIONS, full);
     } else {
         connection->start();
     }
@@ -142,6 +149,92 @@ std::size_t Server::served() const {
                                                   [](const auto& entry) { return entry.second->isServed(); }));
 }
 
+bool Server::isPrivileged(const PeerIdentity& peer) const {
+    return peer.uid == 0 || peer.uid == settings_.access.ownUid;
+}
+
+/// @return why there is no place for one more connection of this peer; empty when there is
+std::string Server::whyFull(const PeerIdentity& peer) const {
+    const ServerLimits& limits = settings_.limits;
+    const std::size_t most = limits.maxConnections - std::min(limits.reservedConnections, limits.maxConnections / 2);
+    const auto ofUser = [&](const auto& entry) {
+        return entry.second->isServed() && entry.second->peer().uid == peer.uid;
+    };
+    const auto count = std::count_if(connections_.begin(), connections_.end(), ofUser);
+    if (!isPrivileged(peer) && static_cast<std::size_t>(count) >= limits.maxConnectionsOfUser) {
+        return fmt::format("all {} connections of its user are taken", limits.maxConnectionsOfUser);
+    }
+    if (served() >= (isPrivileged(peer) ? limits.maxConnections : most)) {
+        return fmt::format("all {} connections are taken", limits.maxConnections);
+    }
+    return {};
+}
+
+/// Who has asked for nothing gives way to another of its user; to root, whoever it is.
+bool Server::makePlaceFor(const PeerIdentity& peer) {
+    const auto idle = std::find_if(connections_.begin(), connections_.end(), [&](const auto& entry) {
+        Connection& other = *entry.second;
+        const bool mayGo = other.peer().uid == peer.uid || (isPrivileged(peer) && !isPrivileged(other.peer()));
+        return other.isServed() && !other.interests().anything && mayGo && !isPrivileged(other.peer());
+    });
+    if (idle == connections_.end()) {
+        return false;
+    }
+    idle->second->refuse(wire::ERROR_TOO_MANY_CONNECTIONS, "it asks for nothing, and another one needs its place");
+    return true;
+}
+
+/// One that root uses is bounded by itself; all others share what may be held for them.
+void Server::grown(Connection& connection) {
+    if (isPrivileged(connection.peer())) {
+        return;
+    }
+    std::size_t held = 0;
+    Connection* largest = &connection;
+    for (const auto& [key, other] : connections_) {
+        if (other->isServed() && !isPrivileged(other->peer())) {
+            held += other->held();
+            largest = other->held() > largest->held() ? key : largest;
+        }
+    }
+    if (held > settings_.limits.maxHeldBytes) {
+        largest->drop(fmt::format("{} bytes are held for all clients, most of them for this one", held));
+    }
+}
+
+/// Clients find an agent whose socket was removed by nothing but a new one.
+void Server::watchSocket() {
+    socketTimer_.expires_after(settings_.limits.socketCheck);
+    socketTimer_.async_wait([this, alive = std::weak_ptr(alive_)](const boost::system::error_code& cancelled) {
+        if (!alive.expired() && !cancelled) {
+            restoreSocket();
+            watchSocket();
+        }
+    });
+}
+
+void Server::restoreSocket() {
+    if (!file_->isGone()) {
+        return;
+    }
+    std::string trouble;
+    try {
+        auto file = std::make_unique<SocketFile>(settings_.socketPath, settings_.access.group);
+        boost::system::error_code ignored;
+        acceptor_.close(ignored);
+        acceptor_.assign(boost::asio::local::stream_protocol(), file->releaseListener());
+        file_ = std::move(file);
+        log::warning(fmt::format("{} was removed: made it anew", file_->path()));
+        accept();
+    } catch (const std::exception& error) {
+        trouble = error.what();
+    }
+    if (!trouble.empty() && trouble != socketTrouble_) {
+        log::error(trouble);
+    }
+    socketTrouble_ = std::move(trouble);
+}
+
 std::size_t Server::leaving() const {
     return static_cast<std::size_t>(std::count_if(connections_.begin(), connections_.end(),
                                                   [](const auto& entry) { return entry.second->isLeaving(); }));
@@ -151,12 +244,17 @@ void Server::connectionClosed(Connection& connection) {
     if (settings_.counters != nullptr) {
         settings_.counters->forget(&connection);
     }
+    const bool wasLarge = connection.mostHeld() >= kLargeBytes;
     events_.forget(connection);
     environments_.erase(&connection);
     connections_.erase(&connection);
+    if (wasLarge) {
+        ::malloc_trim(0);
+    }
 }
 
 void Server::frameReceived(Connection& from, const wire::Frame& frame) {
+    from.interests().anything = from.interests().anything || !frame.has_ping();
     if (frame.has_snapshot_request()) {
         sendSnapshot(from, frame.request_id());
     } else if (frame.has_vocabulary_request()) {

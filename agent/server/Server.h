@@ -45,9 +45,9 @@ struct ServerSettings {
     Eid serverEid;           ///< the identifier of this host's agent
     AccessPolicy access;
     ServerLimits limits;
-    AlertRaiser* raiser = nullptr;       ///< null: nobody; else must outlive the server
+    AlertRaiser* raiser = nullptr;        ///< null: nobody; else must outlive the server
     EventConsumers* consumers = nullptr;  ///< null: nothing is kept for anybody; else must outlive the server
-    CounterService* counters = nullptr;  ///< null: there are none; else must outlive the server
+    CounterService* counters = nullptr;   ///< null: there are none; else must outlive the server
     std::function<WallTime()> clock = std::chrono::system_clock::now;
 };
 
@@ -73,17 +73,23 @@ public:
     /// @brief Sends alerts to those who have subscribed to events.
     void publish(const std::vector<Alert>& alerts) { events_.publish(alerts); }
 
-    const std::string& socketPath() const { return file_.path(); }
+    const std::string& socketPath() const { return file_->path(); }
 
 private:
     FrameBody hello() override { return hello_; }
     void frameReceived(Connection& from, const wire::Frame& frame) override;
     void drained(Connection& connection) override;
+    void grown(Connection& connection) override;
     void connectionClosed(Connection& connection) override;
 
     void accepted(const boost::system::error_code& error, Connection::Socket socket);
     void acceptFailed(const boost::system::error_code& error);
     void admit(Connection::Socket socket);
+    std::string whyFull(const PeerIdentity& peer) const;
+    bool makePlaceFor(const PeerIdentity& peer);
+    bool isPrivileged(const PeerIdentity& peer) const;
+    void watchSocket();
+    void restoreSocket();
     void subscribe(Connection& from, const wire::Frame& frame);
     void raise(Connection& from, const wire::Frame& frame);
     void startMonitor(Connection& from, const wire::Frame& frame);
@@ -96,7 +102,7 @@ private:
 
     const ServerSettings settings_;
     HostContent& content_;
-    SocketFile file_;
+    std::unique_ptr<SocketFile> file_;  ///< never null
     FrameBody hello_;
     FrameBody pong_;
     FrameBody done_;
@@ -104,6 +110,8 @@ private:
     std::unordered_map<Connection*, EnvironmentStream> environments_;  ///< who has asked for them
     boost::asio::local::stream_protocol::acceptor acceptor_;
     boost::asio::steady_timer acceptTimer_;
+    boost::asio::steady_timer socketTimer_;
+    std::string socketTrouble_;                ///< logged last
     boost::system::error_code acceptTrouble_;  ///< the last one logged: repeated trouble is one line
     std::unordered_map<Connection*, std::shared_ptr<Connection>> connections_;
     std::shared_ptr<const bool> alive_ = std::make_shared<const bool>(true);  ///< what late handlers look at

@@ -11,6 +11,18 @@ struct ServerLimits {
     /// Connections served at a time. A host has a handful of programs that connect.
     std::size_t maxConnections = 256;
 
+    /// Of these, connections of one user who is not root, and those left for root and the agent's own user.
+    std::size_t maxConnectionsOfUser = 32;
+    std::size_t reservedConnections = 64;
+
+    /// A client's frame, in bytes and in fields: enough for a request that names as many containers as it may.
+    std::size_t maxRequestBytes = std::size_t{1536} * 1024;
+    std::size_t maxRequestFields = 70'000;
+
+    /// What is held for all clients together that are not root's: bytes not read by them, and parts of requests. Beyond
+    /// it the one that holds most is dropped.
+    std::size_t maxHeldBytes = std::size_t{32} * 1024 * 1024;
+
     /// Load of a connection's outbox at which it is dropped: many times the largest usual snapshot, so that only a
     /// peer that does not read gets there.
     std::size_t maxUnsentBytes = std::size_t{64} * 1024 * 1024;
@@ -26,6 +38,9 @@ struct ServerLimits {
 
     /// Refused connections that may wait for their peer at a time; beyond it they are closed right away.
     std::size_t maxFarewells = 64;
+
+    /// Between checks that the socket is still where clients look for it.
+    std::chrono::milliseconds socketCheck{2000};
 
     /// Pause after the system has refused to accept a connection, for lack of descriptors or memory.
     std::chrono::milliseconds acceptPause{100};

@@ -136,6 +136,11 @@ SocketFile::~SocketFile() {
     }
 }
 
+bool SocketFile::isGone() const {
+    struct stat info {};
+    return ::lstat(path_.c_str(), &info) != 0 && (errno == ENOENT || errno == ENOTDIR);
+}
+
 void SocketFile::bindPrivately() {
     const sockaddr_un address = addressOf(path_);
     OwnedDescriptor made = makeSocket(path_, 0);

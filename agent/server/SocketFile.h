@@ -26,6 +26,9 @@ public:
 
     const std::string& path() const { return path_; }
 
+    /// @return whether there is nothing at the path any more: somebody has removed the file
+    bool isGone() const;
+
     /// @brief Hands the listening descriptor over, once.
     int releaseListener() { return listener_.release(); }
 

@@ -276,3 +276,19 @@ def test_a_walk_never_sees_half_a_report(host):
     for value in (1, 2, 3):
         host.agent.writeInventory(inventory(value))
         waitUntil(lambda: isWhole(value), PUSHED_WITHIN_S, f"{value} is shown of all")  # noqa: B023
+
+
+# ---- numbers that change --------------------------------------------------------------------------------------------
+
+
+def test_containers_that_swap_numbers_or_get_new_ones_show_their_own_counters(host):
+    quick(host, both("a", 101, bytesIn=1000) + both("b", 102, bytesIn=10))
+    waitForValue(host, bytesIn(101), 1000)
+    waitForValue(host, bytesIn(102), 10)
+    host.agent.writeInventory(both("a", 102, bytesIn=1000) + both("b", 101, bytesIn=10))
+    waitForValue(host, bytesIn(101), 10)
+    waitForValue(host, bytesIn(102), 1000)
+    host.agent.writeInventory(both("a", 103, bytesIn=1000) + both("c", 101, bytesIn=7))
+    waitForValue(host, bytesIn(103), 1000)
+    waitForValue(host, bytesIn(101), 7)
+    waitForVeids(host, NETWORK_COUNTERS, [101, 103])

@@ -13,7 +13,7 @@ from support.parts import Agent
 from support.wait import waitUntil
 
 INVENTORY = '[[environment]]\nname = "first"\nveid = 101\n'
-MAX_FRAME_BYTES = 16 * 1024 * 1024
+MAX_FRAME_BYTES = 1536 * 1024
 MAX_CONNECTIONS = 256
 NOBODY = 65534
 

@@ -139,6 +139,10 @@ std::variant<std::string, InventoryError> readInventoryText(const std::string& p
 }
 
 std::variant<SimulatedHost, InventoryError> hostOfText(const std::string& text, const std::string& machineId) {
+    // A file that is being written is empty for a moment; a host without containers has a table [host].
+    if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
+        return InventoryError{0, 0, "is empty"};
+    }
     auto parsed = parseInventory(text);
     if (auto* error = std::get_if<InventoryError>(&parsed)) {
         return std::move(*error);

@@ -1,5 +1,7 @@
 #include "agent/inventory/Inventory.h"
 
+#include "agent/inventory/Numbers.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -304,6 +306,77 @@ TEST(Inventory, TakesTenThousandContainersQuickly) {
     EXPECT_EQ(inventory.apply(containers).size(), 1U);
     // Comparing each with each would take many seconds, also in a sanitized build.
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+}
+
+TEST(Inventory, LargeContainersShareChunksAsFarAsTheyFit) {
+    Inventory inventory(hostOf());
+    std::vector<Environment> containers;
+    for (int i = 0; i < 40; ++i) {
+        containers.push_back(container(std::to_string(i)));
+        containers.back().description = std::string(1000 * 1000, 'd');
+    }
+    const auto deltas = inventory.apply(containers);
+    EXPECT_EQ(deltas.size(), 10U);
+    EXPECT_EQ(inventory.snapshot()->size(), 10U);
+}
+
+// ---- environments that are gone ----
+
+TEST(Inventory, WhatSomethingIsOutstandingAboutStaysDepartedForThoseWhoKnowThat) {
+    Inventory inventory(hostOf());
+    inventory.apply({container("a"), container("b"), container("c")});
+    std::vector<EnvironmentChange> changes;
+    const auto isA = [](const Eid& eid) { return eid == container("a").eid; };
+    const auto deltas = inventory.apply({container("c")}, &changes, isA);
+    EXPECT_EQ(changes.size(), 2U) << "both are gone";
+    ASSERT_EQ(deltas.size(), 1U);
+    const wire::Delta plain = test::decode(deltas.plain[0]).delta();
+    EXPECT_EQ(plain.removed_eids_size(), 2);
+    EXPECT_EQ(plain.changed_size(), 0);
+    const wire::Delta aware = test::decode(deltas.withDeparted[0]).delta();
+    EXPECT_EQ(aware.generation(), plain.generation());
+    EXPECT_EQ(aware.removed_eids_size(), 1);
+    ASSERT_EQ(aware.changed_size(), 1);
+    EXPECT_TRUE(aware.changed(0).departed());
+    EXPECT_EQ(aware.changed(0).eid(), container("a").eid.toWire());
+    EXPECT_FALSE(inventory.contains(container("a").eid));
+    EXPECT_NE(inventory.find(container("a").eid), nullptr);
+    EXPECT_EQ(test::decode(inventory.snapshot(false)->chunk(0)).snapshot_chunk().environments_size(), 2);
+    EXPECT_EQ(test::decode(inventory.snapshot(true)->chunk(0)).snapshot_chunk().environments_size(), 3);
+
+    EXPECT_TRUE(inventory.release(isA).empty());
+    const auto last = inventory.release([](const Eid&) { return false; });
+    ASSERT_EQ(last.size(), 1U);
+    EXPECT_EQ(test::decode(last.withDeparted[0]).delta().removed_eids_size(), 1);
+    EXPECT_EQ(test::decode(last.plain[0]).delta().removed_eids_size(), 0);
+    EXPECT_EQ(test::decode(last.plain[0]).delta().generation(), inventory.generation());
+    EXPECT_EQ(inventory.find(container("a").eid), nullptr);
+}
+
+TEST(Inventory, ASnapshotThatIsBeingSentStaysAsItWasTaken) {
+    Inventory inventory(hostOf());
+    inventory.apply({container("a")});
+    const auto snapshot = inventory.snapshot();
+    inventory.apply({});
+    EXPECT_EQ(test::decode(snapshot->chunk(0)).snapshot_chunk().environments_size(), 2);
+}
+
+TEST(Numbers, WhoTakesAnothersNumberAndWhoChangesItsOwnIsRenumbered) {
+    const auto numbered = [](const std::string& name, std::optional<std::int32_t> number) {
+        Environment made = container(name);
+        made.veid = number;
+        return made;
+    };
+    const Eid a = container("a").eid;
+    const Eid b = container("b").eid;
+    const Eid c = container("c").eid;
+    Numbers numbers;
+    EXPECT_TRUE(numbers.update({numbered("a", 1), numbered("b", 2)}).empty());
+    EXPECT_EQ(numbers.update({numbered("a", 2), numbered("b", 1)}), (std::vector<Renumbered>{{a, b}, {b, a}}))
+        << "they have swapped";
+    EXPECT_EQ(numbers.update({numbered("a", 3), numbered("b", 1)}), (std::vector<Renumbered>{{a, std::nullopt}}));
+    EXPECT_EQ(numbers.update({numbered("c", 3), numbered("b", 1)}), (std::vector<Renumbered>{{c, a}}));
+    EXPECT_TRUE(numbers.update({numbered("c", 3), numbered("b", 1), numbered("a", 1)}).empty()) << "b has it still";
 }
 
 }  // namespace

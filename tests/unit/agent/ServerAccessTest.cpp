@@ -90,16 +90,45 @@ TEST_F(ServerAccess, aFrameOfExactlyTheLimitIsTaken) {
     ping.mutable_ping();
     std::string payload = ping.SerializeAsString();
     // The rest is one field that nobody knows: its tag, its length in four bytes, and that many bytes.
-    const std::size_t rest = wire::kMaxFrameBytes - payload.size() - 2 - 4;
+    const std::size_t limit = settings_.limits.maxRequestBytes;
+    const std::size_t rest = limit - payload.size() - 2 - 4;
     payload += "\xfa\x07";
     for (std::size_t i = 0; i < 4; ++i) {
         payload += static_cast<char>(((rest >> (7 * i)) & 0x7fU) | (i < 3 ? 0x80U : 0U));
     }
     payload.append(rest, 'x');
-    peer.sendBytes(std::string("\x01\0\0\0", 4) + payload);
+    std::string header;
+    for (const unsigned shift : {24U, 16U, 8U, 0U}) {
+        header += static_cast<char>((limit >> shift) & 0xffU);
+    }
+    peer.sendBytes(header + payload);
     const auto answer = peer.receive();
     ASSERT_TRUE(answer && answer->has_pong());
     EXPECT_EQ(answer->request_id(), 8U);
+}
+
+// ---- a socket that is removed ----
+
+TEST_F(ServerAccess, aSocketThatIsRemovedIsMadeAnewAndClientsStayConnected) {
+    settings_.limits.socketCheck = std::chrono::milliseconds(5);
+    serve();
+    Peer before = connect();
+    before.shakeHands();
+    std::filesystem::remove(settings_.socketPath);
+    ASSERT_TRUE(test::eventually([&] { return std::filesystem::exists(settings_.socketPath); }));
+    ASSERT_TRUE(test::eventually([&] {
+        try {
+            Peer after = connect();
+            return true;
+        } catch (const std::exception&) {
+            return false;
+        }
+    }));
+    Peer after = connect();
+    after.shakeHands();
+    EXPECT_TRUE(after.isServed());
+    EXPECT_TRUE(before.isServed());
+    expectOneLine({settings_.socketPath, "was removed: made it anew"});
 }
 
 }  // namespace

@@ -60,21 +60,24 @@ TEST_F(ServerRefusal, aFrameOverTheLimitIsRefusedBeforeItsContentComes) {
     serve();
     Peer peer = connect();
     peer.shakeHands();
-    peer.sendBytes(header(wire::kMaxFrameBytes + 1));
+    peer.sendBytes(header(static_cast<std::uint32_t>(settings_.limits.maxRequestBytes + 1)));
     expectRefusal(peer, wire::ERROR_MALFORMED);
-    expectOneLine({std::to_string(wire::kMaxFrameBytes + 1), std::to_string(wire::kMaxFrameBytes), "\"tester\""});
+    expectOneLine({std::to_string(settings_.limits.maxRequestBytes + 1),
+                   std::to_string(settings_.limits.maxRequestBytes), "\"tester\""});
 }
 
 TEST_F(ServerRefusal, theReasonReachesAPeerThatIsStillSending) {
     serve();
     Peer peer = connect();
     peer.shakeHands();
-    peer.sendBytes(header(wire::kMaxFrameBytes + 1) + std::string(8U * 1024 * 1024, 'x'));
+    peer.sendBytes(header(static_cast<std::uint32_t>(settings_.limits.maxRequestBytes + 1)) +
+                   std::string(8U * 1024 * 1024, 'x'));
     expectRefusal(peer, wire::ERROR_MALFORMED);
     // As much as a socket holds and more than is read at a time: a close with the rest unread would be a reset.
     Peer brief = connect();
     brief.shakeHands();
-    brief.sendBytes(header(wire::kMaxFrameBytes + 1) + std::string(100000, 'x'));
+    brief.sendBytes(header(static_cast<std::uint32_t>(settings_.limits.maxRequestBytes + 1)) +
+                    std::string(100000, 'x'));
     expectRefusal(brief, wire::ERROR_MALFORMED);
 }
 
@@ -240,31 +243,50 @@ TEST_F(ServerRefusal, aLackOfDescriptorsIsLoggedOnceAndGotOver) {
     first.shakeHands();
     rlimit former{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
-    {
-        // The client's own end is there before the limit, so that only the server finds no descriptor free.
-        OwnedDescriptor lowest(::dup(0));
-        OwnedDescriptor client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        settings_.socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
-        rlimit tight = former;
-        tight.rlim_cur = static_cast<rlim_t>(lowest.get());
-        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
-        const int connected = ::connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-        // Long enough for many tries to accept.
-        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
-        bool served = true;
-        while (served && std::chrono::steady_clock::now() < end) {
-            served = first.isServed();
+    for (int round = 0; round < 2; ++round) {
+        {
+            // The client's own end is there before the limit, so that only the server finds no descriptor free.
+            OwnedDescriptor lowest(::dup(0));
+            OwnedDescriptor client(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+            sockaddr_un address{};
+            address.sun_family = AF_UNIX;
+            settings_.socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
+            rlimit tight = former;
+            tight.rlim_cur = static_cast<rlim_t>(lowest.get());
+            ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+            const int connected = ::connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+            // Long enough for many tries to accept.
+            const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+            bool served = true;
+            while (served && std::chrono::steady_clock::now() < end) {
+                served = first.isServed();
+            }
+            ::setrlimit(RLIMIT_NOFILE, &former);
+            EXPECT_EQ(connected, 0);
+            EXPECT_TRUE(served);
         }
-        ::setrlimit(RLIMIT_NOFILE, &former);
-        EXPECT_EQ(connected, 0);
-        EXPECT_TRUE(served);
+        Peer late = connect();
+        late.shakeHands();
+        EXPECT_TRUE(late.isServed());
     }
-    Peer late = connect();
-    late.shakeHands();
-    EXPECT_TRUE(late.isServed());
-    expectOneLine({"cannot accept", settings_.socketPath});
+    const std::string log = logged();
+    EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 2) << "once each time it begins: " << log;
+    EXPECT_THAT(log, testing::HasSubstr("cannot accept"));
+}
+
+// ---- requests that take more memory than they should ----
+
+TEST_F(ServerRefusal, aFrameOfMoreFieldsThanAnyRequestHasIsRefusedBeforeItIsParsed) {
+    serve();
+    Peer peer = connect();
+    peer.shakeHands();
+    wire::Frame frame;
+    for (std::size_t i = 0; i <= settings_.limits.maxRequestFields; ++i) {
+        frame.mutable_counter_query()->add_eids("");
+    }
+    peer.send(frame);
+    expectRefusal(peer, wire::ERROR_MALFORMED);
+    expectOneLine({"refused", "more than 70000 fields"});
 }
 
 TEST(AccessPolicy, admitsRootItsOwnUserAndTheGroupOnly) {

@@ -121,9 +121,19 @@ TEST(SocketFile, whileOneAgentStartsAnotherDoesNot) {
     { const SocketFile file(path, std::nullopt); }
     EXPECT_EQ(infoOf(path + ".lock").st_mode, S_IFREG | 0600U);
     const OwnedDescriptor starting(::open((path + ".lock").c_str(), O_RDWR));
-    ASSERT_EQ(::flock(starting.get(), LOCK_EX), 0);
-    EXPECT_THAT([&] { const SocketFile second(path, std::nullopt); },
-                ThrowsMessage<std::runtime_error>(AllOf(HasSubstr(path), HasSubstr("being started"))));
+    for (const int kind : {LOCK_EX, LOCK_SH}) {
+        ASSERT_EQ(::flock(starting.get(), kind), 0);
+        EXPECT_THAT([&] { const SocketFile second(path, std::nullopt); },
+                    ThrowsMessage<std::runtime_error>(AllOf(HasSubstr(path), HasSubstr("being started"))));
+    }
+}
+
+TEST(SocketFile, aSocketThatIsRemovedIsGone) {
+    const TemporaryFolder folder;
+    const SocketFile file(folder / "sub/agent.sock", std::nullopt);
+    EXPECT_FALSE(file.isGone());
+    std::filesystem::remove_all(folder / "sub");
+    EXPECT_TRUE(file.isGone());
 }
 
 // Every user of the host can open the folder, which is all it takes to lock it.

@@ -307,5 +307,72 @@ TEST_F(Reports, AgreeWithTheCounterWhateverComesAndGoes) {
     }
 }
 
+/// @return the groups of a report, of all its frames
+std::vector<wire::CounterGroup> groupsOf(const std::vector<FrameBody>& bodies) {
+    std::vector<wire::CounterGroup> groups;
+    for (const FrameBody& body : bodies) {
+        wire::Frame frame;
+        EXPECT_TRUE(frame.ParseFromString(*body));
+        groups.insert(groups.end(), frame.counter_sample().groups().begin(), frame.counter_sample().groups().end());
+    }
+    return groups;
+}
+
+/// @return the increase that a report tells of the only counter of each row
+std::vector<std::int64_t> increasesIn(const std::vector<FrameBody>& bodies) {
+    std::vector<std::int64_t> increases;
+    for (const wire::CounterGroup& group : groupsOf(bodies)) {
+        for (int i = 2; i < group.values_size(); i += 3) {
+            increases.push_back(group.values(i));
+        }
+    }
+    return increases;
+}
+
+class Report : public testing::Test {
+protected:
+    std::vector<FrameBody> report(const CounterImage& image, const std::set<std::string>& classes = {kNet}) {
+        return makeReport(image, {classes, {}}, kinds_, before_, told_, 7, 1000);
+    }
+    CounterTable net(std::vector<CounterRow> rows) { return {kNet, names({"bytes_in"}), std::move(rows)}; }
+
+    CounterKinds kinds_{{vocabularyOf(kNet, {{"bytes_in", 2}})}};
+    CounterMemory before_;
+    CounterMemory told_;
+};
+
+TEST_F(Report, AnInterfaceThatGoesAndReturnsCountsFromItsStartAgain) {
+    const CounterRow one{eidOf(1), "1", {100}};
+    const CounterRow two{eidOf(1), "2", {500}};
+    EXPECT_THAT(increasesIn(report({second(1), {net({one, two})}})), ElementsAre(100, 500));
+    EXPECT_THAT(increasesIn(report({second(2), {net({one})}})), ElementsAre(0));
+    EXPECT_THAT(increasesIn(report({second(3), {net({one, two})}})), ElementsAre(0, 500)) << "it was forgotten";
+}
+
+TEST_F(Report, ManyRowsShareFrames) {
+    CounterTable table{kNet, names(std::vector<std::string>(1000, "bytes_in")), {}};
+    for (int i = 0; i < 450; ++i) {
+        table.rows.push_back({eidOf(1), std::to_string(i), std::vector<std::int64_t>(1000)});
+    }
+    EXPECT_EQ(report({second(1), {table}}).size(), 3U);
+}
+
+TEST_F(Report, WhoSwapsNumbersGoesOnFromWhatTheNumberShowed) {
+    const auto image = [&](int at, std::int64_t one, std::int64_t two) {
+        return CounterImage{second(at), {net({{eidOf(1), "1", {one}}, {eidOf(2), "1", {two}}})}};
+    };
+    report(image(1, 1000, 10));
+    told_.renumber({{eidOf(1), eidOf(2)}, {eidOf(2), eidOf(1)}});
+    EXPECT_THAT(increasesIn(report(image(2, 1001, 12))), ElementsAre(991, -988)) << "10 and 1000 were told under them";
+    EXPECT_THAT(increasesIn(report(image(3, 1002, 13))), ElementsAre(1, 1));
+}
+
+TEST_F(Report, WhoGetsANumberThatWasNobodysCountsFromItsStart) {
+    const CounterImage image{second(1), {net({{eidOf(1), "1", {1000}}})}};
+    report(image);
+    told_.renumber({{eidOf(1), std::nullopt}});
+    EXPECT_THAT(increasesIn(report(image)), ElementsAre(1000));
+}
+
 }  // namespace
 }  // namespace kx::agent

@@ -275,5 +275,36 @@ TEST_F(Service, LeavesALateReadingAloneWhenItIsGone) {
     EXPECT_THAT(peer_.frames, IsEmpty());
 }
 
+TEST_F(Service, ANewScaleTakesEffectAtOnce) {
+    EXPECT_THAT(service_.start(&peer_, peer_.send, 1, monitorOf(86400)), IsEmpty());
+    service_.setPeriodScale(1e-6);
+    EXPECT_TRUE(runUntil([&] { return !readings_.empty(); }));
+}
+
+TEST_F(Service, AReadingThatWasGivenUpIsNotReported) {
+    service_.query(&peer_, peer_.send, 1, queryOf());
+    const CounterSink outdated = readings_.back();
+    service_.readAnew();
+    ASSERT_THAT(readings_, SizeIs(2));
+    outdated({std::chrono::steady_clock::now(), {}});
+    EXPECT_THAT(peer_.frames, IsEmpty());
+    finish(42);
+    ASSERT_THAT(peer_.frames, SizeIs(1));
+    EXPECT_EQ(valueOf(peer_.frames[0]), 42);
+}
+
+TEST_F(Service, AllMonitorsAndQuestionsOfAClientNameABoundedNumberOfContainers) {
+    wire::MonitorStart monitor = monitorOf(60);
+    wire::CounterQuery query = queryOf();
+    for (int i = 0; i < 40'000; ++i) {
+        monitor.add_eids(std::string(16, 'e'));
+        query.add_eids(std::string(16, 'e'));
+    }
+    EXPECT_THAT(service_.start(&peer_, peer_.send, 1, monitor), IsEmpty());
+    EXPECT_THAT(service_.start(&peer_, peer_.send, 2, monitor), HasSubstr("more than 65536 identifiers"));
+    EXPECT_THAT(service_.query(&peer_, peer_.send, 3, query), HasSubstr("more than 65536 identifiers"));
+    EXPECT_THAT(service_.query(&other_, other_.send, 1, query), IsEmpty());
+}
+
 }  // namespace
 }  // namespace kx::agent

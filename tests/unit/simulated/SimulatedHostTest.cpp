@@ -69,7 +69,7 @@ TEST(SimulatedHost, KeepsTheCountersOfTheEnvironmentsThatHaveAny) {
 
 TEST(SimulatedHost, PublishesTheStandardVocabulariesOfItsVersion) {
     EXPECT_EQ(hostOf("[host]\nproduct_version = '7'\n").image.vocabularies, standardVocabularies("7"));
-    EXPECT_EQ(hostOf("").image.vocabularies, standardVocabularies(std::nullopt));
+    EXPECT_EQ(hostOf("[host]\n").image.vocabularies, standardVocabularies(std::nullopt));
 }
 
 TEST(SimulatedHost, ReplacesADescribedCategoryInItsPlace) {
