@@ -29,12 +29,9 @@ void EventPublisher::subscribe(Connection& from, const wire::EventSubscribe& req
             fmt::format("{} and {} are both subscribed as \"{}\": every alert is reported twice until one of "
                         "them is stopped",
                         other->first->peer().describe(), from.peer().describe(), id.name));
-<<<<<<< HEAD
     }
     if (id.name.empty() && request.since_ms() != 0) {
         from.sendTogether(history_.since(request.since_ms()));
-=======
->>>>>>> c2fbc6d (agent: bound what clients hold, follow numbers)
     }
     attach(*streams_.emplace(&from, std::make_unique<EventStream>(from, host_, id)).first->second);
 }
