@@ -45,6 +45,9 @@ public:
     /// not started there is nothing to be read
     virtual void readCounters(const CounterSink& sink) { sink({std::chrono::steady_clock::now(), {}}); }
 
+    /// @return how up to date what was delivered is
+    virtual Freshness freshness() const { return {}; }
+
     /// @return whether there is no real host behind it, so that alerts may be made up as clients wish
     virtual bool isDescribed() const { return false; }
 };

@@ -105,6 +105,7 @@ std::unique_ptr<Server> Agent::makeServer(const Config& config) {
                             this,
                             &alerts_.consumers(),
                             &counters_};
+    settings.freshness = [this] { return slot_ ? slot_->freshness() : Freshness(); };
     return std::make_unique<Server>(io_, std::move(settings), content_);
 }
 

@@ -42,6 +42,9 @@ public:
     /// @brief See Backend::readCounters().
     void readCounters(const CounterSink& sink) { backend_->readCounters(sink); }
 
+    /// @brief See Backend::freshness().
+    Freshness freshness() const { return backend_->freshness(); }
+
     BackendKind kind() const { return kind_; }
     std::string name() const { return backend_->name(); }
     bool isDescribed() const { return backend_->isDescribed(); }

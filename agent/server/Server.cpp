@@ -22,9 +22,13 @@ FrameBody encodeHello(const ServerSettings& settings) {
     return encodeBody(frame);
 }
 
-FrameBody encodePong() {
+FrameBody encodePong(const Freshness& freshness) {
     wire::Frame frame;
-    frame.mutable_pong();
+    wire::Pong& pong = *frame.mutable_pong();
+    if (freshness.age) {
+        pong.set_content_age_ms(static_cast<std::uint64_t>(freshness.age->count()));
+    }
+    pong.set_silent_containers(freshness.silent);
     return encodeBody(frame);
 }
 
@@ -69,7 +73,6 @@ Server::Server(boost::asio::io_context& io, ServerSettings settings, HostContent
       content_(content),
       file_(std::make_unique<SocketFile>(settings_.socketPath, settings_.access.group)),
       hello_(encodeHello(settings_)),
-      pong_(encodePong()),
       done_(encodeDone()),
       events_(settings_.serverEid, settings_.consumers, settings_.clock),
       acceptor_(io, boost::asio::local::stream_protocol(), file_->releaseListener()),
@@ -261,7 +264,7 @@ void Server::frameReceived(Connection& from, const wire::Frame& frame) {
         from.interests().vocabularies = true;
         from.send(frame.request_id(), content_.vocabularySet());
     } else if (frame.has_ping()) {
-        from.send(frame.request_id(), pong_);
+        from.send(frame.request_id(), encodePong(settings_.freshness()));
     } else if (frame.has_event_subscribe()) {
         subscribe(from, frame);
     } else if (frame.has_event_ack()) {

@@ -48,6 +48,7 @@ struct ServerSettings {
     AlertRaiser* raiser = nullptr;        ///< null: nobody; else must outlive the server
     EventConsumers* consumers = nullptr;  ///< null: nothing is kept for anybody; else must outlive the server
     CounterService* counters = nullptr;   ///< null: there are none; else must outlive the server
+    std::function<Freshness()> freshness = [] { return Freshness(); };
     std::function<WallTime()> clock = std::chrono::system_clock::now;
 };
 
@@ -104,7 +105,6 @@ private:
     HostContent& content_;
     std::unique_ptr<SocketFile> file_;  ///< never null
     FrameBody hello_;
-    FrameBody pong_;
     FrameBody done_;
     EventPublisher events_;
     std::unordered_map<Connection*, EnvironmentStream> environments_;  ///< who has asked for them

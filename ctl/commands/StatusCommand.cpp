@@ -26,6 +26,7 @@ struct Status {
     KXLEID server;
     std::optional<std::string> version;
     std::chrono::microseconds roundTrip{0};
+    KXLFreshness freshness;
     std::size_t environments = 0;
     std::size_t containers = 0;
     std::size_t unnumbered = 0;
@@ -47,7 +48,7 @@ Status askStatus(const std::string& socket) {
     const AgentConnection connection(socket);
     KXLAccessPointPrototype& agent = connection.accessPoint();
     Status status;
-    const int code = measureRoundTrip(agent, status.roundTrip);
+    const int code = measureRoundTrip(agent, status.roundTrip, status.freshness);
     if (code != 0) {
         throw Failure(ExitCode::Unreachable, whyUnreachable(code, socket));
     }
@@ -76,6 +77,10 @@ Json statusJson(const Status& status, const std::string& socket) {
         object.putText("product_version", *status.version);
     }
     object.put("round_trip_ms", static_cast<double>(status.roundTrip.count()) / 1000);
+    if (status.freshness.ageMs >= 0) {
+        object.put("age_ms", status.freshness.ageMs);
+        object.put("silent_containers", status.freshness.silentContainers);
+    }
     object.put("containers", containers);
     object.put("other_environments", status.environments - status.containers);
     return object;
@@ -92,8 +97,16 @@ std::string statesText(const Status& status, const Painter& painter) {
     return status.unnumbered == 0 ? text : text + fmt::format(" ({} without a number)", status.unnumbered);
 }
 
+std::string freshnessText(const KXLFreshness& freshness, const Painter& painter) {
+    std::string text = fmt::format("compared with the host {:.1f} s ago", static_cast<double>(freshness.ageMs) / 1000);
+    if (freshness.silentContainers > 0) {
+        text += painter(fmt::format(", {} containers do not answer", freshness.silentContainers), Paint::Yellow);
+    }
+    return text;
+}
+
 std::vector<std::string> statusLines(const Status& status, const std::string& socket, const Painter& painter) {
-    return {
+    std::vector<std::string> lines{
         fmt::format("Agent:       {} at {}", status.agent, printable(socket)),
         fmt::format("Reachable:   {}, it answers in {}", painter("yes", Paint::Green), milliseconds(status.roundTrip)),
         fmt::format("Server EID:  {}", status.server.toString()),
@@ -101,6 +114,10 @@ std::vector<std::string> statusLines(const Status& status, const std::string& so
         fmt::format("Containers:  {}", statesText(status, painter)),
         fmt::format("Others:      {}", status.environments - status.containers),
     };
+    if (status.freshness.ageMs >= 0) {
+        lines.push_back(fmt::format("Up to date:  {}", freshnessText(status.freshness, painter)));
+    }
+    return lines;
 }
 
 ExitCode showUnreachable(const std::string& why, const std::string& socket, Output& output) {

@@ -156,7 +156,8 @@ void askAgent(AgentReport& report, const std::string& socket) {
     KXLAccessPointPrototype& agent = connection.accessPoint();
     report.eid = agent.getEID().toString();
     std::chrono::microseconds took{};
-    const int code = measureRoundTrip(agent, took);
+    KXLFreshness freshness;
+    const int code = measureRoundTrip(agent, took, freshness);
     if (code != 0) {
         report.findings.push_back({Verdict::Fail, "agent", whyUnreachable(code, socket), kStart});
         return;

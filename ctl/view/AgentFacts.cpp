@@ -11,9 +11,9 @@ std::optional<std::string> productVersion(const KXLAccessPointPrototype& agent) 
     return parameter && parameter->getValue(version, KXL_FIELD_VALUE) == 0 ? std::optional(version) : std::nullopt;
 }
 
-int measureRoundTrip(KXLAccessPointPrototype& agent, std::chrono::microseconds& took) {
+int measureRoundTrip(KXLAccessPointPrototype& agent, std::chrono::microseconds& took, KXLFreshness& freshness) {
     const auto start = std::chrono::steady_clock::now();
-    const int code = agent.pingSync();
+    const int code = agent.pingSync(freshness);
     took = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
     return code;
 }

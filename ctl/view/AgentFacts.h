@@ -14,8 +14,9 @@ std::optional<std::string> productVersion(const KXLAccessPointPrototype& agent);
 
 /// @brief Asks the agent for a sign of life and waits for it.
 /// @param took receives how long it took
+/// @param freshness receives what it says of what it publishes
 /// @return 0, or a KXLRequestError
-int measureRoundTrip(KXLAccessPointPrototype& agent, std::chrono::microseconds& took);
+int measureRoundTrip(KXLAccessPointPrototype& agent, std::chrono::microseconds& took, KXLFreshness& freshness);
 
 /// @return "0.42 ms"
 std::string milliseconds(std::chrono::microseconds time);

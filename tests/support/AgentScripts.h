@@ -80,7 +80,8 @@ inline void answerUntilClosed(PeerSocket& peer) {
     wire::Frame frame;
     while (peer.read(frame)) {
         if (frame.has_ping()) {
-            frame.mutable_pong();
+            frame.mutable_pong()->set_content_age_ms(1500);
+            frame.mutable_pong()->set_silent_containers(2);
             peer.send(frame);
         }
     }

@@ -59,6 +59,8 @@ public:
         });
     }
 
+    Freshness freshness() const override { return watcher_ ? watcher_->freshness() : Freshness(); }
+
     std::string name() const override { return "lxc"; }
 
 private:

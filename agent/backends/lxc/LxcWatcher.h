@@ -43,6 +43,7 @@
 #include "agent/backends/lxc/VeIdStore.h"
 #include "agent/base/DetachedCalls.h"
 #include "agent/base/Worker.h"
+#include "agent/inventory/HostImage.h"
 
 namespace kx::agent::lxc {
 
@@ -66,6 +67,9 @@ public:
     /// @brief Stops and joins the worker; it waits for no container's files or monitor, but may wait for a file system
     /// that holds LXC's path itself.
     ~LxcWatcher();
+
+    /// @return how long ago everything was compared; any thread
+    Freshness freshness() const;
 
     LxcWatcher(const LxcWatcher&) = delete;
     LxcWatcher& operator=(const LxcWatcher&) = delete;
@@ -168,6 +172,8 @@ private:
     const Clock::time_point begunAt_;
     Clock::time_point compareAllAt_;
     Clock::time_point askForStartsAt_;
+    std::atomic<Clock::rep> comparedAt_{0};  ///< when the last comparison ended; 0: none has
+    std::atomic<std::uint32_t> silent_{0};   ///< containers that did not answer then
     unsigned comparisons_ = 0;
     bool changed_ = true;        ///< something is to be published; the first list always is
     bool begun_ = false;         ///< the first list has been published

@@ -82,11 +82,22 @@ void LxcWatcher::compareAll() {
     watchCgroups();
     listFolders();
     const auto sockets = presentCommandSockets();
+    std::uint32_t silent = 0;
     for (auto& [name, record] : records_) {
         compare(record, sockets);
+        silent += record.unansweredTries > 0 || !record.filesProblem.empty() ? 1 : 0;
     }
     compareAddresses();
+    silent_ = silent;
+    comparedAt_ = Clock::now().time_since_epoch().count();
     veIdsStale_ = veIdsStale_ || veIds_.hasUnsaved();
+}
+
+Freshness LxcWatcher::freshness() const {
+    const Clock::rep at = comparedAt_;
+    const Clock::duration age =
+        at == 0 ? Clock::now() - begunAt_ : Clock::now().time_since_epoch() - Clock::duration(at);
+    return {std::chrono::duration_cast<std::chrono::milliseconds>(age), silent_};
 }
 
 void LxcWatcher::listFolders() {

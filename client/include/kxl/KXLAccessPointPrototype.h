@@ -5,6 +5,7 @@
 
 #include <boost/intrusive_ptr.hpp>
 #include <boost/shared_ptr.hpp>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -24,6 +25,12 @@ class LoopTimers;
 class Session;
 class SessionDirectory;
 }  // namespace kx::client
+
+/// How up to date an agent is. A value.
+struct KXLFreshness {
+    std::int64_t ageMs = -1;  ///< since it last compared what it publishes with its host; -1: it does not say
+    std::uint32_t silentContainers = 0;  ///< of which older values are published, because they do not answer
+};
 
 /// @brief Access to agents: what an access point is made from.
 class KXLAccessPrototype : public virtual KXLRefCounter {
@@ -146,6 +153,10 @@ public:
     /// Must not be called on the loop thread, nor by what answers requests of others meanwhile.
     /// @return 0, or a KXLRequestError
     int pingSync();
+
+    /// @brief Likewise.
+    /// @param freshness receives what the agent says of what it publishes
+    int pingSync(KXLFreshness& freshness);
 
     /// @return the cache, never null; empty before the first connection, and what was last received after a loss
     boost::intrusive_ptr<KXLEnvCache> getEnvCache() const;

@@ -66,10 +66,21 @@ int KXLAccessPointPrototype::raiseAlertSync(const KXLResourceAlertData& alert, c
 }
 
 int KXLAccessPointPrototype::pingSync() {
+    KXLFreshness ignored;
+    return pingSync(ignored);
+}
+
+int KXLAccessPointPrototype::pingSync(KXLFreshness& freshness) {
     kx::wire::Frame request;
     request.mutable_ping();
     kx::wire::Frame answer;
-    return session_->call(std::move(request), answer);
+    const int code = session_->call(std::move(request), answer);
+    freshness = {};
+    if (answer.pong().has_content_age_ms()) {
+        freshness.ageMs = static_cast<std::int64_t>(answer.pong().content_age_ms());
+    }
+    freshness.silentContainers = answer.pong().silent_containers();
+    return code;
 }
 
 boost::intrusive_ptr<KXLEnvCache> KXLAccessPointPrototype::getEnvCache() const {

@@ -63,6 +63,18 @@ TEST_F(ServerService, bytesThatComeOneByOneAreServed) {
     EXPECT_TRUE(peer.isServed());
 }
 
+TEST_F(ServerService, APongSaysHowUpToDateTheContentIs) {
+    settings_.freshness = [] { return Freshness{std::chrono::milliseconds(1500), 3}; };
+    serve();
+    Peer peer = connect();
+    peer.shakeHands();
+    peer.ping(5);
+    const auto answer = peer.receive();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->pong().content_age_ms(), 1500U);
+    EXPECT_EQ(answer->pong().silent_containers(), 3U);
+}
+
 TEST_F(ServerService, framesThatComeTogetherAreAllAnsweredInOrder) {
     serve();
     Peer peer = connect();

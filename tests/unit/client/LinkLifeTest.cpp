@@ -55,7 +55,10 @@ TEST_F(LinkLife, AsksForASignOfLifeWhenItIsTold) {
     });
     EXPECT_EQ(accessPoint->pingSync(), KXL_ERROR_DISCONNECT) << "not connected";
     ASSERT_EQ(initialize(agent.path()), 0);
-    EXPECT_EQ(accessPoint->pingSync(), 0);
+    KXLFreshness freshness;
+    EXPECT_EQ(accessPoint->pingSync(freshness), 0);
+    EXPECT_EQ(freshness.ageMs, 1500);
+    EXPECT_EQ(freshness.silentContainers, 2U);
     loop->stop();
     EXPECT_EQ(accessPoint->pingSync(), KXL_ERROR_STOPPED);
 }

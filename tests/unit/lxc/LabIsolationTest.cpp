@@ -232,6 +232,8 @@ TEST_F(LabIsolationTest, hundredsOfSilentMonitorsDelayTheFirstListOnce) {
     EXPECT_TRUE(host_.is("other", State::Running));
     host_.act({"stop", "other"}, [&] { return host_.is("other", State::Stopped); });
     expectOtherIsSeen();
+    EXPECT_TRUE(host_.waitUntil([&] { return host_.freshness().silent == kSilent; }, kCompared));
+    EXPECT_LT(host_.freshness().age, kCompared);
     expectQuickStop();
 }
 

@@ -106,6 +106,7 @@ public:
     /// @return how many log lines have a text in them
     std::size_t logged(const std::string& part) const;
 
+    Freshness freshness() const { return backend_->freshness(); }
     std::size_t images() const { return images_; }
     std::size_t containers() const { return latest_.environments.size(); }
     const std::vector<Vocabulary>& vocabularies() const { return latest_.vocabularies; }
