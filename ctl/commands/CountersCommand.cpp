@@ -140,6 +140,7 @@ ExitCode runCounters(const CountersArguments& typed, const CommonOptions& common
         names = {typed.className};
     }
     std::vector<Shown> classes;
+    classes.reserve(names.size());
     for (const std::string& name : names) {
         classes.push_back(readClass(agent, name, environments, asked, common.socket));
     }

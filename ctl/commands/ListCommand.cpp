@@ -94,12 +94,14 @@ std::vector<ListColumn> chosenColumns(const ListArguments& typed) {
 
 Table tableOf(const std::vector<Environment>& environments, const std::vector<ListColumn>& chosen) {
     std::vector<TableColumn> columns;
+    columns.reserve(chosen.size());
     for (const ListColumn& one : chosen) {
         columns.push_back(one.column);
     }
     Table table(columns);
     for (const Environment& environment : environments) {
         std::vector<TableCell> row;
+        row.reserve(chosen.size());
         for (const ListColumn& one : chosen) {
             row.emplace_back(one.text(environment),
                              one.text == stateText ? statePaint(environment.state) : Paint::None);

@@ -156,7 +156,7 @@ std::optional<std::string> askNext(const SnmpPlaces& places) {
     if (!places.options.empty()) {
         return askAs(places.options, places);
     }
-    const auto said = askAs({"-v2c", "-c", places.community.value_or("public")}, places);
+    auto said = askAs({"-v2c", "-c", places.community.value_or("public")}, places);
     if (!said || places.community || isAnswer(*said)) {
         return said;
     }

@@ -4,6 +4,7 @@
 
 #include <boost/make_shared.hpp>
 #include <chrono>
+#include <csignal>
 #include <thread>
 
 #include "daemon/traps/SNMPNotificationData.h"
@@ -21,7 +22,10 @@ using testing::Pair;
 
 class MasterSessions : public testing::Test {
 protected:
-    static void SetUpTestSuite() { MasterSession::watch(); }
+    static void SetUpTestSuite() {
+        std::signal(SIGPIPE, SIG_IGN);  // as kxsnmp does
+        MasterSession::watch();
+    }
 
     /// @brief Sends a trap of about that size.
     static void sendTrap(std::size_t bytes = 100) {
