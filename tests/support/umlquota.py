@@ -284,12 +284,12 @@ def _leaveLittleMemory():
     """Has the guest's kernel keep most of what is free to itself. Were all of it used, the machine that the guest runs on
     would have to have as much."""
     free = int(re.search(r"MemFree: +(\d+)", Path("/proc/meminfo").read_text()).group(1))
-    Path("/proc/sys/vm/min_free_kbytes").write_text(str(max(free - 60 * 1024, free // 4)))
+    Path("/proc/sys/vm/min_free_kbytes").write_text(str(max(free - 120 * 1024, free // 4)))
 
 
 def _hog(group):
-    """Takes memory in a cgroup until it is killed."""
-    script = f"echo $$ >{group}/cgroup.procs && exec tail /dev/zero"
+    """Takes memory in a cgroup until it is killed, before any other process."""
+    script = f"echo 1000 >/proc/$$/oom_score_adj && echo $$ >{group}/cgroup.procs && exec tail /dev/zero"
     return subprocess.run(["/bin/sh", "-c", script], check=False).returncode
 
 
