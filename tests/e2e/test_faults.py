@@ -13,8 +13,8 @@ from support import process
 from support.askers import ANSWER_DEADLINE_S, Asker
 from support.host import ENTRY, ROOT, Host
 from support.raising import AlertRaiser
-from support.snmp import SnmpClient, SnmpError, SnmpTimeout, parseOid
-from support.traps import SINK_PORT, TrapSink
+from support.snmp import SnmpClient, SnmpError, SnmpTimeout
+from support.traps import SINK_PORT, SYS_UPTIME, TrapSink
 from support.wait import waitUntil
 
 DURATION_S = float(os.environ.get("KX_FAULT_SECONDS", "120"))
@@ -29,7 +29,6 @@ LOST_WITH_AGENT_S = 0.15  # what an agent has known for less than this may be lo
 WARM_UP_FAULTS = 10
 GROWTH_BYTES = 16 * 1024 * 1024
 
-SYS_UPTIME = parseOid("1.3.6.1.2.1.1.3.0")
 NUMBERS = ENTRY + (1,)
 MORE = re.compile(rb" \(and (\d+) more\)$")
 LOST = re.compile(r"(\d+) (?:alerts not sent as traps|traps sent and not confirmed)")
@@ -96,7 +95,7 @@ class FaultRun:
         self.random = random.Random(SEED)
         self.veid = 101
         self.raised = 0
-        self.faults = []
+        self.history = []  # name and begin of each fault
         self.excused = {"snmpd": [], "subtree": []}  # when the one or the other need not answer
         self.client = SnmpClient(host.snmpd.port)
         port = host.snmpd.port
@@ -163,11 +162,11 @@ class FaultRun:
 
     def waitUntilRight(self):
         expected = [self.veid, *range(FIRST_NUMBER, FIRST_NUMBER + CONTAINERS)]
-        waitUntil(lambda: self.numbers() == expected, RIGHT_AGAIN_S, f"the table is right again after {self.faults[-1]}")
+        waitUntil(lambda: self.numbers() == expected, RIGHT_AGAIN_S, f"the table is right again after {self.history[-1][0]}")
 
     def assertNobodyEnded(self):
         for pid in (self.host.snmpd.pid, self.host.kxsnmp.pid, self.host.agent.pid):
-            assert process.isAlive(pid), f"process {pid} has ended by itself after {self.faults[-3:]}"
+            assert process.isAlive(pid), f"process {pid} has ended by itself after {self.history[-3:]}"
 
     def accounted(self):
         """Alerts that have come as traps, that traps' texts count, or that kxsnmp has logged as lost."""
@@ -196,20 +195,18 @@ class FaultRun:
             self.restartSnmpd, self.restartKxsnmp, self.restartAgent, self.pauseSnmpd, self.pauseKxsnmp, self.pauseAgent,
             self.rewriteInventory, self.raiseAlerts, self.raiseAlerts,
         ]  # fmt: skip
-        self.history = []
         for manager in (self.uptime, *self.managers):
             manager.start()
         ending = time.monotonic() + DURATION_S
         before = None
         while time.monotonic() < ending:
             fault = self.random.choice(faults)
-            self.faults.append(fault.__name__)
             self.history.append((fault.__name__, time.monotonic()))
             fault()
             if self.random.random() < 0.5:  # else the next one comes on top of it
                 self.waitUntilRight()
                 self.assertNobodyEnded()
-            if len(self.faults) == WARM_UP_FAULTS:
+            if len(self.history) == WARM_UP_FAULTS:
                 before = self.resident()
         self.waitUntilRight()
         self.assertNobodyEnded()
@@ -237,7 +234,7 @@ def test_random_faults_leave_everything_right_and_answers_prompt(record_property
         after = run.resident()
         late = run.unexcused()
         answers = sum(manager.answers for manager in (run.uptime, *run.managers))
-        figures = f"seed {SEED}: {len(run.faults)} faults, {run.raised} alerts, {answers} answers, late {late}; "
+        figures = f"seed {SEED}: {len(run.history)} faults, {run.raised} alerts, {answers} answers, late {late}; "
         figures += f"resident {before} -> {after}"
         print(figures)
         record_property("figures", figures)
